@@ -1,0 +1,118 @@
+// Names and contents of the per-line information files.
+#include "tty/info_file.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <ttyline/tty.h>
+
+// After so many read errors in a row that delivered nothing the file is given
+// up: a directory in its place fails for ever, and the caller holds the lock
+// with all signals blocked.
+constexpr int READ_ERROR_LIMIT = 16;
+
+const char INFO_FILE[] = "/mng/tty/.tty_info";
+char g_tty_tmpbuf[LINE_LIMIT + 1];
+
+bool name_files(info_names *names, const char *prefix, unsigned int ttyno)
+{
+    const int length = snprintf(names->info, sizeof names->info, "%s_%d",
+                                prefix, static_cast<int>(ttyno));
+
+    if (length < 0 || static_cast<size_t>(length) >= sizeof names->info) {
+        errno = ENAMETOOLONG;
+        return false;
+    }
+    (void)snprintf(names->temporary, sizeof names->temporary, "%s.tmp",
+                   names->info);
+    (void)snprintf(names->lock, sizeof names->lock, "%s.lock", names->info);
+    return true;
+}
+
+static bool read_again(int error)
+{
+    return error == EAGAIN || error == EINPROGRESS || error == EINTR;
+}
+
+int tty_read_line(int fd, char *buf, int buflen)
+{
+    int count = 0;
+
+    if (buf == nullptr || fd < 0 || buflen <= 0) {
+        tty_debug_msg(0,
+                      "%s(pid %d:tid %d):read line fail, fd %d, buflen %d, "
+                      "buf %p\n",
+                      "tty_read_line", getpid(), gettid(), fd, buflen,
+                      static_cast<void *>(buf));
+        return 0;
+    }
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+    memset(buf, 0, static_cast<size_t>(buflen));
+    while (count < buflen) {
+        const ssize_t got = read(fd, buf + count, 1);
+        if (got < 0) {
+            if (read_again(errno)) {
+                continue;
+            }
+            return count;
+        }
+        if (got == 0) {
+            break;
+        }
+        const char last = buf[count++];
+        if (last == '\n' || last == '\0') {
+            return count;
+        }
+    }
+    if (count > 0) {
+        return count;
+    }
+    tty_debug_msg(1, "%s(pid %d:tid %d):read line fail, fd %d\n",
+                  "tty_read_line", getpid(), gettid(), fd);
+    return -1;
+}
+
+bool next_piece(int fd, bool *failed)
+{
+    int errors = 0;
+
+    for (;;) {
+        const int got = tty_read_line(fd, g_tty_tmpbuf, LINE_LIMIT);
+        if (got != 0) {
+            return got > 0;
+        }
+        if (++errors == READ_ERROR_LIMIT) {
+            *failed = true;
+            return false;
+        }
+    }
+}
+
+bool piece_is_of(const char *name)
+{
+    const size_t length = strlen(name);
+
+    return strncmp(g_tty_tmpbuf, name, length) == 0 &&
+           g_tty_tmpbuf[length] == '=';
+}
+
+void log_no_path(const char *function, unsigned int ttyno)
+{
+    tty_debug_msg(0,
+                  "%s(ttyno %d:pid %d:tid %d): make file %s fail errno:%d, "
+                  "%s\n",
+                  LINE_IDS(function, ttyno), INFO_FILE, errno, strerror(errno));
+}
+
+void log_open_failure(const char *function, unsigned int ttyno,
+                      const char *verb, const char *path)
+{
+    tty_debug_msg(0,
+                  "%s(ttyno %d:pid %d:tid %d): %s file %s fail errno:%d, "
+                  "%s\n",
+                  LINE_IDS(function, ttyno), verb, path, errno,
+                  strerror(errno));
+}

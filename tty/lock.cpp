@@ -1,0 +1,134 @@
+// One mutex per process, made on first use and made again after a fork.
+#include "tty/lock.h"
+
+#include <errno.h>
+#include <pthread.h>
+#include <sched.h>
+#include <signal.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <atomic>
+
+#include <ttyline/tty.h>
+
+#include "tty/console.h"
+
+static pthread_mutex_t g_tty_lib_lock;
+static std::atomic<unsigned char> tty_lib_lockable{0};
+// The process that the mutex was made in, and the one that is making it. A
+// child finds its parent's id in both and so starts afresh, whether or not
+// the parent was in the middle of it.
+static std::atomic<int> pid{-1};
+static std::atomic<int> initialising_pid{-1};
+// The mask that the thread inside the critical section had before.
+static sigset_t ori_set;
+
+static bool lock_usable(int self)
+{
+    return tty_lib_lockable.load() == 1 && pid.load() == self;
+}
+
+static bool make_lock(void)
+{
+    pthread_mutexattr_t attr;
+
+    return pthread_mutexattr_init(&attr) == 0 &&
+           pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE) == 0 &&
+           pthread_mutex_init(&g_tty_lib_lock, &attr) == 0;
+}
+
+void tty_lib_lock_init(void)
+{
+    const int self = getpid();
+
+    while (!lock_usable(self)) {
+        int other = initialising_pid.load();
+        if (other == self ||
+            !initialising_pid.compare_exchange_strong(other, self)) {
+            // Another thread is at it; to make the mutex twice would free it
+            // under the first one's feet.
+            sched_yield();
+            continue;
+        }
+        while (!make_lock()) {
+            tty_log_msg("%s(line %d:pid %d:tid:%d): lock init err:%s\r\n",
+                        "tty_lib_lock_init", __LINE__, self, gettid(),
+                        strerror(errno));
+        }
+        tty_lib_lockable.store(1);
+        pid.store(self);
+    }
+}
+
+void tty_lib_lock(void)
+{
+    tty_lib_lock_init();
+    pthread_mutex_lock(&g_tty_lib_lock);
+}
+
+void tty_lib_unlock(void)
+{
+    pthread_mutex_unlock(&g_tty_lib_lock);
+}
+
+// pthread_sigmask() returns its error; the messages report errno.
+static int change_mask(int how, const sigset_t *set, sigset_t *old)
+{
+    const int error = pthread_sigmask(how, set, old);
+
+    if (error != 0) {
+        errno = error;
+        return -1;
+    }
+    return 0;
+}
+
+void ttylib_set_sigproc(void)
+{
+    sigset_t all;
+
+    if (change_mask(SIG_BLOCK, nullptr, &ori_set) != 0) {
+        tty_debug_msg(
+            0, "%s(line %d:pid %d:tid %d): sigprocmask fail errno:%d, %s\n",
+            "ttylib_set_sigproc", __LINE__, getpid(), gettid(), errno,
+            strerror(errno));
+        return;
+    }
+    if (sigfillset(&all) < 0) {
+        tty_debug_msg(
+            0, "%s(line %d:pid %d:tid %d): sigfillset fail errno:%d, %s\n",
+            "ttylib_set_sigproc", __LINE__, getpid(), gettid(), errno,
+            strerror(errno));
+        return;
+    }
+    if (change_mask(SIG_BLOCK, &all, nullptr) != 0) {
+        tty_debug_msg(
+            0, "%s(line %d:pid %d:tid %d): sigprocmask1 fail errno:%d, %s\n",
+            "ttylib_set_sigproc", __LINE__, getpid(), gettid(), errno,
+            strerror(errno));
+    }
+}
+
+void ttylib_unset_sigproc(void)
+{
+    if (change_mask(SIG_SETMASK, &ori_set, nullptr) != 0) {
+        tty_debug_msg(
+            0, "%s(line %d:pid %d:tid %d): sig unset fail errno:%d, %s\n",
+            "ttylib_unset_sigproc", __LINE__, getpid(), gettid(), errno,
+            strerror(errno));
+    }
+}
+
+void ttylib_enter(void)
+{
+    tty_lib_lock_init();
+    tty_lib_lock();
+    ttylib_set_sigproc();
+}
+
+void ttylib_leave(void)
+{
+    ttylib_unset_sigproc();
+    tty_lib_unlock();
+}
