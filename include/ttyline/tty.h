@@ -25,6 +25,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 #if defined(__GNUC__)
 #define TTYLINE_PRINTF(fmt_arg, first_arg)                                     \
@@ -123,6 +124,7 @@ void tty_lib_unlock(void);
  */
 void tty_debug_msg(int level, const char *fmt, ...) TTYLINE_PRINTF(2, 3);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -41,6 +41,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 /*
  * Circular doubly linked list. The link is the first member of an element; an
@@ -272,6 +273,7 @@ void vc_debug_msg(const char *fmt, ...) TTYLINE_PRINTF(1, 2);
 void printk_syslog_ext(int level, const char *module, const char *tag,
                        int kind, const char *fmt, ...) TTYLINE_PRINTF(5, 6);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

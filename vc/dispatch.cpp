@@ -1,0 +1,337 @@
+// What the inetd orders, one function per kind of record.
+#include "vc/dispatch.h"
+
+#include <errno.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "vc/accept.h"
+#include "vc/listen.h"
+#include "vc/message.h"
+#include "vc/service.h"
+#include "vc/session.h"
+#include "vc/spawn.h"
+#include "vc/teardown.h"
+
+static const char FUNCTION[] = "vc_deal_msg";
+
+// The only lines that the inetd may clear.
+constexpr int FIRST_CLEARABLE_LINE = 258;
+constexpr int LAST_CLEARABLE_LINE = 321;
+
+// Services of these two protocols are two faces of one listener: when one
+// cannot be opened, both are closed.
+constexpr uint32_t PAIRED_PROTOCOL_A = 5;
+constexpr uint32_t PAIRED_PROTOCOL_B = 11;
+
+static bool of_protocol(const vc_srv *srv, const tty_cmsg *msg)
+{
+    return srv->reg.protocol == static_cast<uint32_t>(msg->protocol);
+}
+
+static bool of_family(const vc_srv *srv, const tty_cmsg *msg)
+{
+    return srv->reg.socket_type == msg->socktype;
+}
+
+static void answer(int inetd_fd, tty_cmsg *msg, uint32_t vc_flag)
+{
+    msg->vc_flag = vc_flag;
+    if (vc_msg_send(inetd_fd, msg) < 0) {
+        vc_debug_msg("vc:send msg fail, vc_flag: %x, error: %s\r\n",
+                     msg->vc_flag, strerror(errno));
+    }
+}
+
+static void kill_all_sessions(void)
+{
+    for (int ttyno = 0; ttyno < TTY_LINES; ttyno++) {
+        vc_child *child = vc_child_at(ttyno);
+        if (child != nullptr) {
+            vc_child_kill(child);
+        }
+    }
+}
+
+static void reset_services(void)
+{
+    vc_srv *srv;
+
+    vc_wlock();
+    VC_FOR_EACH_SERVICE(srv)
+    {
+        srv->flags &= ~SRV_ANNOUNCED;
+        if (srv->reg.protocol != PROTO_STARTS_CLOSED) {
+            srv->flags &= ~SRV_CLOSED;
+        }
+        vc_srv_close_listener_logged(srv, FUNCTION);
+    }
+    vc_unlock();
+}
+
+static void drop_pending_accepts(void)
+{
+    while (g_vc_accept_list.next != &g_vc_accept_list) {
+        vc_accept_entry *entry =
+            reinterpret_cast<vc_accept_entry *>(g_vc_accept_list.next);
+        if (entry->fd > 0) {
+            close(entry->fd);
+        }
+        vc_debug_msg("(vc:%d):%s close all socket fd, err %s.\r\n", getpid(),
+                     FUNCTION, strerror(errno));
+        vc_accept_drop(entry);
+    }
+}
+
+// Back to a fresh start: no sessions, no listeners, no pending accepts.
+static int reset_all(void)
+{
+    kill_all_sessions();
+    reset_services();
+    drop_pending_accepts();
+    vc_debug_msg("(vc:%d):%s before return err, err %s.\r\n", getpid(),
+                 FUNCTION, strerror(errno));
+    return -1;
+}
+
+static int refuse_line(int inetd_fd, tty_cmsg *msg, int sockfd)
+{
+    vc_debug_msg("vc: client alloc fail\r\n");
+    // Still open when the allocation failed before a session existed.
+    if (sockfd >= 0) {
+        vc_debug_msg("vc: vc_deal_msg, sockfd=%d, line=%d\n", sockfd, __LINE__);
+        close(sockfd);
+    }
+    answer(inetd_fd, msg, VC_FLAG_CLIENT_CLEAR);
+    return 0;
+}
+
+static int assign_line(int inetd_fd, tty_cmsg *msg)
+{
+    int sockfd = msg->sockfd;
+
+    vc_debug_msg("vc: recv from inetd, ttyno=%d,sockfd=%d,socktype=%d,port=%d,"
+                 "mypid=%d\r\n",
+                 msg->ttyno, sockfd, msg->socktype, msg->port, getpid());
+    vc_wlock();
+    vc_accept_take(sockfd, msg->accept_id);
+    vc_unlock();
+    if (msg->ttyno < 0 || msg->ttyno >= TTY_LINES) {
+        if (sockfd >= 0) {
+            close(sockfd);
+        }
+        return 0;
+    }
+    const vc_msg_path path = vc_msg_path_of(msg);
+    const vc_child *child =
+        vc_child_alloc(msg->ttyno, &sockfd, msg->port, path.text, inetd_fd);
+    if (child == nullptr) {
+        return refuse_line(inetd_fd, msg, sockfd);
+    }
+    msg->pid = vc_child_pid(child);
+    vc_debug_msg("vc: client (ttyno=%d,pid=%d) alloc\r\n", msg->ttyno,
+                 msg->pid);
+    answer(inetd_fd, msg, VC_FLAG_ALLOC_OK);
+    return 0;
+}
+
+static int clear_client(const tty_cmsg *msg)
+{
+    vc_debug_msg("vc: client (ttyno=%d) clear\r\n", msg->ttyno);
+    if (msg->ttyno < FIRST_CLEARABLE_LINE || msg->ttyno > LAST_CLEARABLE_LINE) {
+        return 0;
+    }
+    vc_child *child = vc_child_at(msg->ttyno);
+    if (child != nullptr) {
+        vc_child_kill(child);
+    }
+    return 0;
+}
+
+// A port change does not open a service that the daemon has closed meanwhile.
+static bool refused_after_change(const tty_cmsg *msg)
+{
+    vc_srv *srv;
+    bool refused = false;
+
+    if ((msg->vc_flag & VC_FLAG_PORT_CHANGE) == 0) {
+        return false;
+    }
+    vc_wlock();
+    VC_FOR_EACH_SERVICE(srv)
+    {
+        if (of_protocol(srv, msg) && srv->reg.listen_port == msg->port &&
+            (srv->flags & SRV_CLOSED) != 0) {
+            // Protocol and port stand in each other's place, as ever.
+            vc_debug_msg("vc: port (%d) protocol (%d), flags (0x%x) server "
+                         "close.\r\n",
+                         static_cast<int>(srv->reg.protocol),
+                         srv->reg.listen_port, srv->flags);
+            refused = true;
+            break;
+        }
+    }
+    vc_unlock();
+    return refused;
+}
+
+static bool stopped_by_daemon(const tty_cmsg *msg)
+{
+    vc_srv *srv;
+    bool stopped = false;
+
+    vc_wlock();
+    VC_FOR_EACH_SERVICE(srv)
+    {
+        if (of_protocol(srv, msg) && of_family(srv, msg) &&
+            (srv->flags & SRV_STOPPED) != 0) {
+            stopped = true;
+            break;
+        }
+    }
+    vc_unlock();
+    return stopped;
+}
+
+// The service that a permit is for: by path when one is given, else by port.
+static vc_srv *permitted_service(const tty_cmsg *msg, const char *path)
+{
+    vc_srv *srv;
+
+    VC_FOR_EACH_SERVICE(srv)
+    {
+        if (of_protocol(srv, msg) && of_family(srv, msg) &&
+            (path != nullptr ? vc_srv_has_path(srv, path)
+                             : srv->reg.listen_port == msg->port)) {
+            return srv;
+        }
+    }
+    return nullptr;
+}
+
+// Gives the new listener to its service. One that listens already keeps its
+// socket; a service deleted meanwhile needs none.
+static int install_listener(const tty_cmsg *msg, const char *path, int fd)
+{
+    vc_wlock();
+    vc_srv *srv = permitted_service(msg, path);
+    if (srv != nullptr && srv->listen_fd < 0) {
+        srv->listen_fd = fd;
+        srv->flags |= SRV_ANNOUNCED;
+        srv->flags &= ~SRV_CLOSED;
+    } else {
+        close(fd);
+    }
+    vc_unlock();
+    return 0;
+}
+
+static bool paired(uint32_t protocol)
+{
+    return protocol == PAIRED_PROTOCOL_A || protocol == PAIRED_PROTOCOL_B;
+}
+
+static int report_port_failure(int inetd_fd, tty_cmsg *msg)
+{
+    vc_srv *srv;
+
+    answer(inetd_fd, msg, VC_FLAG_PORT_FAIL);
+    vc_wlock();
+    VC_FOR_EACH_SERVICE(srv)
+    {
+        if (of_protocol(srv, msg) ||
+            (paired(srv->reg.protocol) &&
+             paired(static_cast<uint32_t>(msg->protocol)))) {
+            srv->flags &= ~SRV_ANNOUNCED;
+            vc_srv_close_listener(srv);
+        }
+    }
+    vc_unlock();
+    return -1;
+}
+
+static int permit_port(int inetd_fd, tty_cmsg *msg)
+{
+    if (refused_after_change(msg) || stopped_by_daemon(msg)) {
+        return 0;
+    }
+    vc_debug_msg("vc: port (%d) permit add %d.\r\n", msg->port, msg->pid);
+    if (msg->pid != getpid()) {
+        return 0;
+    }
+    const int fd = vc_listen(msg, nullptr);
+    return fd >= 0 ? install_listener(msg, nullptr, fd)
+                   : report_port_failure(inetd_fd, msg);
+}
+
+// A listener that the service may have is left open.
+static int report_path_failure(int inetd_fd, tty_cmsg *msg, const char *path)
+{
+    answer(inetd_fd, msg, VC_FLAG_PATH_FAIL);
+    vc_wlock();
+    vc_srv *srv = permitted_service(msg, path);
+    if (srv != nullptr) {
+        srv->flags &= ~SRV_ANNOUNCED;
+    }
+    vc_unlock();
+    return -1;
+}
+
+static int permit_path(int inetd_fd, tty_cmsg *msg)
+{
+    const vc_msg_path path = vc_msg_path_of(msg);
+
+    vc_debug_msg("vc: path(%s) permit add %d.\r\n", path.text, msg->pid);
+    if (msg->pid != getpid()) {
+        return 0;
+    }
+    const int fd = vc_listen(msg, path.text);
+    return fd >= 0 ? install_listener(msg, path.text, fd)
+                   : report_path_failure(inetd_fd, msg, path.text);
+}
+
+static int delete_listener(const tty_cmsg *msg)
+{
+    vc_debug_msg("vc: del port/path (tc_flag: %x)\r\n", msg->vc_flag);
+    vc_msg_del_listen(msg);
+    return reset_all();
+}
+
+// The first bit found decides, in this order, whatever else is set.
+static int act_on(int inetd_fd, tty_cmsg *msg)
+{
+    if ((msg->vc_flag & VC_FLAG_CLIENT_ALLOC) != 0) {
+        return assign_line(inetd_fd, msg);
+    }
+    if ((msg->vc_flag & VC_FLAG_CLIENT_CLEAR) != 0) {
+        return clear_client(msg);
+    }
+    if ((msg->vc_flag & VC_FLAG_PORT_PERMIT) != 0) {
+        return permit_port(inetd_fd, msg);
+    }
+    if ((msg->vc_flag & VC_FLAG_PATH_PERMIT) != 0) {
+        return permit_path(inetd_fd, msg);
+    }
+    if ((msg->vc_flag & (VC_FLAG_PORT_FAIL | VC_FLAG_PATH_FAIL)) != 0) {
+        return delete_listener(msg);
+    }
+    if ((msg->vc_flag & VC_FLAG_STOP_LISTEN) != 0) {
+        vc_msg_stop_listen(msg);
+    }
+    return 0;
+}
+
+int vc_deal_msg(int inetd_fd)
+{
+    tty_cmsg msg;
+
+    vc_debug_msg("vc: vc_deal_msg\n");
+    const int received = vc_msg_recv(inetd_fd, &msg);
+    if (received != static_cast<int>(sizeof msg)) {
+        const int error = errno;
+        vc_debug_msg("vc: recv fail ret %d, err[%d]:%s\n", received, error,
+                     strerror(error));
+        return reset_all();
+    }
+    return act_on(inetd_fd, &msg);
+}

@@ -1,0 +1,65 @@
+// The 156-byte record: its layout and the two ways it travels.
+#include "vc/message.h"
+
+#include <stddef.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include "common/io.h"
+
+static_assert(sizeof(tty_cmsg) == 156, "size of the record");
+static_assert(offsetof(tty_cmsg, vc_flag) == 0, "vc_flag");
+static_assert(offsetof(tty_cmsg, ttyno) == 4, "ttyno");
+static_assert(offsetof(tty_cmsg, sockfd) == 8, "sockfd");
+static_assert(offsetof(tty_cmsg, socktype) == 12, "socktype");
+static_assert(offsetof(tty_cmsg, port) == 16, "port");
+static_assert(offsetof(tty_cmsg, protocol) == 20, "protocol");
+static_assert(offsetof(tty_cmsg, pid) == 24, "pid");
+static_assert(offsetof(tty_cmsg, peer_port) == 28, "peer_port");
+static_assert(offsetof(tty_cmsg, reserved0) == 32, "reserved0");
+static_assert(offsetof(tty_cmsg, local_addr) == 36, "local_addr");
+static_assert(offsetof(tty_cmsg, tipc_addrtype) == 44, "tipc_addrtype");
+static_assert(offsetof(tty_cmsg, tipc_scope) == 48, "tipc_scope");
+static_assert(offsetof(tty_cmsg, tipc_type) == 52, "tipc_type");
+static_assert(offsetof(tty_cmsg, tipc_lower) == 56, "tipc_lower");
+static_assert(offsetof(tty_cmsg, tipc_upper) == 60, "tipc_upper");
+static_assert(offsetof(tty_cmsg, tos) == 64, "tos");
+static_assert(offsetof(tty_cmsg, accept_id) == 68, "accept_id");
+static_assert(offsetof(tty_cmsg, reserved2) == 72, "reserved2");
+static_assert(offsetof(tty_cmsg, peer_addr) == 76, "peer_addr");
+static_assert(offsetof(tty_cmsg, path) == 92, "path");
+
+void vc_set_bk(int fd, bool block)
+{
+    int non_blocking = block ? 0 : 1;
+
+    ioctl(fd, FIONBIO, &non_blocking);
+}
+
+int vc_msg_send(int inetd_fd, const tty_cmsg *msg)
+{
+    vc_set_bk(inetd_fd, true);
+    return tty_write(inetd_fd, msg, sizeof *msg);
+}
+
+int vc_msg_recv(int inetd_fd, tty_cmsg *msg)
+{
+    vc_set_bk(inetd_fd, false);
+    memset(msg, 0, sizeof *msg);
+    return static_cast<int>(recv(inetd_fd, msg, sizeof *msg, 0));
+}
+
+vc_msg_path vc_msg_path_of(const tty_cmsg *msg)
+{
+    vc_msg_path path = {};
+
+    memcpy(path.text, msg->path, VC_PATH_SIZE);
+    return path;
+}
+
+void vc_msg_set_path(tty_cmsg *msg, const char *path)
+{
+    memset(msg->path, 0, sizeof msg->path);
+    memcpy(msg->path, path, strnlen(path, VC_PATH_SIZE - 1));
+}

@@ -1,0 +1,84 @@
+// The table of sessions and how the SIGCHLD handler may look into it.
+//
+// The handler runs on any thread of the daemon, also while the loop's thread
+// frees a record. Slots are therefore atomic, a slot is emptied before its
+// record is freed, and the free waits until no handler is at work. A handler
+// that starts after that finds the slot empty; one on the loop's own thread
+// has ended before the loop goes on, so the wait cannot lock itself out.
+#include "vc/session.h"
+
+#include <sched.h>
+#include <stdlib.h>
+
+#include <atomic>
+
+static std::atomic<vc_child *> g_vc_childs[TTY_LINES];
+static std::atomic<int> handlers_inside{0};
+
+vc_child *vc_child_at(int ttyno)
+{
+    return g_vc_childs[ttyno].load(std::memory_order_acquire);
+}
+
+void vc_child_install(int ttyno, vc_child *child)
+{
+    g_vc_childs[ttyno].store(child, std::memory_order_release);
+}
+
+void vc_child_release(vc_child *child)
+{
+    g_vc_childs[child->ttyno].store(nullptr);
+    while (handlers_inside.load() != 0) {
+        sched_yield();
+    }
+    free(child);
+}
+
+void vc_child_clear_all(void)
+{
+    for (std::atomic<vc_child *> &slot : g_vc_childs) {
+        slot.store(nullptr);
+    }
+}
+
+vc_child *vc_child_of_pid(int pid)
+{
+    for (std::atomic<vc_child *> &slot : g_vc_childs) {
+        vc_child *child = slot.load();
+        if (child != nullptr && vc_child_pid(child) == pid) {
+            return child;
+        }
+    }
+    return nullptr;
+}
+
+int vc_child_pid(const vc_child *child)
+{
+    return __atomic_load_n(&child->pid, __ATOMIC_ACQUIRE);
+}
+
+// Everything else in the record must stand before the pid makes it findable.
+void vc_child_set_pid(vc_child *child, int pid)
+{
+    __atomic_store_n(&child->pid, pid, __ATOMIC_RELEASE);
+}
+
+bool vc_child_exited(const vc_child *child)
+{
+    return __atomic_load_n(&child->exited, __ATOMIC_RELAXED) != 0;
+}
+
+void vc_child_set_exited(vc_child *child)
+{
+    __atomic_store_n(&child->exited, 1, __ATOMIC_RELAXED);
+}
+
+void vc_child_table_enter(void)
+{
+    handlers_inside.fetch_add(1);
+}
+
+void vc_child_table_leave(void)
+{
+    handlers_inside.fetch_sub(1);
+}

@@ -1,0 +1,43 @@
+// The table of sessions: one slot per line.
+#pragma once
+
+#include <ttyline/vc.h>
+
+// One running session. Belongs to the loop's thread, but for two fields that
+// the SIGCHLD handler shares, on whatever thread it runs: see vc_child_pid()
+// and vc_child_exited().
+struct vc_child {
+    int32_t ttyno;     // index of the slot
+    int32_t pid;       // of the forked child; 0 until it has been released
+    int32_t exited;    // 1 once the child has been reaped
+    int32_t sockfd;    // the connection; -1 once closed
+    int32_t master_fd; // the pseudo-terminal's master; -1 once closed
+    int32_t inetd_fd;  // the inetd connection that the line came from
+    int32_t in_pending;
+    int32_t out_pending;
+    vc_reg reg; // copied; listen_path is shared with the service
+};
+
+// The slot of a line, 0 to TTY_LINES - 1; null when it is empty.
+vc_child *vc_child_at(int ttyno);
+void vc_child_install(int ttyno, vc_child *child);
+
+// Empties the slot of a session and frees its record. Waits for a SIGCHLD
+// handler on another thread that may still look at it.
+void vc_child_release(vc_child *child);
+
+void vc_child_clear_all(void);
+
+// The first session whose process is pid, or null. Async-signal-safe.
+vc_child *vc_child_of_pid(int pid);
+
+// The fields that the SIGCHLD handler shares with the loop.
+int vc_child_pid(const vc_child *child);
+void vc_child_set_pid(vc_child *child, int pid);
+bool vc_child_exited(const vc_child *child);
+void vc_child_set_exited(vc_child *child);
+
+// Brackets a handler's use of the table: a record that it found stays
+// allocated in between. Async-signal-safe.
+void vc_child_table_enter(void);
+void vc_child_table_leave(void);

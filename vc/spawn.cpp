@@ -1,0 +1,279 @@
+// A line's session: from the assigned line to the released child.
+//
+// Once the record is in its slot every failure takes one way out, through the
+// teardown, so that the inetd hears a line-clean for every line that it gave
+// and that never got a running session.
+#include "vc/spawn.h"
+
+#include <errno.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include "vc/message.h"
+#include "vc/service.h"
+#include "vc/teardown.h"
+
+static const char FUNCTION[] = "vc_child_alloc";
+
+// "/dev/pts/" and the number of the slave.
+constexpr size_t SLAVE_NAME_SIZE = 20;
+
+constexpr useconds_t RELEASE_SEEN_PAUSE_US = 1000;
+constexpr useconds_t RELEASE_POLL_US = 100000;
+// About 12 seconds.
+constexpr int RELEASE_POLL_LIMIT = 120;
+
+// Both ends of the pair over which the parent releases the child.
+struct release_pair {
+    int child_end;
+    int parent_end;
+};
+
+struct line_range {
+    int first;
+    int last;
+};
+
+static const line_range session_lines[] = {
+    {258, 321}, {322, 1148}, {1421, 1457}, {1458, 1585}};
+
+static bool carries_sessions(int ttyno)
+{
+    for (const line_range &range : session_lines) {
+        if (ttyno >= range.first && ttyno <= range.last) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Opens the pseudo-terminal and puts a record for it into the line's slot.
+static vc_child *make_session(int ttyno, int sockfd, int inetd_fd, char *slave)
+{
+    vc_child *child = static_cast<vc_child *>(calloc(1, sizeof *child));
+
+    if (child == nullptr) {
+        vc_debug_msg("vc: malloc fail, err:%s.\r\n", strerror(errno));
+        return nullptr;
+    }
+    const int master_fd = vc_ptym_open(slave, SLAVE_NAME_SIZE);
+    if (master_fd < 0) {
+        vc_debug_msg("vc: can't open master pty: %s, fdm %d, err:%s.\r\n",
+                     slave, master_fd, strerror(errno));
+        free(child);
+        return nullptr;
+    }
+    vc_set_noecho(master_fd);
+    child->ttyno = ttyno;
+    child->sockfd = sockfd;
+    child->inetd_fd = inetd_fd;
+    child->master_fd = master_fd;
+    vc_child_install(ttyno, child);
+    return child;
+}
+
+static void set_master_raw(int master_fd)
+{
+    struct termios settings;
+
+    if (tcgetattr(master_fd, &settings) != 0) {
+        const int error = errno;
+        vc_debug_msg("vc: can't get attr %d, error:%s\n", master_fd,
+                     strerror(error));
+        return;
+    }
+    settings.c_iflag &= ~static_cast<tcflag_t>(ICRNL);
+    settings.c_oflag &= ~static_cast<tcflag_t>(ONLCR);
+    settings.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+    tcsetattr(master_fd, TCSANOW, &settings);
+}
+
+// Copies the registration of the first service on this port or path; protocol
+// and family play no part. The session keeps it when the service goes.
+static bool copy_registration(vc_child *child, int port, const char *path)
+{
+    vc_srv *srv;
+    bool found = false;
+
+    vc_rlock();
+    VC_FOR_EACH_SERVICE(srv)
+    {
+        if ((port != 0 && srv->reg.listen_port == port) ||
+            (path[0] != '\0' && vc_srv_has_path(srv, path))) {
+            child->reg = srv->reg;
+            found = true;
+            break;
+        }
+    }
+    vc_unlock();
+    if (!found) {
+        vc_debug_msg("vc: vc_child_alloc proc, sockfd=%d, line=%d\n",
+                     child->sockfd, __LINE__);
+    }
+    return found;
+}
+
+// The service's own preparations.
+static bool set_up(const vc_child *child)
+{
+    if (child->reg.alloc_func(child->ttyno, child->inetd_fd, child->sockfd,
+                              child->master_fd) < 0) {
+        vc_debug_msg("vc: alloc func proc, sockfd=%d, line=%d\n", child->sockfd,
+                     __LINE__);
+        return false;
+    }
+    if (child->reg.init_func(child->ttyno) < 0) {
+        vc_debug_msg("vc: init func proc, sockfd=%d, line=%d\n", child->sockfd,
+                     __LINE__);
+        return false;
+    }
+    return true;
+}
+
+static bool make_pair(release_pair *pair)
+{
+    int ends[2];
+
+    // Close-on-exec, or a program that another thread starts meanwhile would
+    // hold the parent's end open and the child would never see its end.
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
+        const int error = errno;
+        vc_debug_msg("(vc:%d):%s socketpair failed, err: %s\r\n", getpid(),
+                     FUNCTION, strerror(error));
+        return false;
+    }
+    pair->child_end = ends[0];
+    pair->parent_end = ends[1];
+    return true;
+}
+
+// Waits until the parent has written the child's process id into the record:
+// before that the child must neither run nor end, as the SIGCHLD handler would
+// not find its session. The parent closing its end is the sign.
+static void await_release(int child_end)
+{
+    int polls = 0;
+    char byte;
+
+    for (;;) {
+        vc_set_bk(child_end, false);
+        const ssize_t got = read(child_end, &byte, 1);
+        if (got == 0) {
+            break;
+        }
+        if (got > 0) {
+            usleep(RELEASE_SEEN_PAUSE_US);
+            continue;
+        }
+        usleep(RELEASE_POLL_US);
+        if (++polls > RELEASE_POLL_LIMIT) {
+            vc_debug_msg("(vc:%d): %s father process don't notify.\r\n",
+                         getpid(), FUNCTION);
+            close(child_end);
+            exit(0);
+        }
+    }
+    vc_debug_msg("(vc:%d):%s close domain socket listen fd(%d) success, err "
+                 "%s.\r\n",
+                 getpid(), FUNCTION, child_end, strerror(errno));
+    close(child_end);
+}
+
+// Without the lock: another thread of the parent may have held it during the
+// fork, and no other thread exists here that could change the list.
+static void close_listeners(void)
+{
+    vc_srv *srv;
+
+    VC_FOR_EACH_SERVICE(srv)
+    {
+        vc_srv_close_listener_logged(srv, FUNCTION);
+    }
+}
+
+[[noreturn]] static void run_child(const release_pair *pair, const char *slave,
+                                   const vc_child *child)
+{
+    vc_debug_msg("vc: tel-sub proc\n");
+    signal(SIGHUP, SIG_IGN);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    close(pair->parent_end);
+    await_release(pair->child_end);
+    close_listeners();
+    vc_child_proc(child->master_fd, child->ttyno, slave, child);
+}
+
+// Nothing but what is needed may stand between the fork and the release: a
+// child that looks before the release has been written sleeps 100 ms.
+static bool release_child(const release_pair *pair, vc_child *child, int pid)
+{
+    close(pair->child_end);
+    vc_set_bk(pair->parent_end, false);
+    const bool gone = write(pair->parent_end, "o", 1) < 0 && errno == EPIPE;
+    if (!gone) {
+        vc_child_set_pid(child, pid);
+    }
+    close(pair->parent_end);
+    if (gone) {
+        vc_debug_msg("vc: tel-main proc, sockfd=%d, line=%d\n", child->sockfd,
+                     __LINE__);
+        return false;
+    }
+    vc_debug_msg("vc: tel-main proc, notify sub process, sockfd=%d, pid=%d\n",
+                 child->sockfd, pid);
+    return true;
+}
+
+static bool start_child(vc_child *child, const char *slave)
+{
+    release_pair pair;
+
+    if (!make_pair(&pair)) {
+        return false;
+    }
+    const pid_t pid = fork();
+    if (pid < 0) {
+        vc_debug_msg("vc: fork error, err:%s.\r\n", strerror(errno));
+        close(pair.child_end);
+        close(pair.parent_end);
+        return false;
+    }
+    if (pid == 0) {
+        run_child(&pair, slave, child);
+    }
+    return release_child(&pair, child, pid);
+}
+
+vc_child *vc_child_alloc(int ttyno, int *sockfd, int port, const char *path,
+                         int inetd_fd)
+{
+    char slave[SLAVE_NAME_SIZE];
+
+    if (!carries_sessions(ttyno)) {
+        vc_debug_msg("vc: pty numbers %d up to MAX\n", ttyno);
+        return nullptr;
+    }
+    if (vc_child_at(ttyno) != nullptr) {
+        vc_debug_msg("vc: client %d exist\n", ttyno);
+        return nullptr;
+    }
+    vc_child *child = make_session(ttyno, *sockfd, inetd_fd, slave);
+    if (child == nullptr) {
+        return nullptr;
+    }
+    set_master_raw(child->master_fd);
+    if (copy_registration(child, port, path) && set_up(child) &&
+        start_child(child, slave)) {
+        return child;
+    }
+    vc_debug_msg("vc: kill proc, sockfd=%d, line=%d\n", child->sockfd,
+                 __LINE__);
+    vc_child_kill(child);
+    *sockfd = -1;
+    return nullptr;
+}
