@@ -24,4 +24,4 @@ endif()
 add_library(ttyline_core_options INTERFACE)
 target_link_libraries(ttyline_core_options INTERFACE ttyline_options)
 target_compile_options(ttyline_core_options INTERFACE
-    -fno-exceptions -fno-rtti -fno-threadsafe-statics)
+    -fno-exceptions -fno-rtti)

@@ -47,14 +47,12 @@ char *tty_make_path(char *buf, unsigned int size, const char *name)
     const char *prefix = runtime_prefix();
     make_directories(prefix);
 
-    const size_t prefix_len = strlen(prefix);
-    const size_t name_len = strlen(name);
-    if (prefix_len + name_len >= size) {
+    const int length = snprintf(buf, size, "%s%s", prefix, name);
+    if (length < 0 || static_cast<unsigned int>(length) >= size) {
+        memset(buf, 0, size);
         errno = ENAMETOOLONG;
         return nullptr;
     }
-    memcpy(buf, prefix, prefix_len);
-    memcpy(buf + prefix_len, name, name_len);
     return buf;
 }
 

@@ -140,7 +140,7 @@ static char *get_locked(const info_names *names, unsigned int ttyno,
 char *tty_get_member(unsigned int ttyno, const char *name, char *value,
                      unsigned int len)
 {
-    info_names names;
+    info_names names = {};
 
     memset(value, 0, len);
     if (!name_files_of_get(&names, ttyno)) {

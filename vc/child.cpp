@@ -135,17 +135,17 @@ void vc_child_setenvs(const vc_child *child)
 static bool monitored(int ttyno)
 {
     char value[MONITOR_VALUE_SIZE];
-    int number = 0;
 
     if (tty_getenv(static_cast<unsigned int>(ttyno), "MONITOR", value,
                    sizeof value) == nullptr) {
         return false;
     }
-    if (sscanf(value, "%d", &number) == EOF) {
+    // Nothing but blanks; other text that is no number counts as 0 silently.
+    if (value[strspn(value, " \t\n\v\f\r")] == '\0') {
         vc_debug_msg("vc:%s sscanf return fail, errno[%d]:%s\n", FUNCTION,
                      errno, strerror(errno));
     }
-    return number != 0;
+    return strtol(value, nullptr, 10) != 0;
 }
 
 // A link by the line's number, for programs that watch the terminal.

@@ -22,6 +22,12 @@ constexpr int BACKLOG = 50;
 constexpr int VRF_INCOMING = 51;
 constexpr size_t PATH_LIMIT = VC_PATH_SIZE - 1;
 
+// A scope is signed, though the registration's field is not.
+static int32_t widen_scope(uint8_t scope)
+{
+    return scope < 0x80 ? scope : scope - 0x100;
+}
+
 // Only what a service has of its own is rewritten; the rest stays as the
 // service before it left it, which receivers know to ignore.
 static void fill_kind(tty_cmsg *msg, const vc_reg *reg)
@@ -37,7 +43,7 @@ static void fill_kind(tty_cmsg *msg, const vc_reg *reg)
     case AF_TIPC:
         msg->vc_flag |= VC_FLAG_PORT_PERMIT;
         msg->tipc_addrtype = reg->addrtype;
-        msg->tipc_scope = static_cast<int8_t>(reg->scope);
+        msg->tipc_scope = widen_scope(reg->scope);
         msg->tipc_type = reg->nameseq_type;
         msg->tipc_lower = reg->nameseq_lower;
         msg->tipc_upper = reg->nameseq_upper;

@@ -1,0 +1,66 @@
+// The other end of the inetd connection, played by a test: it decides what is
+// said and when, also what a well-behaved daemon would never say.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include <ttyline/vc.h>
+
+// How long a test waits for anything that must happen.
+constexpr int DEADLINE_MS = 20000;
+
+// One connection of a login daemon.
+class InetdConnection
+{
+  public:
+    explicit InetdConnection(int fd) : fd_(fd)
+    {
+    }
+    InetdConnection(InetdConnection &&other) noexcept;
+    InetdConnection &operator=(InetdConnection &&other) noexcept;
+    InetdConnection(const InetdConnection &) = delete;
+    InetdConnection &operator=(const InetdConnection &) = delete;
+    ~InetdConnection();
+
+    // The next record, or nothing at the end of the stream or the deadline.
+    std::optional<tty_cmsg> receive(int deadline_ms = DEADLINE_MS);
+    // Whether the daemon closes the connection before the deadline; records
+    // that come first are dropped.
+    bool closed_by_peer(int deadline_ms = DEADLINE_MS);
+    // Whether nothing comes within the time.
+    bool silent(int for_ms);
+    bool send(const tty_cmsg &record);
+    bool send_bytes(const void *data, size_t length);
+    // Answers a listen request with its permit.
+    bool permit(const tty_cmsg &request);
+    // Answers an accept report with a line.
+    bool assign(tty_cmsg report, int ttyno);
+    void close_now();
+    int fd() const
+    {
+        return fd_;
+    }
+
+  private:
+    int fd_;
+};
+
+// The socket in the runtime directory that TMPDIR names.
+class FakeInetd
+{
+  public:
+    FakeInetd();
+    ~FakeInetd();
+    FakeInetd(const FakeInetd &) = delete;
+    FakeInetd &operator=(const FakeInetd &) = delete;
+
+    // The next daemon that connects; its descriptor is -1 after the deadline.
+    InetdConnection accept(int deadline_ms = DEADLINE_MS);
+    // Whether nobody connects within the time.
+    bool nobody_connects(int for_ms);
+
+  private:
+    int fd_;
+    std::string path_;
+};
