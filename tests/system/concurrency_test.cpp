@@ -1,0 +1,128 @@
+// Other threads of a daemon change its services while the loop runs sessions.
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "daemon.h"
+#include "fake_inetd.h"
+
+constexpr int CHANGES = 200;
+
+static void add(const vc_reg &reg)
+{
+    if (vc_service_reg(&reg) != 0) {
+        _exit(98);
+    }
+}
+
+// Answers everything that a daemon asks, with lines from 300 on.
+static void serve(InetdConnection *connection, std::atomic<bool> *stop,
+                  std::atomic<int> *cleans)
+{
+    int line = 300;
+
+    while (!*stop) {
+        const auto record = connection->receive(50);
+        if (!record) {
+            continue;
+        }
+        if (record->vc_flag == 0x008 || record->vc_flag == 0x080) {
+            connection->permit(*record);
+        } else if (record->vc_flag == 0x001) {
+            connection->assign(*record, line++);
+        } else if (record->vc_flag == 0x002) {
+            (*cleans)++;
+        }
+    }
+}
+
+TEST_F(SystemTest, services_come_and_go_while_sessions_run)
+{
+    FakeInetd inetd;
+    const int port = free_port(AF_INET);
+    Daemon daemon([&] {
+        add(relaying(AF_INET, port, nullptr, 6));
+        for (int t = 0; t < 3; t++) {
+            std::thread([t, this] {
+                const std::string name = path("/s" + std::to_string(t));
+                const vc_reg reg = relaying(AF_UNIX, 0, name.c_str(), 7);
+                for (int i = 0; i < CHANGES; i++) {
+                    // Still there when another thread's deletion, which takes
+                    // the first path whoever added it, has met none of ours.
+                    static_cast<void>(vc_service_reg(&reg));
+                    kill(getpid(), SIGHUP);
+                    usleep(500);
+                    vc_service_del(0);
+                }
+                vc_debug_msg("test: thread done\n");
+            }).detach();
+        }
+    });
+    InetdConnection connection = inetd.accept();
+    std::atomic<bool> stop{false};
+    std::atomic<int> cleans{0};
+    std::thread answers(serve, &connection, &stop, &cleans);
+    for (int i = 0; i < 40; i++) {
+        int client = -1;
+        EXPECT_TRUE(eventually([&] {
+            return (client = connect_port(AF_INET, port)) >= 0;
+        }));
+        EXPECT_TRUE(write_all(client, "hello\n"));
+        EXPECT_EQ(read_until(client, "\n"), "> hello\r\n");
+        close(client);
+    }
+    EXPECT_TRUE(logged("test: thread done\n", 3));
+    EXPECT_TRUE(eventually([&] {
+        return cleans == 40;
+    }));
+    EXPECT_TRUE(daemon.has_no_children());
+    stop = true;
+    answers.join();
+}
+
+TEST_F(SystemTest, listeners_stop_and_open_while_sessions_run)
+{
+    FakeInetd inetd;
+    const int port = free_port(AF_INET);
+    // A path: a permit that comes twice is no failure there.
+    const std::string other = path("/s");
+    Daemon daemon([&] {
+        add(relaying(AF_INET, port, nullptr, 6));
+        add(relaying(AF_UNIX, 0, other.c_str(), 7));
+        std::thread([] {
+            while (__atomic_load_n(&g_vc_tty_socket, __ATOMIC_RELAXED) < 0) {
+                usleep(1000);
+            }
+            for (int i = 0; i < CHANGES; i++) {
+                vc_deal_service_listen(false, 7);
+                vc_tos_set(6, AF_INET, i % 64);
+                vc_deal_service_listen(true, 7);
+                usleep(1000);
+            }
+            vc_debug_msg("test: thread done\n");
+        }).detach();
+    });
+    InetdConnection connection = inetd.accept();
+    std::atomic<bool> stop{false};
+    std::atomic<int> cleans{0};
+    std::thread answers(serve, &connection, &stop, &cleans);
+    for (int i = 0; i < 40; i++) {
+        int client = -1;
+        EXPECT_TRUE(eventually([&] {
+            return (client = connect_port(AF_INET, port)) >= 0;
+        }));
+        EXPECT_TRUE(write_all(client, "hello\n"));
+        EXPECT_EQ(read_until(client, "\n"), "> hello\r\n");
+        close(client);
+    }
+    EXPECT_TRUE(logged("test: thread done\n"));
+    EXPECT_TRUE(eventually([&] {
+        return cleans == 40;
+    }));
+    stop = true;
+    answers.join();
+}

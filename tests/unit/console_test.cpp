@@ -1,0 +1,256 @@
+#include "tty/console.h"
+
+#include <errno.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+
+#include <thread>
+#include <vector>
+
+#include "tests/support/descriptors.h"
+#include "tests/support/fault.h"
+#include "tests/support/wait.h"
+#include "tests/unit/console_fixture.h"
+
+class ConsoleName : public console_test
+{
+  protected:
+    // The name that a fresh process works out from these arguments.
+    static std::string name_for(const std::string &arguments)
+    {
+        int answer[2];
+        char name[64] = {};
+
+        support::put_over("/proc/cmdline", arguments);
+        EXPECT_EQ(pipe2(answer, O_CLOEXEC), 0);
+        const pid_t pid = fork();
+        if (pid == 0) {
+            const char *own = tty_getconsolename();
+            const ssize_t told = write(answer[1], own, strlen(own));
+            _exit(told > 0 && support::open_descriptors().size() > 0 ? 0 : 1);
+        }
+        EXPECT_EQ(support::wait_child(pid), 0);
+        EXPECT_GT(read(answer[0], name, sizeof name - 1), 0);
+        close(answer[0]);
+        close(answer[1]);
+        return name;
+    }
+
+    // Arguments in which text begins behind so many characters.
+    static std::string behind(size_t characters, const std::string &text)
+    {
+        return std::string(characters, 'x') + text + "\n";
+    }
+};
+
+TEST_F(ConsoleName, IsTheSerialOneOfTheKernelArguments)
+{
+    EXPECT_EQ(name_for("quiet console=ttyS1,115200 panic=1\n"), "/dev/ttyS1");
+    EXPECT_EQ(name_for("console=ttyS0\n"), "/dev/ttyS0");
+    EXPECT_EQ(name_for("console=ttyS9"), "/dev/ttyS9");
+}
+
+TEST_F(ConsoleName, HasOneDigitOnly)
+{
+    EXPECT_EQ(name_for("console=ttyS12\n"), "/dev/ttyS1");
+    EXPECT_EQ(name_for("console=ttyS34,9600\n"), "/dev/ttyS3");
+}
+
+TEST_F(ConsoleName, IsTtyS0WithoutASerialConsole)
+{
+    for (const char *arguments :
+         {"", "\n", "quiet\n", "console=ttyAMA0\n", "console=tty1\n",
+          "console=\n", "ttyS1\n", "Console=ttyS1\n", "console=ttys1\n"}) {
+        EXPECT_EQ(name_for(arguments), "/dev/ttyS0") << arguments;
+    }
+}
+
+TEST_F(ConsoleName, IsTtyS0WithoutADigit)
+{
+    for (const char *arguments :
+         {"console=ttyS\n", "console=ttyS", "console=ttySx1\n",
+          "console=ttyS/1\n", "console=ttyS:\n", "console=ttyS 1\n"}) {
+        EXPECT_EQ(name_for(arguments), "/dev/ttyS0") << arguments;
+    }
+}
+
+TEST_F(ConsoleName, ComesFromTheFirstOccurrence)
+{
+    EXPECT_EQ(name_for("console=ttyS2 console=ttyS3\n"), "/dev/ttyS2");
+    EXPECT_EQ(name_for("console=tty0 console=ttyS4\n"), "/dev/ttyS4");
+    EXPECT_EQ(name_for("console=ttyS console=ttyS3\n"), "/dev/ttyS0");
+    EXPECT_EQ(name_for("netconsole=ttyS5\n"), "/dev/ttyS5");
+}
+
+TEST_F(ConsoleName, ComesFromTheFirstLine)
+{
+    EXPECT_EQ(name_for("quiet\nconsole=ttyS4\n"), "/dev/ttyS0");
+}
+
+TEST_F(ConsoleName, ComesFromTheFirst1022Characters)
+{
+    // "console=ttyS7" has 13.
+    EXPECT_EQ(name_for(behind(1009, "console=ttyS7")), "/dev/ttyS7");
+    EXPECT_EQ(name_for(behind(1010, "console=ttyS7")), "/dev/ttyS0");
+}
+
+TEST_F(ConsoleName, IsTtyS0WhenTheArgumentsCannotBeRead)
+{
+    struct rlimit limit = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const struct rlimit none = {3, limit.rlim_max};
+    support::put_over("/proc/cmdline", "console=ttyS1\n");
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const std::string name = tty_getconsolename();
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_EQ(name, "/dev/ttyS0");
+    EXPECT_STREQ(tty_getconsolename(), "/dev/ttyS0");
+}
+
+TEST_F(ConsoleName, IsTtyS0WithoutMemory)
+{
+    support::put_over("/proc/cmdline", "console=ttyS1\n");
+    fault::fail("calloc", 1, ENOMEM);
+    EXPECT_STREQ(tty_getconsolename(), "/dev/ttyS0");
+    EXPECT_STREQ(tty_getconsolename(), "/dev/ttyS0");
+    EXPECT_EQ(fault::calls("calloc"), 1);
+}
+
+TEST_F(ConsoleName, IsWorkedOutOnce)
+{
+    support::put_over("/proc/cmdline", "console=ttyS1\n");
+    const char *name = tty_getconsolename();
+    EXPECT_STREQ(name, "/dev/ttyS1");
+    support::put_over("/proc/cmdline", "console=ttyS2\n");
+    EXPECT_EQ(tty_getconsolename(), name);
+    EXPECT_STREQ(name, "/dev/ttyS1");
+}
+
+TEST_F(ConsoleName, IsTheSameForThreadsThatAskAtOnce)
+{
+    std::vector<std::thread> threads;
+    support::put_over("/proc/cmdline", "console=ttyS3\n");
+    for (int i = 0; i < 8; i++) {
+        threads.emplace_back([] {
+            EXPECT_STREQ(tty_getconsolename(), "/dev/ttyS3");
+        });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+}
+
+class Console : public console_test
+{
+  protected:
+    // The descriptor that is the console, its status and descriptor flags.
+    static int seen_flags;
+    static int seen_descriptor_flags;
+
+    static void note_flags()
+    {
+        for (const std::string &each : support::open_descriptors()) {
+            const int fd = atoi(each.c_str());
+            const int flags = fcntl(fd, F_GETFL);
+            if (each.find(" -> /dev/ttyS0") != std::string::npos &&
+                (flags & O_ACCMODE) != O_RDWR) {
+                seen_flags = flags;
+                seen_descriptor_flags = fcntl(fd, F_GETFD);
+            }
+        }
+    }
+};
+
+int Console::seen_flags = -1;
+int Console::seen_descriptor_flags = -1;
+
+TEST_F(Console, TakesTheFormattedTextAsItIs)
+{
+    make_console();
+    tty_log_msg("%s(line %d) 100%%\r\n", "f", 7);
+    EXPECT_EQ(console(), "f(line 7) 100%\r\n");
+}
+
+TEST_F(Console, IsTheOneNamedByTheKernelArguments)
+{
+    support::put_over("/proc/cmdline", "console=ttyS1,115200\n");
+    make_console("/dev/ttyS1");
+    tty_log_msg("text");
+    EXPECT_EQ(console(), "text");
+}
+
+TEST_F(Console, MessageIsCutAt2047Bytes)
+{
+    make_console();
+    tty_log_msg("%s", std::string(2047, 'a').c_str());
+    EXPECT_EQ(console(), std::string(2047, 'a'));
+    tty_log_msg("%s", std::string(2048, 'b').c_str());
+    EXPECT_EQ(console(), std::string(2047, 'b'));
+    tty_log_msg("x%s", std::string(10000, 'c').c_str());
+    EXPECT_EQ(console(), "x" + std::string(2046, 'c'));
+}
+
+TEST_F(Console, MessageIsDroppedWhenItCannotBeOpened)
+{
+    tty_log_msg("text");
+    EXPECT_FALSE(support::exists("/dev/ttyS0"));
+    make_console();
+    fault::fail("open", 1, EIO, 1, fault::only_path("/dev/ttyS0"));
+    tty_log_msg("text");
+    EXPECT_EQ(console(), "");
+    EXPECT_EQ(fault::calls("write"), 0);
+}
+
+TEST_F(Console, ShortWritesAreCompleted)
+{
+    make_console();
+    fault::shorten("write", 1, 1, fault::ALWAYS);
+    tty_log_msg("text");
+    EXPECT_EQ(console(), "text");
+}
+
+TEST_F(Console, IsOpenedWriteOnlyAndNotForChildren)
+{
+    make_console();
+    fault::run("write", 1, note_flags);
+    tty_log_msg("text");
+    EXPECT_EQ(seen_flags & O_ACCMODE, O_WRONLY);
+    EXPECT_EQ(seen_descriptor_flags, FD_CLOEXEC);
+}
+
+TEST_F(Console, IsLeftInBlockingMode)
+{
+    make_console();
+    fault::run("write", 1, note_flags);
+    tty_log_msg("text");
+    EXPECT_EQ(seen_flags & O_NONBLOCK, 0);
+}
+
+static void say_nothing(int)
+{
+}
+
+TEST_F(Console, DoesNotBecomeTheControllingTerminal)
+{
+    const int status = support::in_child([] {
+        char name[64];
+        signal(SIGHUP, say_nothing);
+        const int master = posix_openpt(O_RDWR | O_NOCTTY);
+        if (setsid() < 0 || grantpt(master) != 0 || unlockpt(master) != 0 ||
+            ptsname_r(master, name, sizeof name) != 0 ||
+            symlink(name, "/dev/ttyS0") != 0) {
+            return false;
+        }
+        // Without anybody on the other side the open would fail.
+        const int slave = open(name, O_RDWR | O_NOCTTY);
+        tty_log_msg("text");
+        char text[16] = {};
+        const ssize_t got = read(master, text, sizeof text);
+        return slave >= 0 && got == 4 && strcmp(text, "text") == 0 &&
+               open("/dev/tty", O_RDWR) == -1 && errno == ENXIO;
+    });
+    EXPECT_EQ(status, 0);
+}

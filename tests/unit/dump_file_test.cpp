@@ -1,0 +1,194 @@
+#include "common/dump_file.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <map>
+#include <string>
+
+#include "tests/support/descriptors.h"
+#include "tests/support/fault.h"
+#include "tests/support/runtime.h"
+#include "tests/support/wait.h"
+
+class DumpFile : public support::runtime_test
+{
+  protected:
+    void SetUp() override
+    {
+        runtime_test::SetUp();
+        file = path("/dump.txt");
+        shared_file = file;
+    }
+
+    int append(const char *line) const
+    {
+        return dump_file_append(file.c_str(), line);
+    }
+
+    mode_t mode() const
+    {
+        struct stat status = {};
+        EXPECT_EQ(stat(file.c_str(), &status), 0);
+        return status.st_mode & 07777;
+    }
+
+    std::string file;
+    static std::string shared_file;
+    static int seen_flags;
+    static int seen_descriptor_flags;
+
+    // The flags of the descriptor that the file is open on.
+    static void note_flags()
+    {
+        for (const std::string &each : support::open_descriptors()) {
+            if (each.find(" -> " + shared_file) != std::string::npos) {
+                const int fd = atoi(each.c_str());
+                seen_flags = fcntl(fd, F_GETFL);
+                seen_descriptor_flags = fcntl(fd, F_GETFD);
+            }
+        }
+    }
+
+    static void append_from_elsewhere()
+    {
+        const int fd = open(shared_file.c_str(), O_WRONLY | O_APPEND);
+        EXPECT_EQ(write(fd, "other\n", 6), 6);
+        close(fd);
+    }
+};
+
+std::string DumpFile::shared_file;
+int DumpFile::seen_flags = -1;
+int DumpFile::seen_descriptor_flags = -1;
+
+TEST_F(DumpFile, IsCreatedOpenToAllUnderTheCreationMask)
+{
+    EXPECT_EQ(append("one\n"), 0);
+    EXPECT_EQ(support::slurp(file), "one\n");
+    EXPECT_EQ(mode(), 0755u);
+    unlink(file.c_str());
+    umask(0);
+    EXPECT_EQ(append("one\n"), 0);
+    EXPECT_EQ(mode(), 0777u);
+}
+
+TEST_F(DumpFile, LinesAreAppendedAsTheyAre)
+{
+    EXPECT_EQ(append("one\n"), 0);
+    EXPECT_EQ(append("no end"), 0);
+    EXPECT_EQ(append(""), 0);
+    EXPECT_EQ(append("|%s\r\n"), 0);
+    EXPECT_EQ(support::slurp(file), "one\nno end|%s\r\n");
+}
+
+TEST_F(DumpFile, Of1048577BytesIsEmptiedBeforeTheLine)
+{
+    support::spill(file, std::string(1048577, 'x'));
+    EXPECT_EQ(append("one\n"), 0);
+    EXPECT_EQ(support::slurp(file), "one\n");
+}
+
+TEST_F(DumpFile, Of1048576BytesIsNotEmptied)
+{
+    support::spill(file, std::string(1048576, 'x'));
+    EXPECT_EQ(append("one\n"), 0);
+    EXPECT_TRUE(support::slurp(file) == std::string(1048576, 'x') + "one\n");
+    EXPECT_EQ(append("two\n"), 0);
+    EXPECT_EQ(support::slurp(file), "two\n");
+}
+
+TEST_F(DumpFile, ThatCannotBeEmptiedTakesTheLine)
+{
+    support::spill(file, std::string(1048577, 'x'));
+    fault::fail("ftruncate", 1, EIO);
+    fault::fail("truncate", 1, EIO);
+    EXPECT_EQ(append("one\n"), 0);
+    EXPECT_TRUE(support::slurp(file) == std::string(1048577, 'x') + "one\n");
+}
+
+TEST_F(DumpFile, WhoseSizeIsUnknownTakesTheLine)
+{
+    support::spill(file, std::string(1048577, 'x'));
+    fault::fail("stat", 1, EACCES);
+    EXPECT_EQ(append("one\n"), 0);
+    EXPECT_EQ(support::slurp(file).size(), 1048577u + 4);
+}
+
+TEST_F(DumpFile, FailureToOpenIsReportedWithItsErrno)
+{
+    EXPECT_EQ(dump_file_append(path("/absent/dump").c_str(), "x"), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(dump_file_append(runtime_dir.c_str(), "x"), -1);
+    EXPECT_EQ(errno, EISDIR);
+    fault::fail("open", 1, EMFILE);
+    EXPECT_EQ(append("x"), -1);
+    EXPECT_EQ(errno, EMFILE);
+    EXPECT_EQ(fault::calls("write") + fault::calls("close"), 0);
+}
+
+TEST_F(DumpFile, FailureToWriteIsNotReported)
+{
+    fault::fail("write", 1, ENOSPC);
+    EXPECT_EQ(append("x"), 0);
+    EXPECT_EQ(fault::calls("close"), 1);
+    EXPECT_EQ(support::slurp(file), "");
+}
+
+TEST_F(DumpFile, ShortWritesAreCompleted)
+{
+    fault::shorten("write", 1, 1, fault::ALWAYS);
+    EXPECT_EQ(append("one\n"), 0);
+    EXPECT_EQ(support::slurp(file), "one\n");
+}
+
+TEST_F(DumpFile, IsOpenedWriteOnlyForAppendingAndNotForChildren)
+{
+    fault::run("write", 1, note_flags);
+    EXPECT_EQ(append("one\n"), 0);
+    EXPECT_EQ(seen_flags & O_ACCMODE, O_WRONLY);
+    EXPECT_EQ(seen_flags & O_APPEND, O_APPEND);
+    EXPECT_EQ(seen_descriptor_flags, FD_CLOEXEC);
+}
+
+TEST_F(DumpFile, LineGoesBehindWhatOthersWroteMeanwhile)
+{
+    fault::run("write", 1, append_from_elsewhere);
+    EXPECT_EQ(append("one\n"), 0);
+    EXPECT_EQ(support::slurp(file), "other\none\n");
+}
+
+TEST_F(DumpFile, LinesOfManyProcessesStayWhole)
+{
+    constexpr int PROCESSES = 8;
+    constexpr int LINES = 50;
+    pid_t pids[PROCESSES];
+
+    for (int i = 0; i < PROCESSES; i++) {
+        const std::string line(300, static_cast<char>('a' + i));
+        pids[i] = fork();
+        if (pids[i] == 0) {
+            int failed = 0;
+            for (int n = 0; n < LINES; n++) {
+                failed |= append((line + "\n").c_str());
+            }
+            _exit(failed == 0 ? 0 : 1);
+        }
+    }
+    for (const pid_t pid : pids) {
+        EXPECT_EQ(support::wait_child(pid), 0);
+    }
+    std::map<std::string, int> count;
+    for (const std::string &line : support::lines_of(file)) {
+        count[line]++;
+    }
+    ASSERT_EQ(count.size(), static_cast<size_t>(PROCESSES));
+    for (const auto &[line, times] : count) {
+        EXPECT_EQ(line, std::string(300, line[0]) + "\n");
+        EXPECT_EQ(times, LINES);
+    }
+}

@@ -1,0 +1,224 @@
+#include "common/io.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <string>
+#include <thread>
+
+#include "tests/support/fault.h"
+#include "tests/support/runtime.h"
+#include "tests/support/wait.h"
+
+class Write : public support::nothing_left
+{
+  protected:
+    void SetUp() override
+    {
+        nothing_left::SetUp();
+        ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    }
+
+    void TearDown() override
+    {
+        close(ends[0]);
+        close(ends[1]);
+        nothing_left::TearDown();
+    }
+
+    int flags() const
+    {
+        return fcntl(ends[1], F_GETFL);
+    }
+
+    void make_non_blocking() const
+    {
+        fcntl(ends[1], F_SETFL, flags() | O_NONBLOCK);
+    }
+
+    // What is in the pipe now.
+    std::string written() const
+    {
+        int count = 0;
+        EXPECT_EQ(ioctl(ends[0], FIONREAD, &count), 0);
+        std::string bytes(static_cast<size_t>(count), '\0');
+        if (count > 0) {
+            EXPECT_EQ(read(ends[0], bytes.data(), bytes.size()), count);
+        }
+        return bytes;
+    }
+
+    // A fresh count of what happens after it.
+    static int writes()
+    {
+        return fault::calls("write");
+    }
+
+    int ends[2] = {-1, -1};
+};
+
+TEST_F(Write, WritesAllBytesAndReturnsTheirNumber)
+{
+    EXPECT_EQ(tty_write(ends[1], "a\0b\r\n", 5), 5);
+    EXPECT_EQ(written(), std::string("a\0b\r\n", 5));
+}
+
+TEST_F(Write, AsksForAllRemainingBytesAtOnce)
+{
+    EXPECT_EQ(tty_write(ends[1], "hello", 5), 5);
+    EXPECT_EQ(writes(), 1);
+}
+
+TEST_F(Write, LengthOfZeroOrLessIsReturnedWithoutWriting)
+{
+    for (const int len : {0, -1, -1000}) {
+        EXPECT_EQ(tty_write(ends[1], "x", len), len);
+    }
+    EXPECT_EQ(writes(), 0);
+}
+
+TEST_F(Write, LeavesANonBlockingDescriptorBlocking)
+{
+    make_non_blocking();
+    EXPECT_EQ(tty_write(ends[1], "x", 1), 1);
+    EXPECT_EQ(flags() & O_NONBLOCK, 0);
+}
+
+TEST_F(Write, LengthOfZeroLeavesItBlockingToo)
+{
+    make_non_blocking();
+    EXPECT_EQ(tty_write(ends[1], "x", 0), 0);
+    EXPECT_EQ(flags() & O_NONBLOCK, 0);
+}
+
+TEST_F(Write, KeepsTheOtherStatusFlags)
+{
+    ASSERT_EQ(fcntl(ends[1], F_SETFL, flags() | O_NONBLOCK | O_APPEND), 0);
+    EXPECT_EQ(tty_write(ends[1], "x", 1), 1);
+    EXPECT_NE(flags() & O_APPEND, 0);
+}
+
+TEST_F(Write, FailuresOfTheFlagCallsAreIgnored)
+{
+    const int fcntls = fault::watch("fcntl");
+    fault::fail("fcntl", 1, EIO, 2);
+    EXPECT_EQ(tty_write(ends[1], "x", 1), 1);
+    EXPECT_EQ(fault::seen(fcntls), 2);
+    EXPECT_EQ(written(), "x");
+}
+
+TEST_F(Write, ShortWritesGoOnWhereTheyStopped)
+{
+    fault::shorten("write", 1, 2, fault::ALWAYS);
+    EXPECT_EQ(tty_write(ends[1], "abcdefg", 7), 7);
+    EXPECT_EQ(written(), "abcdefg");
+    EXPECT_EQ(writes(), 4);
+}
+
+TEST_F(Write, ResultOfZeroIsRetried)
+{
+    fault::shorten("write", 1, 3);
+    fault::result("write", 2, 0, 5);
+    EXPECT_EQ(tty_write(ends[1], "abcdef", 6), 6);
+    EXPECT_EQ(written(), "abcdef");
+    EXPECT_EQ(writes(), 7);
+}
+
+TEST_F(Write, InterruptionOrFullnessResumesWhereItStopped)
+{
+    for (const int error : {EAGAIN, EINPROGRESS, EINTR}) {
+        fault::reset();
+        fault::shorten("write", 1, 3);
+        fault::fail("write", 2, error);
+        EXPECT_EQ(tty_write(ends[1], "abcdef", 6), 6) << error;
+        EXPECT_EQ(written(), "abcdef") << error;
+        EXPECT_EQ(writes(), 3) << error;
+    }
+}
+
+TEST_F(Write, RetriesHaveNoLimitAndNoDelay)
+{
+    fault::fail("write", 1, EAGAIN, 200000);
+    const int sleeps = fault::watch("usleep");
+    const int polls = fault::watch("poll");
+    EXPECT_EQ(tty_write(ends[1], "x", 1), 1);
+    EXPECT_EQ(writes(), 200001);
+    EXPECT_EQ(fault::seen(sleeps) + fault::seen(polls), 0);
+}
+
+TEST_F(Write, AnyOtherErrorEndsItAtOnce)
+{
+    for (const int error : {EIO, ENOSPC, EPIPE, EBADF, EFBIG, EINVAL}) {
+        fault::reset();
+        fault::fail("write", 1, error);
+        errno = 0;
+        EXPECT_EQ(tty_write(ends[1], "abc", 3), -1);
+        EXPECT_EQ(errno, error);
+        EXPECT_EQ(writes(), 1);
+    }
+}
+
+TEST_F(Write, WhatWasWrittenBeforeTheErrorStays)
+{
+    fault::shorten("write", 1, 2);
+    fault::fail("write", 2, EIO);
+    EXPECT_EQ(tty_write(ends[1], "abcdef", 6), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(written(), "ab");
+}
+
+TEST_F(Write, ClosedDescriptorIsAnError)
+{
+    const int fd = dup(ends[1]);
+    close(fd);
+    EXPECT_EQ(tty_write(fd, "x", 1), -1);
+    EXPECT_EQ(errno, EBADF);
+}
+
+static void ignore_signal(int)
+{
+}
+
+// The pipe is full and non-blocking at first, so that nothing but the writer
+// can have made it wait.
+TEST_F(Write, IsResumedAfterARealSignalInAFullPipe)
+{
+    struct sigaction action = {};
+    action.sa_handler = ignore_signal;
+    ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
+
+    std::string sent;
+    for (int i = 0; i < 300000; i++) {
+        sent += static_cast<char>('a' + i % 23);
+    }
+    int result = 0;
+    make_non_blocking();
+    std::thread writer([&] {
+        result = tty_write(ends[1], sent.data(), static_cast<int>(sent.size()));
+    });
+    const auto full = [&] {
+        int count = 0;
+        ioctl(ends[0], FIONREAD, &count);
+        return count >= 60000;
+    };
+    EXPECT_TRUE(support::wait_until(full));
+    for (int i = 0; i < 20; i++) {
+        pthread_kill(writer.native_handle(), SIGUSR1);
+        usleep(1000);
+    }
+    std::string received;
+    while (received.size() < sent.size()) {
+        char bytes[4096];
+        const ssize_t got = read(ends[0], bytes, sizeof bytes);
+        ASSERT_GT(got, 0);
+        received.append(bytes, static_cast<size_t>(got));
+        pthread_kill(writer.native_handle(), SIGUSR1);
+    }
+    writer.join();
+    EXPECT_EQ(result, 300000);
+    EXPECT_TRUE(received == sent);
+}

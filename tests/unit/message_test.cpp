@@ -1,0 +1,179 @@
+#include "vc/message.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stddef.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "tests/support/fault.h"
+#include "vc_fixture.h"
+
+using MessageTest = VcTest;
+
+static bool blocking(int fd)
+{
+    return (fcntl(fd, F_GETFL) & O_NONBLOCK) == 0;
+}
+
+TEST_F(MessageTest, the_record_has_156_bytes)
+{
+    EXPECT_EQ(sizeof(tty_cmsg), 156u);
+}
+
+TEST_F(MessageTest, each_field_has_its_offset_and_width)
+{
+    EXPECT_EQ(offsetof(tty_cmsg, vc_flag), 0u);
+    EXPECT_EQ(offsetof(tty_cmsg, ttyno), 4u);
+    EXPECT_EQ(offsetof(tty_cmsg, sockfd), 8u);
+    EXPECT_EQ(offsetof(tty_cmsg, socktype), 12u);
+    EXPECT_EQ(offsetof(tty_cmsg, port), 16u);
+    EXPECT_EQ(offsetof(tty_cmsg, protocol), 20u);
+    EXPECT_EQ(offsetof(tty_cmsg, pid), 24u);
+    EXPECT_EQ(offsetof(tty_cmsg, peer_port), 28u);
+    EXPECT_EQ(offsetof(tty_cmsg, local_addr), 36u);
+    EXPECT_EQ(offsetof(tty_cmsg, tipc_addrtype), 44u);
+    EXPECT_EQ(offsetof(tty_cmsg, tipc_scope), 48u);
+    EXPECT_EQ(offsetof(tty_cmsg, tipc_type), 52u);
+    EXPECT_EQ(offsetof(tty_cmsg, tipc_lower), 56u);
+    EXPECT_EQ(offsetof(tty_cmsg, tipc_upper), 60u);
+    EXPECT_EQ(offsetof(tty_cmsg, tos), 64u);
+    EXPECT_EQ(offsetof(tty_cmsg, accept_id), 68u);
+    EXPECT_EQ(offsetof(tty_cmsg, peer_addr), 76u);
+    EXPECT_EQ(offsetof(tty_cmsg, path), 92u);
+    EXPECT_EQ(sizeof(tty_cmsg::local_addr), 16u);
+    EXPECT_EQ(sizeof(tty_cmsg::peer_addr), 16u);
+    EXPECT_EQ(sizeof(tty_cmsg::path), 64u);
+}
+
+TEST_F(MessageTest, each_flag_has_its_bit)
+{
+    EXPECT_EQ(VC_FLAG_CLIENT_ALLOC, 0x001u);
+    EXPECT_EQ(VC_FLAG_CLIENT_CLEAR, 0x002u);
+    EXPECT_EQ(VC_FLAG_PORT_PERMIT, 0x008u);
+    EXPECT_EQ(VC_FLAG_PORT_FAIL, 0x010u);
+    EXPECT_EQ(VC_FLAG_ALLOC_OK, 0x020u);
+    EXPECT_EQ(VC_FLAG_PATH_PERMIT, 0x080u);
+    EXPECT_EQ(VC_FLAG_PATH_FAIL, 0x100u);
+    EXPECT_EQ(VC_FLAG_STOP_LISTEN, 0x200u);
+    EXPECT_EQ(VC_FLAG_PORT_CHANGE, 0x400u);
+}
+
+TEST_F(MessageTest, an_ipv6_local_address_shares_bytes_with_the_tipc_fields)
+{
+    tty_cmsg msg = {};
+    memset(msg.local_addr, 0xff, sizeof msg.local_addr);
+    EXPECT_EQ(msg.tipc_addrtype, 0xffffffffu);
+    EXPECT_EQ(msg.tipc_scope, -1);
+    EXPECT_EQ(msg.tipc_type, 0u);
+}
+
+TEST_F(MessageTest, the_mode_of_a_descriptor_is_switched_both_ways)
+{
+    vc_set_bk(inetd_fd_, false);
+    EXPECT_FALSE(blocking(inetd_fd_));
+    vc_set_bk(inetd_fd_, true);
+    EXPECT_TRUE(blocking(inetd_fd_));
+}
+
+TEST_F(MessageTest, the_mode_is_switched_by_fionbio_and_failure_ignored)
+{
+    const int calls = fault::watch("ioctl", fault::only_what(FIONBIO));
+    vc_set_bk(inetd_fd_, false);
+    EXPECT_EQ(fault::seen(calls), 1);
+    vc_set_bk(-1, false);
+}
+
+TEST_F(MessageTest, a_record_is_sent_whole_in_blocking_mode)
+{
+    tty_cmsg msg = {};
+    msg.ttyno = 77;
+    vc_set_bk(inetd_fd_, false);
+    EXPECT_EQ(vc_msg_send(inetd_fd_, &msg), 156);
+    EXPECT_TRUE(blocking(inetd_fd_));
+    char buf[300];
+    EXPECT_EQ(recv(far_end_, buf, sizeof buf, MSG_DONTWAIT), 156);
+    EXPECT_EQ(memcmp(buf, &msg, sizeof msg), 0);
+}
+
+TEST_F(MessageTest, a_record_written_in_pieces_arrives_whole)
+{
+    tty_cmsg msg = {};
+    msg.ttyno = 77;
+    fault::shorten("write", 1, 10, 5, fault::only_fd(inetd_fd_));
+    EXPECT_EQ(vc_msg_send(inetd_fd_, &msg), 156);
+    ASSERT_EQ(sent().size(), 1u);
+}
+
+TEST_F(MessageTest, a_send_that_fails_leaves_the_error)
+{
+    tty_cmsg msg = {};
+    fault::fail("write", 1, EPIPE, 1, fault::only_fd(inetd_fd_));
+    EXPECT_LT(vc_msg_send(inetd_fd_, &msg), 0);
+    EXPECT_EQ(errno, EPIPE);
+}
+
+TEST_F(MessageTest, a_record_is_received_without_waiting)
+{
+    tty_cmsg msg;
+    EXPECT_EQ(vc_msg_recv(inetd_fd_, &msg), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_FALSE(blocking(inetd_fd_));
+}
+
+TEST_F(MessageTest, one_record_is_received_at_a_time)
+{
+    tty_cmsg msg = {};
+    for (int i = 1; i <= 2; i++) {
+        msg.ttyno = i;
+        ASSERT_TRUE(give(msg));
+    }
+    EXPECT_EQ(vc_msg_recv(inetd_fd_, &msg), 156);
+    EXPECT_EQ(msg.ttyno, 1);
+    EXPECT_EQ(vc_msg_recv(inetd_fd_, &msg), 156);
+    EXPECT_EQ(msg.ttyno, 2);
+}
+
+TEST_F(MessageTest, a_short_record_is_reported_by_its_length)
+{
+    tty_cmsg msg;
+    memset(&msg, 0xee, sizeof msg);
+    ASSERT_EQ(send(far_end_, "abc", 3, 0), 3);
+    EXPECT_EQ(vc_msg_recv(inetd_fd_, &msg), 3);
+    EXPECT_EQ(msg.path[63], '\0');
+}
+
+TEST_F(MessageTest, a_path_of_63_characters_fills_the_field_but_one)
+{
+    tty_cmsg msg;
+    memset(&msg, 0xee, sizeof msg);
+    vc_msg_set_path(&msg, std::string(63, 'p').c_str());
+    EXPECT_EQ(std::string(msg.path), std::string(63, 'p'));
+    EXPECT_EQ(msg.path[63], '\0');
+}
+
+TEST_F(MessageTest, a_longer_path_is_cut_to_63_characters)
+{
+    tty_cmsg msg;
+    memset(&msg, 0xee, sizeof msg);
+    vc_msg_set_path(&msg, std::string(80, 'p').c_str());
+    EXPECT_EQ(std::string(msg.path), std::string(63, 'p'));
+}
+
+TEST_F(MessageTest, a_shorter_path_leaves_nothing_of_an_older_one)
+{
+    tty_cmsg msg = {};
+    vc_msg_set_path(&msg, "/a/long/path");
+    vc_msg_set_path(&msg, "/b");
+    const char expected[64] = "/b";
+    EXPECT_EQ(memcmp(msg.path, expected, sizeof expected), 0);
+}
+
+TEST_F(MessageTest, a_path_without_terminator_is_64_characters_long)
+{
+    tty_cmsg msg = {};
+    memset(msg.path, 'x', sizeof msg.path);
+    EXPECT_EQ(std::string(vc_msg_path_of(&msg).text), std::string(64, 'x'));
+}
