@@ -9,10 +9,11 @@ namespace support
 {
 
 // Moves the process into a new mount namespace whose root holds the machine's
-// /usr, /etc, /proc and the like, the working directory, and an empty /tmp
-// and otherwise nothing; /dev holds only null, zero, random, urandom, tty, ptmx
-// and pts. There is no way back. Returns what went wrong, empty when nothing
-// did. A process that is not root needs user namespaces, and one thread only.
+// /usr, /etc, /proc and the like, the working directory, an empty /tmp and
+// otherwise nothing; /dev holds only null, zero, random, urandom, tty, and
+// ptmx and pts of its own. There is no way back. Returns what went wrong,
+// empty when nothing did. A process that is not root needs user namespaces,
+// and one thread only.
 std::string enter_private_root();
 
 // Puts content in place of an existing file of the private root that cannot

@@ -1,8 +1,8 @@
 add_executable(daemon_util_test
     daemon_util_test.cpp
-    relay_test.cpp
+    daemon_relay_test.cpp
     ${PROJECT_SOURCE_DIR}/examples/daemon_util.cpp
-    ${PROJECT_SOURCE_DIR}/examples/relay.cpp)
+    ${PROJECT_SOURCE_DIR}/examples/daemon_relay.cpp)
 target_include_directories(daemon_util_test PRIVATE
     ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
 target_link_libraries(daemon_util_test PRIVATE

@@ -49,6 +49,13 @@ TEST_F(EnvCheck, ModesAreOneForGetAndTwoForSet)
     EXPECT_EQ(TTY_ENV_SET, 2);
 }
 
+TEST_F(EnvCheck, LinesAre1586AndTheReservedOnes80000And80001)
+{
+    EXPECT_EQ(TTY_LINES, 1586);
+    EXPECT_EQ(TTY_LINE_RESERVED0, 80000);
+    EXPECT_EQ(TTY_LINE_RESERVED1, 80001);
+}
+
 TEST_F(EnvCheck, AcceptsLines0To1585AndTheTwoReservedOnes)
 {
     for (unsigned int ttyno = 0; ttyno <= 1585; ttyno++) {

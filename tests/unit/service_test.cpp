@@ -377,9 +377,13 @@ TEST_F(ServiceTest, deletion_of_port_0_takes_the_first_path)
     ASSERT_EQ(registered(plain(AF_INET, 23, nullptr, 6)), 0);
     ASSERT_EQ(registered(plain(AF_UNIX, 0, "/tmp/x", 7)), 0);
     ASSERT_EQ(registered(plain(AF_UNIX, 0, "/tmp/y", 7)), 0);
+    // Sessions of the service share the path: it outlives the service.
+    static const char *shared;
+    shared = services()[1]->reg.listen_path;
     EXPECT_EQ(vc_service_del(0), 0);
     ASSERT_EQ(services().size(), 2u);
     EXPECT_STREQ(services()[1]->reg.listen_path, "/tmp/y");
+    EXPECT_STREQ(shared, "/tmp/x");
 }
 
 TEST_F(ServiceTest, deletion_closes_the_listener)

@@ -1,4 +1,4 @@
-#include "examples/relay.h"
+#include "examples/daemon_relay.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,0 +1,90 @@
+/*
+ * Which line belongs to whom. The pool knows nothing of sockets: clients are
+ * numbers that are never used twice.
+ */
+#ifndef TTYLINED_POOL_H
+#define TTYLINED_POOL_H
+
+#include <array>
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include <ttyline/vc.h>
+
+constexpr int pool_protocols = 12;
+
+struct line_range {
+    int low;
+    int high;
+};
+
+enum class line_state {
+    unused,
+    assigned, /* the client was told, its answer is still to come */
+    running,  /* the client confirmed a session */
+};
+
+struct pool_line {
+    line_state state = line_state::unused;
+    unsigned client = 0;
+    int32_t session_pid = 0;
+    tty_cmsg assignment = {};
+
+    /* A failed assignment whose second record is still to come. */
+    unsigned late_client = 0;
+    int32_t late_sockfd = 0;
+    int32_t late_accept_id = 0;
+};
+
+struct line_pool {
+    std::array<pool_line, TTY_LINES> lines;
+    std::array<std::vector<line_range>, pool_protocols> ranges;
+};
+
+enum class clean_result {
+    freed,
+    late_answer, /* second record of a failed assignment, nothing to free */
+    not_owner,
+};
+
+/* Every protocol gets all usable lines. */
+void pool_init(line_pool &pool);
+
+/*
+ * Replaces the ranges of one protocol; text is PROTO=LO-HI[,LO-HI...]. On
+ * failure nothing changes and error says why.
+ */
+bool pool_set_ranges(line_pool &pool, const std::string &text,
+                     std::string &error);
+
+/*
+ * Gives the lowest free line of the report's protocol to the client; -1 when
+ * there is none. A protocol out of range may use every usable line.
+ */
+int pool_take(line_pool &pool, unsigned client, const tty_cmsg &report);
+
+/* An alloc-ok record; false when it fits no assignment of this client. */
+bool pool_confirm(line_pool &pool, unsigned client, const tty_cmsg &record);
+
+/* A line-clean record or the negative answer to an assignment. */
+clean_result pool_clean(line_pool &pool, unsigned client,
+                        const tty_cmsg &record);
+
+/*
+ * Frees the lines of a client, or only those without a confirmed session.
+ * Returns how many it still has.
+ */
+std::size_t pool_drop_client(line_pool &pool, unsigned client,
+                             bool keep_running);
+
+/* Hands all lines of one client to another; returns how many. */
+std::size_t pool_hand_over(line_pool &pool, unsigned from, unsigned to);
+
+/* The line, or a null pointer for a number that is none. */
+const pool_line *pool_find(const line_pool &pool, int ttyno);
+
+/* Whole decimal number within bounds; false for anything else. */
+bool parse_number(const std::string &text, int low, int high, int &value);
+
+#endif
