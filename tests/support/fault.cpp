@@ -31,7 +31,8 @@ namespace fault
 #define FAULT_CALLS(X)                                                         \
     X(socket)                                                                  \
     X(setsockopt)                                                              \
-    X(bind) X(listen) X(connect) X(accept) X(recv) X(read) X(write) X(open) X( \
+    X(bind)                                                                    \
+    X(listen) X(connect) X(accept) X(recv) X(read) X(write) X(open) X(         \
         close) X(fcntl) X(ioctl) X(stat) X(truncate) X(ftruncate) X(rename)    \
         X(mkdir) X(unlink) X(symlink) X(fork) X(socketpair) X(posix_openpt) X( \
             grantpt) X(unlockpt) X(ptsname_r) X(tcgetattr) X(tcsetattr)        \
@@ -258,10 +259,11 @@ static subject about_fd(int fd, long what = -1)
     return about;
 }
 
-static subject about_path(const char *path)
+static subject about_path(const char *path, long what = -1)
 {
     subject about;
     about.path = path;
+    about.what = what;
     return about;
 }
 
@@ -460,7 +462,7 @@ FAULT_DECLARE(int, open, const char *path, int flags, ...)
 int __wrap_open(const char *path, int flags, ...)
 {
     FAULT_OPTIONAL(mode_t, flags);
-    FAULT_ENTER(int, open, about_path(path))
+    FAULT_ENTER(int, open, about_path(path, flags))
     return __real_open(path, flags, optional);
 }
 

@@ -15,8 +15,9 @@ struct filter {
     // Part of the path, or of the path behind the descriptor.
     const char *path = nullptr;
     int fd = -1;
-    // The number that says what the call is to do: the command of fcntl(),
-    // the request of ioctl(), the signal, the how of pthread_sigmask().
+    // The number that says what the call is to do: the flags of open(), the
+    // command of fcntl(), the request of ioctl(), the signal, the how of
+    // pthread_sigmask().
     long what = -1;
 };
 

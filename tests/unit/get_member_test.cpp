@@ -192,6 +192,8 @@ TEST_F(Get, CutTwoBehindACarriageReturnEndsThere)
     EXPECT_EQ(get("HOME", 4), "a");
     EXPECT_EQ(get("HOME", 5), "a\rbc");
     EXPECT_EQ(get("HOME", 64), "a\rbc");
+    store("HOME=\rx");
+    EXPECT_EQ(get("HOME"), "");
 }
 
 TEST_F(Get, BareLineFeedStaysWithTheValue)

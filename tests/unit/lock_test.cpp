@@ -152,6 +152,13 @@ TEST_F(Lock, CountsOfManyThreadsAreNotLost)
 
 TEST_F(Lock, FirstUsesOfManyThreadsInitialiseItOnce)
 {
+    // Slow, so that all of them arrive before it is made.
+    fault::run(
+        "pthread_mutex_init", 1,
+        [] {
+            usleep(20000);
+        },
+        fault::ALWAYS);
     const int made = fault::watch("pthread_mutex_init");
     std::atomic<bool> go{false};
     std::vector<std::thread> threads;
