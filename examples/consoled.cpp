@@ -136,6 +136,7 @@ static int run_program(int ttyno, const char *ttydev)
     (void)ttyno;
     prepare_session_child(g_term.c_str());
     make_terminal_sane(0);
+    arguments.reserve(g_program.size() + 2);
     for (std::string &word : g_program) {
         arguments.push_back(&word[0]);
     }

@@ -11,7 +11,7 @@
 static constexpr size_t step_bytes = 4 * relay_capacity;
 static constexpr int step_wait_ms = 5;
 static constexpr int64_t linger_ms = 2000;
-static constexpr size_t drain_bytes = 512 * 1024;
+static constexpr size_t drain_bytes = size_t{512} * 1024;
 static constexpr int64_t drain_ms = 200;
 
 /* Changes whenever some relay has moved bytes or has waited. */

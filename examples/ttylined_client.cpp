@@ -10,7 +10,8 @@
 
 #include "ttylined_server.h"
 
-static constexpr std::size_t out_records_max = 256 * 1024 / record_size;
+static constexpr std::size_t out_records_max =
+    std::size_t{256} * 1024 / record_size;
 static constexpr std::size_t services_max = 128;
 
 /*
@@ -100,6 +101,8 @@ static bool same_service(const tty_cmsg &a, const tty_cmsg &b)
                     : a.port == b.port);
 }
 
+/* The caller changes what it finds. */
+// cppcheck-suppress constParameter
 static service *find_service(client &cli, const tty_cmsg &request)
 {
     for (service &known : cli.services) {
@@ -151,7 +154,8 @@ static void on_accept_report(server &srv, client &cli, const tty_cmsg &record)
     client_send(srv, cli, answer);
 }
 
-static void on_line_clean(server &srv, client &cli, const tty_cmsg &record)
+static void on_line_clean(server &srv, const client &cli,
+                          const tty_cmsg &record)
 {
     const std::string line = "line " + std::to_string(record.ttyno);
 
@@ -167,7 +171,7 @@ static void on_line_clean(server &srv, client &cli, const tty_cmsg &record)
     }
 }
 
-static void on_alloc_ok(server &srv, client &cli, const tty_cmsg &record)
+static void on_alloc_ok(server &srv, const client &cli, const tty_cmsg &record)
 {
     if (!pool_confirm(srv.pool, cli.number, record)) {
         trace_note(srv, client_name(cli) + "line " +
@@ -283,7 +287,7 @@ bool client_read(server &srv, client &cli)
     return false;
 }
 
-static void adopt_parked(server &srv, client &cli)
+static void adopt_parked(server &srv, const client &cli)
 {
     for (auto it = srv.parked.begin(); it != srv.parked.end();) {
         if (it->peer_pid != cli.peer_pid) {

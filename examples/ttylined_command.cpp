@@ -34,7 +34,7 @@ static std::string take_word(std::string &text)
     const std::size_t start =
         std::min(text.find_first_not_of(' '), text.size());
     const std::size_t end = std::min(text.find(' ', start), text.size());
-    const std::string word = text.substr(start, end - start);
+    std::string word = text.substr(start, end - start);
 
     text.erase(0, std::min(text.find_first_not_of(' ', end), text.size()));
     return word;

@@ -14,7 +14,7 @@
 #include "ttylined_server.h"
 
 /* A reply that is not read keeps its sender's next commands waiting. */
-static constexpr std::size_t reply_pending_max = 64 * 1024;
+static constexpr std::size_t reply_pending_max = std::size_t{64} * 1024;
 static constexpr long long accept_pause_ms = 200;
 
 long long monotonic_ms()

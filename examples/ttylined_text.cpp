@@ -13,7 +13,7 @@
 #include <poll.h>
 #include <unistd.h>
 
-static constexpr std::size_t pending_max = 1024 * 1024;
+static constexpr std::size_t pending_max = std::size_t{1024} * 1024;
 static constexpr std::size_t read_size = 4096;
 
 static bool has_room(int fd)

@@ -113,8 +113,7 @@ typedef struct vc_reg {
      * Optional, IPv4 and IPv6. Anything but true closes the connection. The
      * ports inside both addresses are in host order.
      */
-    bool (*acl_func)(const struct sockaddr *local,
-                     const struct sockaddr *peer);
+    bool (*acl_func)(const struct sockaddr *local, const struct sockaddr *peer);
     /* Optional. TOS or traffic class for the listener; negative: default. */
     int (*tos_func)(void);
 } vc_reg;
@@ -270,8 +269,8 @@ void vc_debug_msg(const char *fmt, ...) TTYLINE_PRINTF(1, 2);
  * The device's system-log hook, imported by the library: a program may
  * provide it.
  */
-void printk_syslog_ext(int level, const char *module, const char *tag,
-                       int kind, const char *fmt, ...) TTYLINE_PRINTF(5, 6);
+void printk_syslog_ext(int level, const char *module, const char *tag, int kind,
+                       const char *fmt, ...) TTYLINE_PRINTF(5, 6);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

@@ -1,7 +1,6 @@
 #include "tty/console.h"
 
 #include <errno.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
