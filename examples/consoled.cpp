@@ -310,7 +310,7 @@ int main(int argc, char **argv)
     options chosen = parse_command_line(argc, argv);
 
     openlog("consoled", LOG_PID, LOG_DAEMON);
-    if (!raise_descriptor_limit()) {
+    if (!raise_descriptor_limit(watched_descriptors)) {
         warn("cannot raise the limit on open descriptors");
     }
     if (chosen.port != 0 && chosen.ipv4) {

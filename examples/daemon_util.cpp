@@ -119,15 +119,14 @@ void make_terminal_sane(int fd)
     ioctl(fd, TIOCSWINSZ, &size);
 }
 
-bool raise_descriptor_limit()
+bool raise_descriptor_limit(unsigned most)
 {
     rlimit limit;
 
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
         return false;
     }
-    /* The service watches no descriptor of 65536 or above. */
-    rlim_t wanted = limit.rlim_max < 65536 ? limit.rlim_max : 65536;
+    rlim_t wanted = limit.rlim_max < most ? limit.rlim_max : most;
     if (limit.rlim_cur >= wanted) {
         return true;
     }

@@ -41,8 +41,12 @@ void close_listed_descriptors(int lowest);
  */
 void make_terminal_sane(int fd);
 
-/* Raises the soft limit on open descriptors to the hard one, at most 65536. */
-bool raise_descriptor_limit();
+/* The session service watches no descriptor of this number or above. */
+constexpr unsigned watched_descriptors = 65536;
+
+/* Raises the soft limit on open descriptors to the hard one, at most to most.
+ */
+bool raise_descriptor_limit(unsigned most);
 
 /* Addresses that agree with this one in the first bits. */
 struct allow_entry {
