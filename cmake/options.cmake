@@ -21,6 +21,9 @@ endif()
 
 # Built from plain C++ with nothing of the C++ library in it: linked as C, so
 # that a stray need for it fails the link instead of appearing in readelf -d.
+# CMake would add the C++ library to such a link by name; programs written in
+# C++ get it from their compiler's driver.
+set(CMAKE_CXX_IMPLICIT_LINK_LIBRARIES "")
 add_library(ttyline_core_options INTERFACE)
 target_link_libraries(ttyline_core_options INTERFACE ttyline_options)
 target_compile_options(ttyline_core_options INTERFACE

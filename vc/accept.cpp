@@ -231,6 +231,20 @@ void vc_accept_take(int fd, int accept_id)
     }
 }
 
+void vc_accept_drop_all(void)
+{
+    while (g_vc_accept_list.next != &g_vc_accept_list) {
+        vc_accept_entry *entry =
+            reinterpret_cast<vc_accept_entry *>(g_vc_accept_list.next);
+        if (entry->fd > 0) {
+            close(entry->fd);
+        }
+        vc_debug_msg("(vc:%d):%s close all socket fd, err %s.\r\n", getpid(),
+                     "vc_deal_msg", strerror(errno));
+        vc_accept_drop(entry);
+    }
+}
+
 // Reports the connection. A report that cannot be sent undoes the entry and
 // closes the socket, so that the inetd and the service agree on what exists.
 static int report(int inetd_fd, int fd, tty_cmsg *msg)

@@ -26,3 +26,7 @@ void vc_accept_take(int fd, int accept_id);
 
 // Frees an entry; its socket is left as it is.
 void vc_accept_drop(vc_accept_entry *entry);
+
+// Frees all entries and closes their sockets: the inetd connection on which
+// their answers would have come is given up.
+void vc_accept_drop_all(void);

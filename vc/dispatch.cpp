@@ -69,26 +69,12 @@ static void reset_services(void)
     vc_unlock();
 }
 
-static void drop_pending_accepts(void)
-{
-    while (g_vc_accept_list.next != &g_vc_accept_list) {
-        vc_accept_entry *entry =
-            reinterpret_cast<vc_accept_entry *>(g_vc_accept_list.next);
-        if (entry->fd > 0) {
-            close(entry->fd);
-        }
-        vc_debug_msg("(vc:%d):%s close all socket fd, err %s.\r\n", getpid(),
-                     FUNCTION, strerror(errno));
-        vc_accept_drop(entry);
-    }
-}
-
 // Back to a fresh start: no sessions, no listeners, no pending accepts.
 static int reset_all(void)
 {
     kill_all_sessions();
     reset_services();
-    drop_pending_accepts();
+    vc_accept_drop_all();
     vc_debug_msg("(vc:%d):%s before return err, err %s.\r\n", getpid(),
                  FUNCTION, strerror(errno));
     return -1;
@@ -209,13 +195,20 @@ static vc_srv *permitted_service(const tty_cmsg *msg, const char *path)
     return nullptr;
 }
 
+// Whether the daemon has stopped the service since the permit was looked at.
+// Paths are opened whether they were stopped or not.
+static bool stopped_meanwhile(const vc_srv *srv, const char *path)
+{
+    return path == nullptr && (srv->flags & SRV_STOPPED) != 0;
+}
+
 // Gives the new listener to its service. One that listens already keeps its
-// socket; a service deleted meanwhile needs none.
+// socket; a service deleted or stopped meanwhile needs none.
 static int install_listener(const tty_cmsg *msg, const char *path, int fd)
 {
     vc_wlock();
     vc_srv *srv = permitted_service(msg, path);
-    if (srv != nullptr && srv->listen_fd < 0) {
+    if (srv != nullptr && srv->listen_fd < 0 && !stopped_meanwhile(srv, path)) {
         srv->listen_fd = fd;
         srv->flags |= SRV_ANNOUNCED;
         srv->flags &= ~SRV_CLOSED;

@@ -1,6 +1,7 @@
 // The main loop: connect, announce, wait, and then in this order one record,
 // one new connection, and the data of the sessions.
 #include <errno.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <string.h>
 #include <unistd.h>
@@ -22,16 +23,37 @@ constexpr long IDLE_WAIT_S = 60;
 constexpr long PENDING_WAIT_US = 10000;
 
 struct loop_state {
-    int inetd_fd; // -1 while not connected
-    bool pending; // a relay step had data left over
+    int inetd_fd;     // -1 while not connected
+    int old_inetd_fd; // of the connection before, -1 before the first
+    bool pending;     // a relay step had data left over
     read_set set;
 };
 
+// Sessions go on, connections that still wait for a line do not: their answers
+// would have come this way.
 static void abandon_connection(loop_state *loop)
 {
+    vc_accept_drop_all();
     close(loop->inetd_fd);
+    loop->old_inetd_fd = loop->inetd_fd;
     loop->inetd_fd = -1;
     usleep(RETRY_PAUSE_US);
+}
+
+// Sessions know the inetd connection by its number: a new connection takes the
+// number of the old one, if that is free.
+static int take_old_number(int fd, int old_fd)
+{
+    if (fd < 0 || old_fd < 0 || fd == old_fd) {
+        return fd;
+    }
+    const int moved = fcntl(fd, F_DUPFD_CLOEXEC, old_fd);
+    if (moved < 0) {
+        return fd;
+    }
+    const bool taken = moved == old_fd;
+    close(taken ? fd : moved);
+    return taken ? moved : fd;
 }
 
 // Returns false when the next iteration has to try again.
@@ -42,6 +64,7 @@ static bool ensure_connected(loop_state *loop)
     }
     loop->inetd_fd = vc_connect();
     const int error = errno;
+    loop->inetd_fd = take_old_number(loop->inetd_fd, loop->old_inetd_fd);
     vc_debug_msg("(vc:%d): connect inetd vc_fd %d\n", getpid(), loop->inetd_fd);
     if (loop->inetd_fd < 0) {
         vc_debug_msg("vc: connect inetd fail, errno:%d, %s\n", error,
@@ -83,8 +106,11 @@ static void watch_sessions(loop_state *loop)
         }
         if (vc_child_exited(child)) {
             vc_child_kill(child);
-        } else if (child->sockfd >= 0 && child->master_fd >= 0 &&
-                   relayed(child->reg.protocol)) {
+            continue;
+        }
+        child->watched = child->sockfd >= 0 && child->master_fd >= 0 &&
+                         relayed(child->reg.protocol);
+        if (child->watched) {
             watch(loop, child->sockfd);
             watch(loop, child->master_fd);
         }
@@ -116,8 +142,8 @@ static void build_set(loop_state *loop)
 }
 
 // Notes what an input step left over; side is how the log calls it. Returns
-// false when the session is gone
-// or failed: its other side is not looked at then.
+// false when the session is gone or failed: its other side is not looked at
+// then.
 static bool relay_in(loop_state *loop, int ttyno, vc_child *child,
                      const char *side)
 {
@@ -225,11 +251,14 @@ static bool take_readable(read_set *set, int fd)
     return true;
 }
 
+// A session that began in this turn is not looked at: its descriptors were not
+// in the set, but a listener that another thread has closed meanwhile may have
+// left their numbers there.
 static void relay_readable(loop_state *loop)
 {
     for (int ttyno = 0; ttyno < TTY_LINES; ttyno++) {
         vc_child *child = vc_child_at(ttyno);
-        if (child == nullptr) {
+        if (child == nullptr || !child->watched) {
             continue;
         }
         if (take_readable(&loop->set, child->sockfd) &&
@@ -276,6 +305,7 @@ int vc_service_start(void)
         return -1;
     }
     loop.inetd_fd = -1;
+    loop.old_inetd_fd = -1;
     loop.pending = false;
     for (;;) {
         iterate(&loop);

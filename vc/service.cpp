@@ -150,13 +150,12 @@ static bool registered(const vc_reg *reg)
 // Makes the node of a record. Returns null with the reason in *message.
 static vc_srv *make_node(const vc_reg *reg, const char **message)
 {
-    vc_srv *srv = static_cast<vc_srv *>(malloc(sizeof *srv));
+    vc_srv *srv = static_cast<vc_srv *>(calloc(1, sizeof *srv));
 
     if (srv == nullptr) {
         *message = "vc: malloc fail, srv == NULL\n";
         return nullptr;
     }
-    memset(srv, 0, sizeof *srv);
     srv->reg = *reg;
     if (reg->listen_path != nullptr) {
         srv->reg.listen_path = strdup(reg->listen_path);

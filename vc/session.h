@@ -15,7 +15,8 @@ struct vc_child {
     int32_t inetd_fd;  // the inetd connection that the line came from
     int32_t in_pending;
     int32_t out_pending;
-    vc_reg reg; // copied; listen_path is shared with the service
+    vc_reg reg;   // copied; listen_path is shared with the service
+    bool watched; // was in the read set of the loop's current turn
 };
 
 // The slot of a line, 0 to TTY_LINES - 1; null when it is empty.

@@ -8,6 +8,7 @@
 #include "vc/signals.h"
 
 #include <errno.h>
+#include <pthread.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/wait.h>
@@ -60,12 +61,17 @@ static void mark_exited(int pid, int status)
     vc_child_set_exited(child);
 }
 
-// Frees and closes nothing: the loop does, outside signal context.
+// Frees and closes nothing: the loop does, outside signal context. A thread
+// that has been asked to end must not end in here, with a child reaped and
+// its session unmarked.
 void vc_handle_sigchld(int signo)
 {
     const int saved_errno = errno;
+    int cancel_state = 0;
     int status = 0;
     int result;
+
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
 
     set_disposition(signo, vc_handle_sigchld);
     vc_child_table_enter();
@@ -75,6 +81,7 @@ void vc_handle_sigchld(int signo)
         mark_exited(result, status);
     }
     vc_child_table_leave();
+    pthread_setcancelstate(cancel_state, nullptr);
     errno = saved_errno;
 }
 
@@ -89,6 +96,7 @@ void vc_check_child(void)
                      strerror(error));
         vc_child *child = vc_child_of_pid(result);
         if (child != nullptr) {
+            vc_child_set_exited(child);
             vc_child_kill(child);
         }
     }

@@ -214,9 +214,12 @@ static bool release_child(const release_pair *pair, vc_child *child, int pid)
 {
     close(pair->child_end);
     vc_set_bk(pair->parent_end, false);
+    // Before the write: a child that something else kills right after it must
+    // be found too.
+    vc_child_set_pid(child, pid);
     const bool gone = write(pair->parent_end, "o", 1) < 0 && errno == EPIPE;
-    if (!gone) {
-        vc_child_set_pid(child, pid);
+    if (gone) {
+        vc_child_set_pid(child, 0);
     }
     close(pair->parent_end);
     if (gone) {

@@ -12,7 +12,7 @@
 
 constexpr useconds_t RESEND_PAUSE_US = 100000;
 // A descriptor that is none any more cannot come back.
-constexpr int BAD_DESCRIPTOR_LIMIT = 3;
+constexpr int LOST_CONNECTION_LIMIT = 3;
 
 // While this file exists, session programs get the chance to end in order.
 static const char TERMINAL_CACHE[] = "/mng/tty/.tty_rl_terminal_cache";
@@ -62,14 +62,26 @@ static void signal_process(const vc_child *child, const char *cache_path)
         return;
     }
     vc_debug_msg("vc: kill pid %d\n", pid);
+    // The number of a process that has been reaped may be another's by now.
+    if (vc_child_exited(child)) {
+        return;
+    }
     kill(pid, access(cache_path, F_OK) == 0 ? SIGHUP : SIGKILL);
 }
 
+// Whether the number stands for no connection any more. The inetd connection
+// may have been renewed since the session began, and its number may have gone
+// to nothing or to a listener.
+static bool connection_lost(int error)
+{
+    return error == EBADF || error == ENOTCONN;
+}
+
 // The inetd must hear of every line that it gave away, or the line is lost:
-// only its own end, or a descriptor that is none any more, ends the attempts.
+// only its own end, or a number without a connection, ends the attempts.
 static void send_line_clean(int inetd_fd, const tty_cmsg *msg)
 {
-    int bad_descriptors = 0;
+    int lost = 0;
 
     vc_debug_msg("vc: send line-clean msg to inetd\n");
     while (vc_msg_send(inetd_fd, msg) < 0) {
@@ -79,7 +91,7 @@ static void send_line_clean(int inetd_fd, const tty_cmsg *msg)
         }
         vc_debug_msg("vc: resend to qv-tty-admin, error: %s\n",
                      strerror(error));
-        if (error == EBADF && ++bad_descriptors == BAD_DESCRIPTOR_LIMIT) {
+        if (connection_lost(error) && ++lost == LOST_CONNECTION_LIMIT) {
             return;
         }
         usleep(RESEND_PAUSE_US);

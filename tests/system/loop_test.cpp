@@ -140,6 +140,96 @@ TEST_F(SystemTest, after_a_listener_failed_the_inetd_is_told_and_reconnected)
     EXPECT_TRUE(next.receive());
 }
 
+// The renewed connection must not leave anything to the old one: neither
+// clients that wait for a line, nor the number that sessions know it by.
+TEST_F(SystemTest, clients_without_a_line_are_dropped_with_the_connection)
+{
+    FakeInetd inetd;
+    const std::string name = path("/s");
+    Daemon daemon([&] {
+        add(relaying(AF_UNIX, 0, name.c_str(), 7));
+    });
+    InetdConnection connection = inetd.accept();
+    const auto request = connection.receive();
+    ASSERT_TRUE(request);
+    ASSERT_TRUE(connection.permit(*request));
+    int client = -1;
+    ASSERT_TRUE(eventually([&] {
+        return (client = connect_path(name)) >= 0;
+    }));
+    const auto report = connection.receive();
+    ASSERT_TRUE(report);
+    tty_cmsg bad = *request;
+    memset(bad.path, 'x', sizeof bad.path);
+    ASSERT_TRUE(connection.send(bad));
+    const auto answer = connection.receive();
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->vc_flag, 0x100u);
+    EXPECT_TRUE(ended(client));
+    EXPECT_TRUE(logged("):vc_deal_msg close all socket fd, err "));
+    close(client);
+}
+
+static int g_spare;
+
+static int give_spare_back(int, int, int, int)
+{
+    close(g_spare);
+    return 0;
+}
+
+static int nothing(int)
+{
+    return 0;
+}
+
+TEST_F(SystemTest, a_session_older_than_the_connection_reports_its_end)
+{
+    FakeInetd inetd;
+    const std::string name = path("/s");
+    g_session_program = [](int, const char *) -> int {
+        for (;;) {
+            pause();
+        }
+    };
+    Daemon daemon([&] {
+        vc_reg reg = relaying(AF_UNIX, 0, name.c_str(), 7);
+        // Lower than the connection, and free when it is renewed.
+        g_spare = dup(0);
+        reg.alloc_func = give_spare_back;
+        reg.read_func = nothing;
+        reg.write_func = nothing;
+        add(reg);
+    });
+    InetdConnection connection = inetd.accept();
+    const auto request = connection.receive();
+    ASSERT_TRUE(request);
+    ASSERT_TRUE(connection.permit(*request));
+    int client = -1;
+    ASSERT_TRUE(eventually([&] {
+        return (client = connect_path(name)) >= 0;
+    }));
+    ASSERT_TRUE(connection.assign(*connection.receive(), 300));
+    const auto success = connection.receive();
+    ASSERT_TRUE(success);
+    tty_cmsg bad = *request;
+    memset(bad.path, 'x', sizeof bad.path);
+    ASSERT_TRUE(connection.send(bad));
+    ASSERT_TRUE(connection.receive());
+    InetdConnection next = inetd.accept();
+    ASSERT_TRUE(logged("): connect inetd vc_fd ", 2));
+    tty_cmsg clear = {};
+    clear.vc_flag = 0x002;
+    clear.ttyno = 300;
+    ASSERT_TRUE(next.send(clear));
+    const auto clean = next.receive();
+    ASSERT_TRUE(clean);
+    EXPECT_EQ(clean->vc_flag, 0x002u);
+    EXPECT_EQ(clean->ttyno, 300);
+    EXPECT_EQ(clean->pid, success->pid);
+    close(client);
+}
+
 // Both clients wait before the daemon looks: it is held up meanwhile by the
 // access check of the first one.
 static int g_gate[2];
@@ -331,7 +421,7 @@ TEST_F(SystemTest, a_step_with_data_left_over_is_called_again_until_done)
     close(client);
 }
 
-TEST_F(SystemTest, sessions_of_protocols_3_4_5_8_and_11_are_not_relayed)
+TEST_F(SystemTest, sessions_of_protocols_4_5_and_11_are_not_relayed)
 {
     FakeInetd inetd;
     const int port = free_port(AF_INET);
@@ -341,9 +431,10 @@ TEST_F(SystemTest, sessions_of_protocols_3_4_5_8_and_11_are_not_relayed)
             pause();
         }
     };
-    for (const unsigned int protocol : {4u, 5u}) {
+    for (const unsigned int protocol : {4u, 5u, 11u}) {
         Daemon daemon([&] {
             add(relaying(AF_INET, port, nullptr, protocol));
+            vc_deal_service_listen(true, static_cast<int>(protocol));
         });
         InetdConnection connection = inetd.accept();
         ASSERT_TRUE(connection.permit(*connection.receive()));
@@ -420,6 +511,53 @@ TEST_F(SystemTest, with_protocol_10_first_children_are_reaped_by_the_loop)
         usleep(10000);
     }
     EXPECT_TRUE(daemon.has_no_children());
+    close(client);
+}
+
+// The same for the other direction; and a failed input step keeps the loop
+// from looking at the output.
+static int leave_some_output(int)
+{
+    char buf[64];
+    static int calls;
+    fcntl(g_left, F_SETFL, O_NONBLOCK);
+    static_cast<void>(!read(g_left, buf, sizeof buf));
+    errno = EAGAIN;
+    return ++calls < 3 ? 3 - calls : 0;
+}
+
+static int remember_master(int, int, int, int master_fd)
+{
+    g_left = master_fd;
+    return 0;
+}
+
+TEST_F(SystemTest, output_left_over_is_tried_again_until_done)
+{
+    FakeInetd inetd;
+    const std::string name = path("/s");
+    g_session_program = [](int, const char *) -> int {
+        static_cast<void>(!write(1, "x", 1));
+        for (;;) {
+            pause();
+        }
+    };
+    Daemon daemon([&] {
+        vc_reg reg = relaying(AF_UNIX, 0, name.c_str(), 7);
+        reg.write_func = leave_some_output;
+        reg.alloc_func = remember_master;
+        add(reg);
+    });
+    InetdConnection connection = inetd.accept();
+    ASSERT_TRUE(connection.permit(*connection.receive()));
+    int client = -1;
+    ASSERT_TRUE(eventually([&] {
+        return (client = connect_path(name)) >= 0;
+    }));
+    ASSERT_TRUE(connection.assign(*connection.receive(), 300));
+    ASSERT_TRUE(connection.receive());
+    EXPECT_TRUE(logged("vc out data ret 2.\r\n"));
+    EXPECT_TRUE(logged("vc out1 data ret 1.\r\n"));
     close(client);
 }
 

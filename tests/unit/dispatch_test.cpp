@@ -453,6 +453,18 @@ TEST_F(DispatchTest, a_stopped_service_of_another_family_does_not_matter)
     EXPECT_GE(service(1)->listen_fd, 0);
 }
 
+TEST_F(DispatchTest, a_service_stopped_during_its_permit_stays_stopped)
+{
+    const int port = unused_port(AF_INET);
+    add(plain(AF_INET, port, nullptr, 6));
+    fault::run("listen", 1, [] {
+        vc_deal_service_listen(false, 6);
+    });
+    EXPECT_EQ(deal(permit(AF_INET, port, 6)), 0);
+    EXPECT_EQ(service(0)->listen_fd, -1);
+    EXPECT_EQ(service(0)->flags, SRV_CLOSED | SRV_STOPPED);
+}
+
 TEST_F(DispatchTest, a_listener_that_fails_is_answered_and_loses_the_inetd)
 {
     add(plain(AF_INET, 23, nullptr, 6));
@@ -683,6 +695,28 @@ TEST_F(DispatchTest, a_short_record_resets_everything)
     }
     EXPECT_TRUE(found);
     EXPECT_EQ(texts.back().find(own_prefix() + "before return err, err "), 0u);
+}
+
+TEST_F(DispatchTest, the_reset_ends_sessions_then_listeners_then_accepts)
+{
+    add(plain(AF_INET, 23, nullptr, 6));
+    open_session(300, 23);
+    service(0)->listen_fd = dup(0);
+    wait_for_line(connection(), 1);
+    messages();
+    shutdown(far_end_, SHUT_WR);
+    EXPECT_EQ(vc_deal_msg(inetd_fd_), -1);
+    std::string order;
+    for (const std::string &text : messages()) {
+        if (text == "vc: kill client 300\n") {
+            order += "session ";
+        } else if (text.find("close listen fd(") != std::string::npos) {
+            order += "listener ";
+        } else if (text.find("close all socket fd") != std::string::npos) {
+            order += "accept";
+        }
+    }
+    EXPECT_EQ(order, "session listener accept");
 }
 
 TEST_F(DispatchTest, the_end_of_the_stream_is_a_lost_connection)

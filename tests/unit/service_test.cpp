@@ -504,7 +504,7 @@ TEST_F(ServiceTest, services_come_and_go_from_several_threads)
 TEST_F(ServiceTest, no_memory_for_the_node_is_reported_and_nothing_kept)
 {
     ASSERT_EQ(registered(plain(AF_INET, 23, nullptr, 6)), 0);
-    fault::fail("malloc", 1, ENOMEM);
+    fault::fail("calloc", 1, ENOMEM);
     EXPECT_EQ(registered(plain(AF_INET, 24, nullptr, 6)), -1);
     fault::reset();
     EXPECT_TRUE(logged("vc: malloc fail, srv == NULL\n"));

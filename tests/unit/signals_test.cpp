@@ -1,11 +1,14 @@
 #include "vc/signals.h"
 
 #include <errno.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <atomic>
 
 #include "tests/support/fault.h"
 #include "tests/support/wait.h"
@@ -256,4 +259,27 @@ TEST_F(SignalsTest, the_loops_check_without_children_says_nothing)
 {
     vc_check_child();
     EXPECT_TRUE(messages().empty());
+}
+
+TEST_F(SignalsTest, a_thread_that_is_to_end_finishes_the_handler_first)
+{
+    const vc_child *child = session(300, ending_child(0));
+    static std::atomic<bool> finished{false};
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(
+                  &thread, nullptr,
+                  [](void *) -> void * {
+                      pthread_cancel(pthread_self());
+                      vc_handle_sigchld(SIGCHLD);
+                      finished = true;
+                      pthread_testcancel();
+                      return nullptr;
+                  },
+                  nullptr),
+              0);
+    pthread_join(thread, nullptr);
+    EXPECT_TRUE(finished);
+    EXPECT_TRUE(vc_child_exited(child));
+    // Not waited for in vain.
+    vc_child_release(vc_child_at(300));
 }

@@ -255,6 +255,27 @@ TEST_F(TeardownTest, a_descriptor_that_is_none_is_given_up_after_a_while)
     EXPECT_EQ(vc_child_at(300), nullptr);
 }
 
+TEST_F(TeardownTest, a_number_that_became_a_listener_is_given_up_too)
+{
+    vc_child *child = session(300);
+    fault::fail("write", 1, ENOTCONN, fault::ALWAYS, fault::only_fd(inetd_fd_));
+    vc_child_kill(child);
+    fault::reset();
+    EXPECT_EQ(vc_child_at(300), nullptr);
+}
+
+TEST_F(TeardownTest, a_process_that_has_been_reaped_is_not_signalled)
+{
+    vc_child *child = session(300);
+    vc_child_set_pid(child, 4242);
+    vc_child_set_exited(child);
+    const int kills = fault::watch("kill");
+    vc_child_kill(child);
+    EXPECT_EQ(fault::seen(kills), 0);
+    EXPECT_TRUE(logged("vc: kill pid 4242\n"));
+    EXPECT_EQ(sent()[0].pid, 4242);
+}
+
 TEST_F(TeardownTest, a_relay_step_without_session_is_logged)
 {
     EXPECT_EQ(vc_indata_proc(nullptr), -1);
