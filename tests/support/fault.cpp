@@ -28,21 +28,19 @@ namespace fault
 {
 
 // Every wrapped call; fault.cmake names the same ones to the linker.
-#define FAULT_CALLS(X)                                                         \
-    X(socket)                                                                  \
-    X(setsockopt)                                                              \
-    X(bind)                                                                    \
-    X(listen) X(connect) X(accept) X(recv) X(read) X(write) X(open) X(         \
-        close) X(fcntl) X(ioctl) X(stat) X(truncate) X(ftruncate) X(rename)    \
-        X(mkdir) X(unlink) X(symlink) X(fork) X(socketpair) X(posix_openpt) X( \
-            grantpt) X(unlockpt) X(ptsname_r) X(tcgetattr) X(tcsetattr)        \
-            X(dup2) X(setsid) X(prctl) X(execvp) X(waitpid) X(kill) X(select)  \
-                X(poll) X(malloc) X(calloc) X(strdup) X(setenv) X(getsockname) \
-                    X(getpeername) X(pthread_mutexattr_init)                   \
-                        X(pthread_mutexattr_settype) X(pthread_mutex_init)     \
-                            X(pthread_rwlockattr_init) X(pthread_rwlock_init)  \
-                                X(pthread_sigmask) X(sigfillset) X(sigaction)  \
-                                    X(access) X(usleep)
+// clang-format off
+#define FAULT_CALLS(X) \
+    X(socket) X(setsockopt) X(bind) X(listen) X(connect) X(accept) X(recv) \
+    X(read) X(write) X(open) X(close) X(fcntl) X(ioctl) X(stat) X(truncate) \
+    X(ftruncate) X(rename) X(mkdir) X(unlink) X(symlink) X(fork) \
+    X(socketpair) X(posix_openpt) X(grantpt) X(unlockpt) X(ptsname_r) \
+    X(tcgetattr) X(tcsetattr) X(dup2) X(setsid) X(prctl) X(execvp) X(waitpid) \
+    X(kill) X(select) X(poll) X(malloc) X(calloc) X(strdup) X(setenv) \
+    X(getsockname) X(getpeername) X(pthread_mutexattr_init) \
+    X(pthread_mutexattr_settype) X(pthread_mutex_init) \
+    X(pthread_rwlockattr_init) X(pthread_rwlock_init) X(pthread_sigmask) \
+    X(sigfillset) X(sigaction) X(access) X(usleep)
+// clang-format on
 
 #define FAULT_ID(name) call_##name,
 enum call { FAULT_CALLS(FAULT_ID) CALL_COUNT };

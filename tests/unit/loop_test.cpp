@@ -1,0 +1,206 @@
+// The loop's phases when system calls fail, in a process of its own.
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <functional>
+
+#include "tests/support/fault.h"
+#include "tests/support/wait.h"
+#include "vc_fixture.h"
+
+class LoopTest : public VcTest
+{
+  protected:
+    void SetUp() override
+    {
+        sockaddr_un address = {};
+
+        VcTest::SetUp();
+        ASSERT_EQ(mkdir(path("/mng/tty/inetd").c_str(), 0777), 0);
+        address.sun_family = AF_UNIX;
+        strcpy(address.sun_path, path("/mng/tty/inetd/.qv_inetd").c_str());
+        inetd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        ASSERT_EQ(bind(inetd_, reinterpret_cast<sockaddr *>(&address),
+                       sizeof address),
+                  0);
+        ASSERT_EQ(listen(inetd_, 16), 0);
+    }
+
+    void TearDown() override
+    {
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+        close(inetd_);
+        VcTest::TearDown();
+    }
+
+    // Gives a process with two services to the loop.
+    void run_loop(const std::function<void()> &prepare)
+    {
+        pid_ = fork();
+        if (pid_ == 0) {
+            const vc_reg first = plain(AF_INET, 23, nullptr, 6);
+            const vc_reg second = plain(AF_INET, 24, nullptr, 6);
+            vc_service_reg(&first);
+            vc_service_reg(&second);
+            prepare();
+            vc_service_start();
+            _exit(9);
+        }
+    }
+
+    std::vector<std::string> loop_messages() const
+    {
+        std::vector<std::string> texts;
+        const std::string own = " " + std::to_string(pid_) + ":";
+        for (const std::string &line :
+             support::lines_of(path("/mng/tty/.vc_dump.txt"))) {
+            const std::string text = support::without_stamp(line);
+            if (text.compare(0, own.size(), own) == 0) {
+                texts.push_back(text.substr(own.size()));
+            }
+        }
+        return texts;
+    }
+
+    bool says(const std::string &text, int times = 1) const
+    {
+        return support::wait_until([&] {
+            const auto texts = loop_messages();
+            return std::count(texts.begin(), texts.end(), text) >= times;
+        });
+    }
+
+    std::string after(const std::string &start) const
+    {
+        const auto texts = loop_messages();
+        const auto found = std::find_if(texts.begin(), texts.end(),
+                                        [&](const std::string &text) {
+                                            return text.find(start) == 0;
+                                        });
+        return found == texts.end() || found + 1 == texts.end() ? ""
+                                                                : *(found + 1);
+    }
+
+    int inetd_ = -1;
+    pid_t pid_ = -1;
+};
+
+static void note_pause()
+{
+    vc_debug_msg("test: pause\n");
+}
+
+TEST_F(LoopTest, a_wait_that_fails_is_logged_and_followed_by_a_pause)
+{
+    run_loop([] {
+        fault::fail("select", 1, ENOMEM, 3);
+        fault::run("usleep", 1, note_pause, fault::ALWAYS);
+    });
+    const std::string error = std::string("vc: select error, ret:-1, error:") +
+                              strerror(ENOMEM) + ".\r\n";
+    EXPECT_TRUE(says(error, 3));
+    EXPECT_TRUE(says("test: pause\n", 3));
+    EXPECT_EQ(after(error), "test: pause\n");
+}
+
+TEST_F(LoopTest, an_interrupted_wait_and_a_bad_descriptor_say_nothing)
+{
+    run_loop([] {
+        fault::fail("select", 1, EINTR);
+        fault::fail("select", 2, EBADF);
+        fault::run("usleep", 1, note_pause, fault::ALWAYS);
+        fault::run(
+            "select", 3,
+            [] {
+                vc_debug_msg("test: third wait\n");
+            },
+            1);
+    });
+    EXPECT_TRUE(says("test: third wait\n"));
+    for (const std::string &text : loop_messages()) {
+        EXPECT_EQ(text.find("vc: select error"), std::string::npos);
+        EXPECT_NE(text, "test: pause\n");
+    }
+}
+
+TEST_F(LoopTest, a_first_announcement_that_fails_renews_the_connection)
+{
+    run_loop([] {
+        fault::fail("write", 1, EPIPE, 1, fault::only_path("socket:"));
+        fault::run("usleep", 1, note_pause, fault::ALWAYS);
+    });
+    EXPECT_TRUE(says("test: pause\n"));
+    EXPECT_TRUE(says("(vc:" + std::to_string(pid_) +
+                     "): after vc_open_listen ret 0\n"));
+    const auto texts = loop_messages();
+    EXPECT_EQ(std::count_if(texts.begin(), texts.end(),
+                            [](const std::string &text) {
+                                return text.find("): connect inetd vc_fd") !=
+                                       std::string::npos;
+                            }),
+              2);
+}
+
+// The number stays on show until the next connection has announced, which a
+// port update in between runs into.
+TEST_F(LoopTest, a_later_announcement_that_fails_leaves_the_number)
+{
+    run_loop([] {
+        // Between the two announcements of the first turn.
+        fault::run(
+            "waitpid", 1,
+            [] {
+                const vc_reg late = plain(AF_INET, 25, nullptr, 6);
+                vc_service_reg(&late);
+            },
+            1);
+        fault::fail("write", 3, EPIPE, 1, fault::only_path("socket:"));
+        fault::run(
+            "usleep", 1,
+            [] {
+                vc_debug_msg("test: number %s\n",
+                             g_vc_tty_socket >= 0 ? "kept" : "cleared");
+                vc_debug_msg("test: update %d\n",
+                             vc_service_update_port(6, 23, 26));
+            },
+            1);
+    });
+    EXPECT_TRUE(says("test: number kept\n"));
+    EXPECT_TRUE(says("test: update -1\n"));
+    EXPECT_TRUE(says(
+        "(vc:" + std::to_string(pid_) + "): after vc_open_listen ret 0\n", 2));
+}
+
+TEST_F(LoopTest, watched_descriptors_are_made_blocking)
+{
+    run_loop([] {
+        fault::run(
+            "waitpid", 1,
+            [] {
+                fcntl(g_vc_tty_socket, F_SETFL, O_NONBLOCK);
+            },
+            1);
+        fault::fail("select", 1, EINTR);
+        fault::run(
+            "waitpid", 2,
+            [] {
+                const int flags = fcntl(g_vc_tty_socket, F_GETFL);
+                vc_debug_msg("test: %s\n", (flags & O_NONBLOCK) == 0
+                                               ? "blocking"
+                                               : "not blocking");
+            },
+            1);
+    });
+    EXPECT_TRUE(says("test: blocking\n"));
+}
