@@ -133,19 +133,29 @@ vc_reg plain(int family, int port, const char *unix_path, uint32_t protocol)
     return reg;
 }
 
+// Below the numbers that the kernel hands out, and other ones in each of the
+// tests that run side by side.
 int unused_port(int family)
 {
-    const int fd = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    struct sockaddr_storage storage = {};
-    socklen_t length = sizeof storage;
+    static int next;
 
-    storage.ss_family = static_cast<sa_family_t>(family);
-    bind(fd, reinterpret_cast<struct sockaddr *>(&storage),
-         family == AF_INET ? sizeof(struct sockaddr_in)
-                           : sizeof(struct sockaddr_in6));
-    getsockname(fd, reinterpret_cast<struct sockaddr *>(&storage), &length);
-    close(fd);
-    return ntohs(reinterpret_cast<struct sockaddr_in *>(&storage)->sin_port);
+    for (;;) {
+        const int port = 10000 + (getpid() * 16 + next++) % 22000;
+        const int fd = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        struct sockaddr_storage storage = {};
+        storage.ss_family = static_cast<sa_family_t>(family);
+        // Ports stand in the same place in both families.
+        reinterpret_cast<struct sockaddr_in *>(&storage)->sin_port =
+            htons(static_cast<uint16_t>(port));
+        const bool free =
+            bind(fd, reinterpret_cast<struct sockaddr *>(&storage),
+                 family == AF_INET ? sizeof(struct sockaddr_in)
+                                   : sizeof(struct sockaddr_in6)) == 0;
+        close(fd);
+        if (free) {
+            return port;
+        }
+    }
 }
 
 Listener::Listener()
