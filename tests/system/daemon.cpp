@@ -21,8 +21,6 @@
 #include <sstream>
 #include <thread>
 
-#include "fake_inetd.h"
-
 using Clock = std::chrono::steady_clock;
 
 void SystemTest::SetUp()
@@ -336,6 +334,28 @@ int connect_path(const std::string &unix_path)
         return -1;
     }
     return fd;
+}
+
+Session log_in(InetdConnection *connection, const std::function<int()> &connect)
+{
+    Session session;
+    const auto request = connection->receive();
+
+    if (!request || !connection->permit(*request) || !eventually([&] {
+            return (session.client = connect()) >= 0;
+        })) {
+        return {};
+    }
+    const auto report = connection->receive();
+    if (!report || !connection->assign(*report, 300)) {
+        return {};
+    }
+    const auto success = connection->receive();
+    if (!success || success->vc_flag != VC_FLAG_ALLOC_OK) {
+        return {};
+    }
+    session.pid = success->pid;
+    return session;
 }
 
 // Below the numbers that the kernel hands out, and other ones in each of the

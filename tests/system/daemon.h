@@ -10,6 +10,8 @@
 
 #include <ttyline/vc.h>
 
+#include "fake_inetd.h"
+
 // A private runtime directory, named by TMPDIR, for the time of a test.
 class SystemTest : public ::testing::Test
 {
@@ -80,6 +82,16 @@ int connect_port(int family, int port);
 int connect_path(const std::string &unix_path);
 // A port of the family that nobody listens on now.
 int free_port(int family);
+// A client on line 300 of the daemon's only listener.
+struct Session {
+    int client = -1; // -1 when it did not come that far
+    int pid = 0;     // of the session's process
+};
+
+// Permits the next request, connects and assigns the line.
+Session log_in(InetdConnection *connection,
+               const std::function<int()> &connect);
+
 // Reads until the text ends with what is wanted, the peer closes, or the
 // deadline.
 std::string read_until(int fd, const std::string &wanted);

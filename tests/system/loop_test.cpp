@@ -406,19 +406,16 @@ TEST_F(SystemTest, a_step_with_data_left_over_is_called_again_until_done)
         add(reg);
     });
     InetdConnection connection = inetd.accept();
-    ASSERT_TRUE(connection.permit(*connection.receive()));
-    int client = -1;
-    ASSERT_TRUE(eventually([&] {
-        return (client = connect_port(AF_INET, port)) >= 0;
-    }));
-    ASSERT_TRUE(connection.assign(*connection.receive(), 300));
-    ASSERT_TRUE(connection.receive());
-    ASSERT_TRUE(write_all(client, "x"));
+    const Session session = log_in(&connection, [&] {
+        return connect_port(AF_INET, port);
+    });
+    ASSERT_GE(session.client, 0);
+    ASSERT_TRUE(write_all(session.client, "x"));
     EXPECT_TRUE(logged("vc in data ret 3.\r\n"));
     EXPECT_TRUE(logged("vc in1 data ret 2.\r\n"));
     EXPECT_TRUE(logged("vc in1 data ret 1.\r\n"));
     EXPECT_EQ(log().find("data ret 0"), std::string::npos);
-    close(client);
+    close(session.client);
 }
 
 TEST_F(SystemTest, sessions_of_protocols_4_5_and_11_are_not_relayed)
@@ -437,19 +434,15 @@ TEST_F(SystemTest, sessions_of_protocols_4_5_and_11_are_not_relayed)
             vc_deal_service_listen(true, static_cast<int>(protocol));
         });
         InetdConnection connection = inetd.accept();
-        ASSERT_TRUE(connection.permit(*connection.receive()));
-        int client = -1;
-        ASSERT_TRUE(eventually([&] {
-            return (client = connect_port(AF_INET, port)) >= 0;
-        }));
-        ASSERT_TRUE(connection.assign(*connection.receive(), 300));
-        const auto success = connection.receive();
-        ASSERT_TRUE(success);
-        ASSERT_TRUE(write_all(client, "never read\n"));
-        close(client);
+        const Session session = log_in(&connection, [&] {
+            return connect_port(AF_INET, port);
+        });
+        ASSERT_GE(session.client, 0);
+        ASSERT_TRUE(write_all(session.client, "never read\n"));
+        close(session.client);
         // Neither the data nor the end of the connection is looked at.
         EXPECT_TRUE(connection.silent(200));
-        EXPECT_TRUE(process_runs(success->pid));
+        EXPECT_TRUE(process_runs(session.pid));
     }
 }
 
@@ -464,21 +457,17 @@ TEST_F(SystemTest, an_exited_program_is_torn_down_before_the_next_wait)
         add(relaying(AF_INET, port, nullptr, 4));
     });
     InetdConnection connection = inetd.accept();
-    ASSERT_TRUE(connection.permit(*connection.receive()));
-    int client = -1;
-    ASSERT_TRUE(eventually([&] {
-        return (client = connect_port(AF_INET, port)) >= 0;
-    }));
-    ASSERT_TRUE(connection.assign(*connection.receive(), 300));
-    const auto success = connection.receive();
-    ASSERT_TRUE(success);
+    const Session session = log_in(&connection, [&] {
+        return connect_port(AF_INET, port);
+    });
+    ASSERT_GE(session.client, 0);
     const auto clean = connection.receive();
     ASSERT_TRUE(clean);
     EXPECT_EQ(clean->vc_flag, 0x002u);
-    EXPECT_EQ(clean->pid, success->pid);
-    EXPECT_TRUE(ended(client));
+    EXPECT_EQ(clean->pid, session.pid);
+    EXPECT_TRUE(ended(session.client));
     EXPECT_TRUE(daemon.has_no_children());
-    close(client);
+    close(session.client);
 }
 
 TEST_F(SystemTest, with_protocol_10_first_children_are_reaped_by_the_loop)
@@ -494,24 +483,20 @@ TEST_F(SystemTest, with_protocol_10_first_children_are_reaped_by_the_loop)
     });
     InetdConnection connection = inetd.accept();
     ASSERT_TRUE(connection.receive());
-    ASSERT_TRUE(connection.permit(*connection.receive()));
-    int client = -1;
-    ASSERT_TRUE(eventually([&] {
-        return (client = connect_port(AF_INET, port)) >= 0;
-    }));
-    ASSERT_TRUE(connection.assign(*connection.receive(), 300));
-    const auto success = connection.receive();
-    ASSERT_TRUE(success);
+    const Session session = log_in(&connection, [&] {
+        return connect_port(AF_INET, port);
+    });
+    ASSERT_GE(session.client, 0);
     const auto clean = connection.receive();
     ASSERT_TRUE(clean);
-    EXPECT_EQ(clean->pid, success->pid);
+    EXPECT_EQ(clean->pid, session.pid);
     // The next turn reaps what is left.
     for (int i = 0; i < 100 && !daemon.children().empty(); i++) {
         kill(daemon.pid(), SIGHUP);
         usleep(10000);
     }
     EXPECT_TRUE(daemon.has_no_children());
-    close(client);
+    close(session.client);
 }
 
 // What an earlier call left in errno keeps a pass from being made again: the
@@ -541,22 +526,19 @@ TEST_F(SystemTest, after_a_stale_interruption_nothing_is_tried_again)
         add(reg);
     });
     InetdConnection connection = inetd.accept();
-    ASSERT_TRUE(connection.permit(*connection.receive()));
-    int client = -1;
-    ASSERT_TRUE(eventually([&] {
-        return (client = connect_path(name)) >= 0;
-    }));
-    ASSERT_TRUE(connection.assign(*connection.receive(), 300));
-    ASSERT_TRUE(connection.receive());
-    ASSERT_TRUE(write_all(client, "i"));
+    const Session session = log_in(&connection, [&] {
+        return connect_path(name);
+    });
+    ASSERT_GE(session.client, 0);
+    ASSERT_TRUE(write_all(session.client, "i"));
     ASSERT_TRUE(logged("vc in data ret 1.\r\n"));
     // Thirty times the time after which it would be tried again.
     EXPECT_TRUE(connection.silent(300));
     EXPECT_EQ(log().find("vc in1 data"), std::string::npos);
-    ASSERT_TRUE(write_all(client, "aa"));
+    ASSERT_TRUE(write_all(session.client, "aa"));
     EXPECT_TRUE(logged("vc in1 data ret 1.\r\n") ||
                 logged("vc in data ret 1.\r\n", 3));
-    close(client);
+    close(session.client);
 }
 
 // Output that the step leaves over.
@@ -593,16 +575,13 @@ TEST_F(SystemTest, output_left_over_is_tried_again_until_done)
         add(reg);
     });
     InetdConnection connection = inetd.accept();
-    ASSERT_TRUE(connection.permit(*connection.receive()));
-    int client = -1;
-    ASSERT_TRUE(eventually([&] {
-        return (client = connect_path(name)) >= 0;
-    }));
-    ASSERT_TRUE(connection.assign(*connection.receive(), 300));
-    ASSERT_TRUE(connection.receive());
+    const Session session = log_in(&connection, [&] {
+        return connect_path(name);
+    });
+    ASSERT_GE(session.client, 0);
     EXPECT_TRUE(logged("vc out data ret 2.\r\n"));
     EXPECT_TRUE(logged("vc out1 data ret 1.\r\n"));
-    close(client);
+    close(session.client);
 }
 
 TEST_F(SystemTest, an_idle_loop_sleeps)

@@ -40,23 +40,6 @@ class DispatchTest : public VcTest
         VcTest::TearDown();
     }
 
-    static void add(const vc_reg &reg)
-    {
-        ASSERT_EQ(vc_service_reg(&reg), 0);
-    }
-
-    static vc_srv *service(int index)
-    {
-        vc_srv *srv;
-        VC_FOR_EACH_SERVICE(srv)
-        {
-            if (index-- == 0) {
-                return srv;
-            }
-        }
-        return nullptr;
-    }
-
     int deal(const tty_cmsg &record)
     {
         EXPECT_TRUE(give(record));

@@ -28,23 +28,6 @@ class ListenControlTest : public VcTest
         g_hangups = 0;
     }
 
-    static void add(const vc_reg &reg)
-    {
-        ASSERT_EQ(vc_service_reg(&reg), 0);
-    }
-
-    static vc_srv *service(int index)
-    {
-        vc_srv *srv;
-        VC_FOR_EACH_SERVICE(srv)
-        {
-            if (index-- == 0) {
-                return srv;
-            }
-        }
-        return nullptr;
-    }
-
     static void watch_hangups()
     {
         signal(SIGHUP, count_hangup);

@@ -44,23 +44,6 @@ class ListenTest : public VcTest
         messages();
     }
 
-    static void add(const vc_reg &reg)
-    {
-        ASSERT_EQ(vc_service_reg(&reg), 0);
-    }
-
-    static vc_srv *service(int index)
-    {
-        vc_srv *srv;
-        VC_FOR_EACH_SERVICE(srv)
-        {
-            if (index-- == 0) {
-                return srv;
-            }
-        }
-        return nullptr;
-    }
-
     static tty_cmsg permit(int family, int port)
     {
         tty_cmsg msg = {};

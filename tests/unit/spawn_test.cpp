@@ -55,11 +55,6 @@ class SpawnTest : public VcTest
         VcTest::TearDown();
     }
 
-    static void add(const vc_reg &reg)
-    {
-        ASSERT_EQ(vc_service_reg(&reg), 0);
-    }
-
     static int connection()
     {
         int ends[2] = {-1, -1};

@@ -69,6 +69,24 @@ bool VcTest::give(const tty_cmsg &record) const
            static_cast<ssize_t>(sizeof record);
 }
 
+void VcTest::add(const vc_reg &reg)
+{
+    ASSERT_EQ(vc_service_reg(&reg), 0);
+}
+
+vc_srv *VcTest::service(int index)
+{
+    vc_srv *srv;
+
+    VC_FOR_EACH_SERVICE(srv)
+    {
+        if (index-- == 0) {
+            return srv;
+        }
+    }
+    return nullptr;
+}
+
 static int count_init(int)
 {
     g_calls.init++;

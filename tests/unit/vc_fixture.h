@@ -10,6 +10,7 @@
 #include <ttyline/vc.h>
 
 #include "tests/support/runtime.h"
+#include "vc/service.h"
 
 class VcTest : public support::runtime_test
 {
@@ -26,6 +27,11 @@ class VcTest : public support::runtime_test
     // Records that the service has sent, up to now.
     std::vector<tty_cmsg> sent() const;
     bool give(const tty_cmsg &record) const;
+
+    // Registers a service that is in order.
+    static void add(const vc_reg &reg);
+    // The service of this place in the list, or null.
+    static vc_srv *service(int index);
 
     // The service's end of the inetd connection, and the inetd's.
     int inetd_fd_ = -1;
