@@ -39,6 +39,9 @@ class SpawnTest : public VcTest
     {
         VcTest::SetUp();
         add(plain(AF_INET, 23, nullptr, 6));
+        // The tests wait for the children themselves, and the handler would
+        // log at any moment.
+        signal(SIGCHLD, SIG_DFL);
         messages();
     }
 
@@ -391,13 +394,6 @@ TEST_F(SpawnTest, a_release_that_fails_otherwise_keeps_the_session)
 class ChildTest : public SpawnTest
 {
   protected:
-    void SetUp() override
-    {
-        SpawnTest::SetUp();
-        // The tests wait for the children themselves.
-        signal(SIGCHLD, SIG_DFL);
-    }
-
     // Messages of any process but this one.
     std::vector<std::string> child_messages()
     {
