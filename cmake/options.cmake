@@ -14,9 +14,14 @@ if(TTYLINE_SANITIZE)
       -fsanitize=${TTYLINE_SANITIZE})
 endif()
 if(TTYLINE_COVERAGE)
-  target_compile_options(ttyline_options INTERFACE
-      -fprofile-instr-generate -fcoverage-mapping)
-  target_link_options(ttyline_options INTERFACE -fprofile-instr-generate)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    target_compile_options(ttyline_options INTERFACE
+        -fprofile-instr-generate -fcoverage-mapping)
+    target_link_options(ttyline_options INTERFACE -fprofile-instr-generate)
+  else()
+    target_compile_options(ttyline_options INTERFACE --coverage)
+    target_link_options(ttyline_options INTERFACE --coverage)
+  endif()
 endif()
 
 # Built from plain C++ with nothing of the C++ library in it: linked as C, so

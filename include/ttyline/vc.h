@@ -24,7 +24,11 @@
  * Signals: the first registration installs handlers for SIGCHLD (not when
  * that registration's protocol is 10) and SIGHUP, without SA_RESTART, and
  * ignores SIGQUIT, SIGINT and SIGPIPE. The SIGCHLD handler reaps every child
- * of the process, also those that the daemon started for itself.
+ * of the process, also those that the daemon started for itself. It runs on
+ * whatever thread the signal reaches.
+ *
+ * Threads: a thread that may be cancelled must not be so inside a function of
+ * this library, as it may hold the service's lock there.
  */
 #ifndef TTYLINE_VC_H
 #define TTYLINE_VC_H
@@ -85,6 +89,7 @@ typedef struct vc_reg {
      * the step is then called again after 10 ms without waiting for input.
      * Before each wait the service switches both descriptors to blocking
      * mode; a callback that must not stall the daemon switches them itself.
+     * The service's signals interrupt calls: EINTR is no failure.
      */
     int (*read_func)(int ttyno);
     int (*write_func)(int ttyno);

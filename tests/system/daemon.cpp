@@ -18,6 +18,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <sstream>
 #include <thread>
 
@@ -34,6 +35,12 @@ void SystemTest::SetUp()
 
 void SystemTest::TearDown()
 {
+    if (HasFailure()) {
+        // What the daemon has to say for itself.
+        const std::string text = log();
+        const size_t most = 20000;
+        std::cerr << text.substr(text.size() > most ? text.size() - most : 0);
+    }
     std::filesystem::remove_all(root_);
 }
 
@@ -184,6 +191,12 @@ static void set_nonblocking(int fd)
     ioctl(fd, FIONBIO, &on);
 }
 
+// The service's handlers interrupt calls; what was interrupted comes again.
+static bool later(int error)
+{
+    return error == EAGAIN || error == EINTR;
+}
+
 // Moves what it can. Returns what waits, or -1 at the end of either side.
 static int move(Direction *way)
 {
@@ -196,14 +209,14 @@ static int move(Direction *way)
     set_nonblocking(way->to);
     if (way->waiting.empty()) {
         const ssize_t got = read(way->from, buf, sizeof buf);
-        if (got == 0 || (got < 0 && errno != EAGAIN)) {
+        if (got == 0 || (got < 0 && !later(errno))) {
             return -1;
         }
         way->waiting.append(buf, got > 0 ? static_cast<size_t>(got) : 0);
     }
     const ssize_t put =
         write(way->to, way->waiting.data(), way->waiting.size());
-    if (put < 0 && errno != EAGAIN) {
+    if (put < 0 && !later(errno)) {
         return -1;
     }
     way->waiting.erase(0, put > 0 ? static_cast<size_t>(put) : 0);
