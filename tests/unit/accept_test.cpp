@@ -71,6 +71,12 @@ class AcceptTest : public VcTest
         const int fd =
             keep(socket(address.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
         if (address.ss_family == AF_INET) {
+            // From another address than the listener's, to tell them apart.
+            sockaddr_in from = {};
+            from.sin_family = AF_INET;
+            from.sin_addr.s_addr = htonl(INADDR_LOOPBACK + 1);
+            EXPECT_EQ(
+                bind(fd, reinterpret_cast<sockaddr *>(&from), sizeof from), 0);
             reinterpret_cast<sockaddr_in *>(&address)->sin_addr.s_addr =
                 htonl(INADDR_LOOPBACK);
         } else if (address.ss_family == AF_INET6) {
@@ -180,8 +186,9 @@ TEST_F(AcceptTest, an_ipv4_connection_is_reported_with_both_addresses)
     expected.pid = getpid();
     expected.peer_port = port_of(peer, false);
     expected.accept_id = 1;
+    const in_addr_t next_to_it = htonl(INADDR_LOOPBACK + 1);
     memcpy(expected.local_addr, &loopback, 4);
-    memcpy(expected.peer_addr, &loopback, 4);
+    memcpy(expected.peer_addr, &next_to_it, 4);
     EXPECT_EQ(memcmp(&records[0], &expected, sizeof expected), 0);
 }
 
@@ -196,7 +203,7 @@ TEST_F(AcceptTest, the_messages_of_an_ipv4_connection)
     EXPECT_EQ(texts[0], "vc: new connect, fd=" + fd +
                             ", type=2, protocol=6, port=2323\n");
     EXPECT_EQ(texts[1],
-              "vc: accept a socket [127.0.0.1:" +
+              "vc: accept a socket [127.0.0.2:" +
                   std::to_string(port_of(peer, false)) + " => 127.0.0.1:" +
                   std::to_string(port_of(peer, true)) + "], proto=6\r\n");
     EXPECT_EQ(texts[2].find("vc: vc_accept, fd=" + fd + ", num=1, line="), 0u);
@@ -218,6 +225,19 @@ TEST_F(AcceptTest, an_ipv6_connection_is_reported_with_whole_addresses)
     EXPECT_TRUE(logged(
         "vc: acceptv6 a socket [::1:" + std::to_string(port_of(peer, false)) +
         " => ::1:" + std::to_string(port_of(peer, true)) + "], proto=6\r\n"));
+}
+
+// The loopback has one IPv6 address only: the peer's is left out.
+TEST_F(AcceptTest, an_ipv6_peer_is_not_taken_for_the_local_end)
+{
+    listen_on(AF_INET6, 6);
+    client();
+    fault::fail("getpeername", 1, ENOTCONN);
+    EXPECT_EQ(vc_accept(inetd_fd_, &srv_), 0);
+    const auto records = sent();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(memcmp(records[0].local_addr, &in6addr_loopback, 16), 0);
+    EXPECT_EQ(memcmp(records[0].peer_addr, &in6addr_any, 16), 0);
 }
 
 TEST_F(AcceptTest, a_unix_connection_carries_its_path_and_no_keepalive)

@@ -348,6 +348,32 @@ TEST_F(SpawnTest, an_initialisation_callback_that_fails_ends_the_session)
     EXPECT_EQ(g_calls.order, "alloc init kill ");
 }
 
+static int g_left_to_programs;
+
+// Unix sockets that a program started now would inherit.
+static void count_inherited()
+{
+    g_left_to_programs = 0;
+    for (int fd = 0; fd < 256; fd++) {
+        int family = 0;
+        socklen_t length = sizeof family;
+        const int flags = fcntl(fd, F_GETFD);
+        if (flags != -1 && (flags & FD_CLOEXEC) == 0 &&
+            getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &family, &length) == 0) {
+            g_left_to_programs++;
+        }
+    }
+}
+
+TEST_F(SpawnTest, the_release_pair_is_closed_on_exec)
+{
+    count_inherited();
+    const int before = g_left_to_programs;
+    fault::run("fork", 1, count_inherited);
+    ASSERT_NE(start(300), nullptr);
+    EXPECT_EQ(g_left_to_programs, before);
+}
+
 TEST_F(SpawnTest, a_pair_that_cannot_be_made_ends_the_session)
 {
     int sockfd = connection();
