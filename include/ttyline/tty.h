@@ -22,6 +22,10 @@
 #ifndef TTYLINE_TTY_H
 #define TTYLINE_TTY_H
 
+#ifndef __cplusplus
+#include <stdbool.h>
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -84,6 +88,98 @@ int tty_setenv(unsigned int ttyno, const char *name, const char *value);
  * Blocks like tty_setenv(), but does not write.
  */
 char *tty_getenv(unsigned int ttyno, const char *name, char *buf, int len);
+
+/*
+ * Returns a line to its state without a session: clears LOGNAME, SOCKADDR,
+ * RL_TIMEOUT and PEERNAME, sets TTYPID to "-1" and LOGSUCC, MTYPE, SESSIONID
+ * and IDLE to "0", in this order, each with a tty_setenv() of its own. Another
+ * program may see some of them reset and others not yet.
+ *
+ * ttyno  as for tty_setenv()
+ *
+ * Returns 0, or -1 at the first key that could not be stored; those before it
+ * are reset then, those after it untouched. Blocks like tty_setenv().
+ */
+int tty_reset_info(unsigned int ttyno);
+
+/*
+ * Converts a speed in bits per second (50 to 230400) to the terminal
+ * interface's code (B50 to B230400 of <termios.h>), and back. 0 when there is
+ * no such speed or code. Never blocks.
+ *
+ *     cfsetospeed(&settings, (speed_t)tty_speed2code(9600));
+ */
+int tty_speed2code(int speed);
+int tty_code2speed(int code);
+
+/*
+ * Requests to the line administration daemon, over one connection per process
+ * to the unix-domain socket "/mng/tty/.tty_rl" under the runtime directory.
+ * The first request connects; a failed connect is tried again by the next
+ * one. The connection is kept for the life of the process and shared with
+ * forked children. Once the daemon has gone, every further request of the
+ * process fails: only a new process connects again.
+ *
+ * Nothing is answered: 0 says that the request was sent, not that it was
+ * obeyed. All block on the library lock, and without a limit while the daemon
+ * does not read. Signals are held back meanwhile. A process that does not
+ * ignore SIGPIPE is ended by it, after the call's work is done, when the
+ * daemon has gone.
+ */
+
+/*
+ * Records how a login on a line ended in its key LOGSUCC ("1" or "0") and
+ * tells the daemon of a successful one.
+ *
+ * ttyno  line number, 0 to 1585
+ *
+ * Returns 0, or -1 for a bad line number, when the key could not be stored or
+ * the request not be sent; the key is stored all the same in the last case.
+ */
+int tty_login_info_audit(unsigned int ttyno, bool success);
+
+/*
+ * Tells the daemon that a setting of a line has changed. It stores nothing.
+ *
+ * ttyno  line number, passed on unchecked
+ * name   "SPEED", "SESSION_TIMEOUT" or "EXEC_TIMEOUT"; must not be null
+ * value  the new value
+ *
+ * Returns 0, or -1 for another name, which connects but sends nothing, or when
+ * the request could not be sent.
+ */
+int tty_cfg_update(unsigned int ttyno, const char *name, unsigned int value);
+
+/*
+ * Asks the daemon to assign no line until tty_release_line(), or until the
+ * time is over.
+ *
+ * except_ttyno  the line to except, 0 to 1585; 1586: none
+ * hold_time     0 to 1800
+ *
+ * Returns 0, or -1 for a value out of range, while an earlier hold of this
+ * process has not been released, or when the request could not be sent. A hold
+ * that could not be sent counts as sent: release it before the next one.
+ */
+int tty_hold_line(unsigned int except_ttyno, unsigned int hold_time);
+
+/*
+ * Ends the hold, also one of another process. Returns 0, or -1 when the request
+ * could not be sent; unless the daemon could not be reached at all, this
+ * process may hold again.
+ */
+int tty_release_line(void);
+
+/*
+ * Whether a service is enabled, by the bit mask in the file
+ * "/mng/tty/.service_cur.txt" under the runtime directory.
+ *
+ * service  number of the service, 0 to 31; of others the last five bits count
+ *
+ * Returns 1 when it is enabled, else 0. Without the file only service 4 is.
+ * Takes no lock; blocks on the disk at most.
+ */
+int tty_get_service(unsigned int service);
 
 /*
  * Exclusive record lock on the whole of an open file, the one that guards a

@@ -178,6 +178,8 @@ typedef struct tty_cmsg {
 extern int32_t g_vc_tty_socket;
 /* Accepted connections that wait for a line. The loop's thread only. */
 extern vc_list g_vc_accept_list;
+/* Sessions of in-path services, see vc_inpath_reg(). The loop's thread only. */
+extern vc_list g_vc_inpath_list;
 
 /*
  * Registers a service. Before or after vc_service_start(), from any thread;
@@ -254,6 +256,44 @@ int vc_service_update_port(int protocol, int old_port, int new_port);
  * family is another. Any thread.
  */
 int vc_tos_set(int protocol, int family, int tos);
+
+/*
+ * Registers an in-path service (protocol 10): local programs connect to a unix
+ * path, and each connection gets a line on which the line-console program
+ * "rl-con" runs, found through PATH and started with the arguments "-n LINE",
+ * "-t DEVICE" and "-i PEER", option and value in one argument each. The
+ * service's callbacks are the library's own.
+ *
+ * path  unix path, at most 63 characters; copied
+ *
+ * Returns 0, or -1 for a null path or when vc_service_reg() refuses it. When
+ * it is the process's first registration no SIGCHLD handler is installed.
+ * Threads as for vc_service_reg().
+ *
+ * Everything that passes between the client and its line, passwords included,
+ * is written to the dump log as it is. Whoever may read the runtime directory
+ * may read it: let no other user into that directory (mode 0700).
+ *
+ *     vc_inpath_reg("/var/run/inpath");
+ *     vc_service_start();
+ */
+int vc_inpath_reg(const char *path);
+
+/*
+ * Says in a few words who is at the other end of a line's session: "web",
+ * "vty" and the line's number counted from 258, or "ins", followed by the
+ * address in parentheses where there is one, such as "vty2(10.0.0.5)".
+ *
+ * ttyno      line number, 0 to 1585
+ * buf, size  the caller's buffer and its size in bytes; what does not fit is
+ *            cut, and with a size of 0 or less nothing is written
+ *
+ * Returns buf, or a null pointer when the line has no session, is no line, has
+ * protocol 8, or buf is null. For protocols 0, 6 and 11 buf is returned as it
+ * was. The loop's thread (callbacks) or the forked child (shell_func). Does
+ * not block.
+ */
+char *vc_service_peer(int ttyno, char *buf, int size);
 
 /*
  * Computes the path of the dump log from TMPDIR; the first registration calls
