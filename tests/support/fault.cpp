@@ -48,7 +48,7 @@ enum call { FAULT_CALLS(FAULT_ID) CALL_COUNT };
 #define FAULT_NAME(name) #name,
 static const char *const names[CALL_COUNT] = {FAULT_CALLS(FAULT_NAME)};
 
-enum action { DO, FAIL, RESULT, SHORTEN, RUN };
+enum action { DO, FAIL, RESULT, SHORTEN, RUN, NAME };
 
 struct rule {
     std::atomic<bool> armed;
@@ -66,6 +66,9 @@ struct rule {
 constexpr int RULE_COUNT = 32;
 
 static rule rules[RULE_COUNT];
+// The address that name() gives; one at a time.
+static char given_name[sizeof(struct sockaddr_storage)];
+static size_t given_length;
 static std::atomic<int> rule_count;
 static std::atomic<int> counts[CALL_COUNT];
 static thread_local bool inside;
@@ -222,6 +225,13 @@ int run(const char *name, int nth, void (*before)(), int times,
     return arm(name, RUN, nth, times, 0, before, where);
 }
 
+int name(const char *name, int nth, const void *address, size_t length)
+{
+    given_length = length < sizeof given_name ? length : sizeof given_name;
+    memcpy(given_name, address, given_length);
+    return arm(name, NAME, nth, 1, 0, nullptr, {});
+}
+
 int watch(const char *name, const filter &where)
 {
     return arm(name, DO, 1, ALWAYS, 0, nullptr, where);
@@ -294,6 +304,13 @@ static bool is_scripted(const verdict &decided)
     return decided.what == FAIL || decided.what == RESULT;
 }
 
+static int give_name(struct sockaddr *name, socklen_t *length)
+{
+    memcpy(name, given_name, given_length < *length ? given_length : *length);
+    *length = static_cast<socklen_t>(given_length);
+    return 0;
+}
+
 static size_t shortened(const verdict &decided, size_t length)
 {
     const size_t limit = static_cast<size_t>(decided.value);
@@ -324,6 +341,16 @@ using fault::about_what;
     {                                                                          \
         FAULT_ENTER(type, name, about)                                         \
         return __real_##name arguments;                                        \
+    }
+
+// These tell the address of one end of a connection.
+#define FAULT_WRAP_NAME(name)                                                  \
+    FAULT_DECLARE(int, name, int fd, struct sockaddr *to, socklen_t *length)   \
+    int __wrap_##name(int fd, struct sockaddr *to, socklen_t *length)          \
+    {                                                                          \
+        FAULT_ENTER(int, name, about_fd(fd))                                   \
+        return decided.what == fault::NAME ? fault::give_name(to, length)      \
+                                           : __real_##name(fd, to, length);    \
     }
 
 // These return their error and leave errno alone.
@@ -395,10 +422,8 @@ FAULT_WRAP(void *, calloc, (size_t count, size_t size), (count, size), {})
 FAULT_WRAP(char *, strdup, (const char *text), (text), {})
 FAULT_WRAP(int, setenv, (const char *name, const char *value, int replace),
            (name, value, replace), about_path(name))
-FAULT_WRAP(int, getsockname, (int fd, struct sockaddr *name, socklen_t *len),
-           (fd, name, len), about_fd(fd))
-FAULT_WRAP(int, getpeername, (int fd, struct sockaddr *name, socklen_t *len),
-           (fd, name, len), about_fd(fd))
+FAULT_WRAP_NAME(getsockname)
+FAULT_WRAP_NAME(getpeername)
 FAULT_WRAP(int, sigfillset, (sigset_t *set), (set), {})
 FAULT_WRAP(int, sigaction,
            (int number, const struct sigaction *action, struct sigaction *old),

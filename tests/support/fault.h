@@ -43,6 +43,9 @@ int shorten(const char *name, int nth, size_t bytes, int times = 1,
 // before() is called, then the call is done. Its own calls are not counted.
 int run(const char *name, int nth, void (*before)(), int times = 1,
         const filter &where = {});
+// getsockname, getpeername: the call is not done; it gives this address, as a
+// machine that has the family would. One address at a time.
+int name(const char *name, int nth, const void *address, size_t length);
 // Changes nothing, only counts.
 int watch(const char *name, const filter &where = {});
 
