@@ -3,7 +3,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <functional>
 #include <thread>
 #include <vector>
@@ -20,36 +19,11 @@ static void add(const vc_reg &reg)
     }
 }
 
-// Answers everything that a daemon asks, with lines from 300 on.
-static void serve(InetdConnection *connection, std::atomic<bool> *stop,
-                  std::atomic<int> *cleans)
-{
-    int line = 300;
-
-    while (!*stop) {
-        const auto record = connection->receive(50);
-        if (!record) {
-            continue;
-        }
-        if (record->vc_flag == 0x008 || record->vc_flag == 0x080) {
-            connection->permit(*record);
-        } else if (record->vc_flag == 0x001) {
-            connection->assign(*record, line++);
-        } else if (record->vc_flag == 0x002) {
-            (*cleans)++;
-        }
-    }
-}
-
 // Forty sessions, one after the other, while the daemon's threads are at work;
 // all of them carry data and are reported clean.
-static void expect_sessions(FakeInetd *inetd, int port,
+static void expect_sessions(const AnsweringInetd &inetd, int port,
                             const std::function<bool()> &threads_done)
 {
-    InetdConnection connection = inetd->accept();
-    std::atomic<bool> stop{false};
-    std::atomic<int> cleans{0};
-    std::thread answers(serve, &connection, &stop, &cleans);
     for (int i = 0; i < 40; i++) {
         int client = -1;
         EXPECT_TRUE(eventually([&] {
@@ -61,15 +35,13 @@ static void expect_sessions(FakeInetd *inetd, int port,
     }
     EXPECT_TRUE(threads_done());
     EXPECT_TRUE(eventually([&] {
-        return cleans == 40;
+        return inetd.cleans() == 40;
     }));
-    stop = true;
-    answers.join();
 }
 
 TEST_F(SystemTest, services_come_and_go_while_sessions_run)
 {
-    FakeInetd inetd;
+    AnsweringInetd inetd;
     const int port = free_port(AF_INET);
     Daemon daemon([&] {
         add(relaying(AF_INET, port, nullptr, 6));
@@ -89,7 +61,7 @@ TEST_F(SystemTest, services_come_and_go_while_sessions_run)
             }).detach();
         }
     });
-    expect_sessions(&inetd, port, [&] {
+    expect_sessions(inetd, port, [&] {
         return logged("test: thread done\n", 3);
     });
     EXPECT_TRUE(daemon.has_no_children());
@@ -97,7 +69,7 @@ TEST_F(SystemTest, services_come_and_go_while_sessions_run)
 
 TEST_F(SystemTest, listeners_stop_and_open_while_sessions_run)
 {
-    FakeInetd inetd;
+    AnsweringInetd inetd;
     const int port = free_port(AF_INET);
     // A path: a permit that comes twice is no failure there.
     const std::string other = path("/s");
@@ -117,7 +89,7 @@ TEST_F(SystemTest, listeners_stop_and_open_while_sessions_run)
             vc_debug_msg("test: thread done\n");
         }).detach();
     });
-    expect_sessions(&inetd, port, [&] {
+    expect_sessions(inetd, port, [&] {
         return logged("test: thread done\n");
     });
 }

@@ -1,7 +1,9 @@
 #include "fake_inetd.h"
 
+#include <linux/sockios.h>
 #include <poll.h>
 #include <string.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -148,4 +150,83 @@ InetdConnection FakeInetd::accept(int deadline_ms)
 bool FakeInetd::nobody_connects(int for_ms)
 {
     return !readable(fd_, for_ms);
+}
+
+constexpr int FIRST_LINE = 258;
+constexpr int LAST_LINE = 1148;
+constexpr int LOOK_MS = 50;
+
+AnsweringInetd::AnsweringInetd()
+{
+    for (int line = FIRST_LINE; line <= LAST_LINE; line++) {
+        free_lines_.insert(line);
+    }
+    thread_ = std::thread(&AnsweringInetd::run, this);
+}
+
+AnsweringInetd::~AnsweringInetd()
+{
+    ending_ = true;
+    thread_.join();
+}
+
+void AnsweringInetd::run()
+{
+    while (!ending_) {
+        InetdConnection connection = inetd_.accept(LOOK_MS);
+        if (connection.fd() < 0) {
+            continue;
+        }
+        connections_++;
+        current_fd_ = connection.fd();
+        while (!ending_) {
+            if (connection.silent(LOOK_MS)) {
+                continue;
+            }
+            const auto record = connection.receive();
+            if (!record) {
+                break;
+            }
+            answer(&connection, *record);
+        }
+        current_fd_ = -1;
+    }
+}
+
+bool AnsweringInetd::everything_taken() const
+{
+    const int fd = current_fd_;
+    int unread = -1;
+
+    return fd >= 0 && ioctl(fd, SIOCOUTQ, &unread) == 0 && unread == 0;
+}
+
+void AnsweringInetd::answer(InetdConnection *connection, const tty_cmsg &record)
+{
+    tty_cmsg reply = record;
+
+    switch (record.vc_flag) {
+    case VC_FLAG_PORT_PERMIT:
+    case VC_FLAG_PATH_PERMIT:
+        connection->permit(record);
+        break;
+    case VC_FLAG_PORT_CHANGE:
+        reply.vc_flag = VC_FLAG_PORT_CHANGE | VC_FLAG_PORT_PERMIT;
+        reply.port = record.peer_port;
+        reply.tos = -1;
+        connection->send(reply);
+        break;
+    case VC_FLAG_CLIENT_ALLOC:
+        if (!free_lines_.empty()) {
+            connection->assign(record, *free_lines_.begin());
+            free_lines_.erase(free_lines_.begin());
+        }
+        break;
+    case VC_FLAG_CLIENT_CLEAR:
+        free_lines_.insert(record.ttyno);
+        cleans_++;
+        break;
+    default:
+        break;
+    }
 }

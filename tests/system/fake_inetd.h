@@ -2,8 +2,11 @@
 // said and when, also what a well-behaved daemon would never say.
 #pragma once
 
+#include <atomic>
 #include <optional>
+#include <set>
 #include <string>
+#include <thread>
 
 #include <ttyline/vc.h>
 
@@ -63,4 +66,39 @@ class FakeInetd
   private:
     int fd_;
     std::string path_;
+};
+
+// An inetd that answers as it should, on a thread of its own, until it goes:
+// permits what is asked for, gives the lines 258 to 1148, and takes them back.
+class AnsweringInetd
+{
+  public:
+    AnsweringInetd();
+    ~AnsweringInetd();
+    AnsweringInetd(const AnsweringInetd &) = delete;
+    AnsweringInetd &operator=(const AnsweringInetd &) = delete;
+
+    // Lines that were reported clean, connections that daemons have made.
+    int cleans() const
+    {
+        return cleans_;
+    }
+    int connections() const
+    {
+        return connections_;
+    }
+    // Whether the daemon has taken every record that was sent to it.
+    bool everything_taken() const;
+
+  private:
+    void run();
+    void answer(InetdConnection *connection, const tty_cmsg &record);
+
+    FakeInetd inetd_;
+    std::set<int> free_lines_;
+    std::atomic<bool> ending_{false};
+    std::atomic<int> cleans_{0};
+    std::atomic<int> connections_{0};
+    std::atomic<int> current_fd_{-1};
+    std::thread thread_;
 };
