@@ -61,6 +61,7 @@ TEST_F(SystemTest, services_come_and_go_while_sessions_run)
             }).detach();
         }
     });
+    inetd.start();
     expect_sessions(inetd, port, [&] {
         return logged("test: thread done\n", 3);
     });
@@ -89,6 +90,7 @@ TEST_F(SystemTest, listeners_stop_and_open_while_sessions_run)
             vc_debug_msg("test: thread done\n");
         }).detach();
     });
+    inetd.start();
     expect_sessions(inetd, port, [&] {
         return logged("test: thread done\n");
     });

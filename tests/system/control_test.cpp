@@ -239,6 +239,7 @@ TEST_F(ControlTest, four_threads_change_listeners_while_sessions_run)
             open_paths(true);
         }).detach();
     });
+    inetd.start();
     std::vector<int> clients;
     ASSERT_TRUE(eventually([&] {
         return listens(port_);
@@ -313,6 +314,7 @@ TEST_F(ControlTest, five_thousand_wake_ups_do_not_end_the_daemon)
             open_paths(true);
         }).detach();
     });
+    inetd.start();
     ASSERT_TRUE(eventually([&] {
         return file_exists(done) || !daemon.alive();
     }));

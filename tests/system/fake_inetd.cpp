@@ -161,13 +161,19 @@ AnsweringInetd::AnsweringInetd()
     for (int line = FIRST_LINE; line <= LAST_LINE; line++) {
         free_lines_.insert(line);
     }
-    thread_ = std::thread(&AnsweringInetd::run, this);
 }
 
 AnsweringInetd::~AnsweringInetd()
 {
     ending_ = true;
-    thread_.join();
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+}
+
+void AnsweringInetd::start()
+{
+    thread_ = std::thread(&AnsweringInetd::run, this);
 }
 
 void AnsweringInetd::run()

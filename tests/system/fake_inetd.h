@@ -68,13 +68,16 @@ class FakeInetd
     std::string path_;
 };
 
-// An inetd that answers as it should, on a thread of its own, until it goes:
-// permits what is asked for, gives the lines 258 to 1148, and takes them back.
+// An inetd that answers as it should, on a thread of its own: permits what is
+// asked for, gives the lines 258 to 1148, and takes them back.
 class AnsweringInetd
 {
   public:
     AnsweringInetd();
     ~AnsweringInetd();
+    // Starts to answer. Not before the daemon has been forked, which could
+    // start no threads of its own under a sanitizer otherwise.
+    void start();
     AnsweringInetd(const AnsweringInetd &) = delete;
     AnsweringInetd &operator=(const AnsweringInetd &) = delete;
 
