@@ -118,20 +118,47 @@ static int lowest_free(const line_pool &pool, const line_range &range)
     return -1;
 }
 
+static std::vector<line_range> ranges_of(const line_pool &pool, int protocol)
+{
+    if (protocol >= 0 && protocol < pool_protocols) {
+        return pool.ranges[static_cast<std::size_t>(protocol)];
+    }
+    return {std::begin(usable), std::end(usable)};
+}
+
 static int lowest_free_of(const line_pool &pool, int protocol)
 {
-    std::vector<line_range> ranges(std::begin(usable), std::end(usable));
-
-    if (protocol >= 0 && protocol < pool_protocols) {
-        ranges = pool.ranges[static_cast<std::size_t>(protocol)];
-    }
-    for (const line_range &range : ranges) {
+    for (const line_range &range : ranges_of(pool, protocol)) {
         const int ttyno = lowest_free(pool, range);
         if (ttyno >= 0) {
             return ttyno;
         }
     }
     return -1;
+}
+
+line_facts *pool_facts(line_pool &pool, int ttyno)
+{
+    pool_line *line = find_line(pool, ttyno);
+
+    return line == nullptr ? nullptr : &line->facts;
+}
+
+static void assign(pool_line &line, unsigned client, const tty_cmsg &report,
+                   int ttyno)
+{
+    line.state = line_state::assigned;
+    line.client = client;
+    line.session_pid = 0;
+    line.assignment = report;
+    line.assignment.ttyno = ttyno;
+    line.facts = {};
+}
+
+static void set_free(pool_line &line)
+{
+    line.state = line_state::unused;
+    line.facts = {};
 }
 
 int pool_take(line_pool &pool, unsigned client, const tty_cmsg &report)
@@ -142,12 +169,31 @@ int pool_take(line_pool &pool, unsigned client, const tty_cmsg &report)
     if (line == nullptr) {
         return -1;
     }
-    line->state = line_state::assigned;
-    line->client = client;
-    line->session_pid = 0;
-    line->assignment = report;
-    line->assignment.ttyno = ttyno;
+    assign(*line, client, report, ttyno);
     return ttyno;
+}
+
+static bool may_have(const line_pool &pool, int protocol, int ttyno)
+{
+    const std::vector<line_range> ranges = ranges_of(pool, protocol);
+
+    return std::any_of(ranges.begin(), ranges.end(),
+                       [&](const line_range &range) {
+                           return ttyno >= range.low && ttyno <= range.high;
+                       });
+}
+
+bool pool_take_only(line_pool &pool, unsigned client, const tty_cmsg &report,
+                    int ttyno)
+{
+    pool_line *line = find_line(pool, ttyno);
+
+    if (line == nullptr || line->state != line_state::unused ||
+        !may_have(pool, report.protocol, ttyno)) {
+        return false;
+    }
+    assign(*line, client, report, ttyno);
+    return true;
 }
 
 static bool same_connection(const tty_cmsg &a, const tty_cmsg &b)
@@ -207,7 +253,7 @@ clean_result pool_clean(line_pool &pool, unsigned client,
         !same_connection(line->assignment, record)) {
         expect_late_answer(*line);
     }
-    line->state = line_state::unused;
+    set_free(*line);
     return clean_result::freed;
 }
 
@@ -223,7 +269,7 @@ std::size_t pool_drop_client(line_pool &pool, unsigned client,
         if (keep_running && line.state == line_state::running) {
             left++;
         } else {
-            line.state = line_state::unused;
+            set_free(line);
         }
     }
     return left;

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,11 +26,24 @@ enum class line_state {
     running,  /* the client confirmed a session */
 };
 
+/*
+ * What the programs on a line told about it. It belongs to one use of the
+ * line: assigning and freeing the line both clear it, as a request may arrive
+ * after the line was freed and must not be taken for the next session's.
+ */
+struct line_facts {
+    bool logged_in = false;
+    std::optional<uint32_t> speed;
+    std::optional<uint32_t> session_timeout;
+    std::optional<uint32_t> exec_timeout;
+};
+
 struct pool_line {
     line_state state = line_state::unused;
     unsigned client = 0;
     int32_t session_pid = 0;
     tty_cmsg assignment = {};
+    line_facts facts;
 
     /* A failed assignment whose second record is still to come. */
     unsigned late_client = 0;
@@ -64,6 +78,13 @@ bool pool_set_ranges(line_pool &pool, const std::string &text,
  */
 int pool_take(line_pool &pool, unsigned client, const tty_cmsg &report);
 
+/*
+ * The same for this line alone: false when it is in use, or none of those of
+ * the report's protocol.
+ */
+bool pool_take_only(line_pool &pool, unsigned client, const tty_cmsg &report,
+                    int ttyno);
+
 /* An alloc-ok record; false when it fits no assignment of this client. */
 bool pool_confirm(line_pool &pool, unsigned client, const tty_cmsg &record);
 
@@ -83,6 +104,9 @@ std::size_t pool_hand_over(line_pool &pool, unsigned from, unsigned to);
 
 /* The line, or a null pointer for a number that is none. */
 const pool_line *pool_find(const line_pool &pool, int ttyno);
+
+/* What is known of the line, to be changed; likewise. */
+line_facts *pool_facts(line_pool &pool, int ttyno);
 
 /* Whole decimal number within bounds; false for anything else. */
 bool parse_number(const std::string &text, int low, int high, int &value);

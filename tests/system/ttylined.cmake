@@ -4,7 +4,8 @@ add_executable(ttylined_test
     ${CMAKE_CURRENT_LIST_DIR}/ttylined_parts_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/ttylined_run.cpp
     ${PROJECT_SOURCE_DIR}/examples/ttylined_pool.cpp
-    ${PROJECT_SOURCE_DIR}/examples/ttylined_record.cpp)
+    ${PROJECT_SOURCE_DIR}/examples/ttylined_record.cpp
+    ${PROJECT_SOURCE_DIR}/examples/ttylined_request.cpp)
 target_include_directories(ttylined_test PRIVATE
     ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/examples)
 target_compile_definitions(ttylined_test PRIVATE

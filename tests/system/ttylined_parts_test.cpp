@@ -1,5 +1,5 @@
 /*
- * The pool and the record texts alone, without a process.
+ * The pool, the record texts and the requests alone, without a process.
  */
 #include <cstring>
 
@@ -7,6 +7,7 @@
 
 #include "ttylined_pool.h"
 #include "ttylined_record.h"
+#include "ttylined_request.h"
 #include "ttylined_run.h"
 
 static bool refuses(const char *text)
@@ -122,6 +123,141 @@ TEST(TtylinedPool, DropKeepsOnlyConfirmedSessionsWhenAsked)
     EXPECT_EQ(pool_clean(pool, 1, line_clean(258, 1)), clean_result::not_owner);
     EXPECT_EQ(pool_clean(pool, 3, line_clean(258, 1)), clean_result::freed);
     EXPECT_EQ(pool_find(pool, 260)->client, 2U);
+}
+
+TEST(TtylinedPool, OneLineAloneIsTakenOnlyWhenItMayBeHad)
+{
+    line_pool pool;
+    std::string error;
+    const tty_cmsg report = accept_report(6, 7, 1);
+
+    pool_init(pool);
+    ASSERT_TRUE(pool_set_ranges(pool, "6=300-301,400-400", error));
+    for (int ttyno : {-1, 0, 257, 258, 299, 302, 399, 401, 1586, 2147483647}) {
+        EXPECT_FALSE(pool_take_only(pool, 1, report, ttyno)) << ttyno;
+    }
+    EXPECT_TRUE(pool_take_only(pool, 1, report, 400));
+    EXPECT_FALSE(pool_take_only(pool, 1, report, 400));
+    EXPECT_EQ(pool_find(pool, 400)->assignment.ttyno, 400);
+    EXPECT_EQ(pool_find(pool, 400)->state, line_state::assigned);
+    EXPECT_FALSE(pool_take_only(pool, 1, accept_report(-1, 7, 2), 257));
+    EXPECT_TRUE(pool_take_only(pool, 1, accept_report(-1, 7, 2), 258));
+}
+
+static bool nothing_known(const line_pool &pool, int ttyno)
+{
+    const line_facts &facts = pool_find(pool, ttyno)->facts;
+
+    return !facts.logged_in && !facts.speed && !facts.session_timeout &&
+           !facts.exec_timeout;
+}
+
+TEST(TtylinedPool, FactsBelongToOneUseOfALine)
+{
+    line_pool pool;
+
+    pool_init(pool);
+    for (int ttyno : {-1, 1586}) {
+        EXPECT_EQ(pool_facts(pool, ttyno), nullptr);
+    }
+    *pool_facts(pool, 258) = {true, 1U, 2U, 3U};
+    EXPECT_FALSE(nothing_known(pool, 258));
+    EXPECT_EQ(pool_take(pool, 1, accept_report(6, 7, 1)), 258);
+    EXPECT_TRUE(nothing_known(pool, 258));
+    *pool_facts(pool, 258) = {true, {}, {}, {}};
+    EXPECT_EQ(pool_clean(pool, 2, line_clean(258, 0)), clean_result::not_owner);
+    EXPECT_FALSE(nothing_known(pool, 258));
+    EXPECT_EQ(pool_clean(pool, 1, line_clean(258, 0)), clean_result::freed);
+    EXPECT_TRUE(nothing_known(pool, 258));
+
+    ASSERT_TRUE(pool_take_only(pool, 1, accept_report(6, 7, 2), 258));
+    *pool_facts(pool, 258) = {false, {}, {}, 3U};
+    pool_drop_client(pool, 1, false);
+    EXPECT_TRUE(nothing_known(pool, 258));
+}
+
+static std::string item(uint16_t type, uint32_t value, uint16_t length = 4)
+{
+    char bytes[8];
+
+    std::memcpy(bytes, &type, sizeof type);
+    std::memcpy(bytes + 2, &length, sizeof length);
+    std::memcpy(bytes + 4, &value, sizeof value);
+    return {bytes, sizeof bytes};
+}
+
+TEST(TtylinedRequest, ARequestIsTakenOffOnceItIsWhole)
+{
+    const std::string hold = item(0x20, 300) + item(0x800, 60);
+    line_request request = {};
+    std::string why;
+
+    for (std::size_t length = 0; length < hold.size(); length++) {
+        std::string bytes = hold.substr(0, length);
+        EXPECT_EQ(request_next(bytes, request, why), request_result::none);
+        EXPECT_EQ(bytes.size(), length);
+    }
+    std::string bytes = hold + item(0x1000, 0) + "x";
+    ASSERT_EQ(request_next(bytes, request, why), request_result::request);
+    EXPECT_EQ(request_text(request), "hold except=300 time=60");
+    ASSERT_EQ(request_next(bytes, request, why), request_result::request);
+    EXPECT_EQ(request_text(request), "release");
+    EXPECT_EQ(request_next(bytes, request, why), request_result::none);
+    EXPECT_EQ(bytes, "x");
+}
+
+TEST(TtylinedRequest, WhatIsBrokenIsSaid)
+{
+    const struct {
+        std::string bytes;
+        const char *why;
+    } rows[] = {
+        {item(0x20, 5, 5), "item 0x0020 of length 5"},
+        {item(0x1000, 0, 0), "item 0x1000 of length 0"},
+        {item(0x20, 5) + item(1, 1, 0xffff), "item 0x0001 of length 65535"},
+        {item(0, 0), "unknown item 0x0000"},
+        {item(0x400, 1), "unknown item 0x0400"},
+        {item(0x21, 1), "unknown item 0x0021"},
+        {item(0x20, 5) + item(0x2, 1), "unknown item 0x0002"},
+        {item(0x20, 5) + item(0x20, 5), "item 0x0020 after a line number"},
+        {item(0x20, 5) + item(0x1000, 0), "item 0x1000 after a line number"},
+        {item(0x1, 1), "item 0x0001 without a line number"},
+        {item(0x40, 1), "item 0x0040 without a line number"},
+        {item(0x800, 1), "item 0x0800 without a line number"},
+    };
+
+    for (const auto &row : rows) {
+        std::string bytes = row.bytes;
+        std::string why;
+        line_request request = {};
+        EXPECT_EQ(request_next(bytes, request, why), request_result::broken);
+        EXPECT_EQ(why, row.why);
+    }
+}
+
+TEST(TtylinedRequest, OnlyNumbersThatMeanSomethingAreValid)
+{
+    const struct {
+        line_request request;
+        const char *why; /* empty: valid */
+    } rows[] = {
+        {{request_kind::login, 1585, 1}, ""},
+        {{request_kind::login, 1586, 1}, "no such line"},
+        {{request_kind::login, 5, 0}, "unknown value 0"},
+        {{request_kind::speed, 0, 0xffffffff}, ""},
+        {{request_kind::exec_timeout, 0xffffffff, 0}, "no such line"},
+        {{request_kind::hold, 1586, 1800}, ""},
+        {{request_kind::hold, 1587, 0}, "no such line"},
+        {{request_kind::hold, 0, 1801}, "the time is too long"},
+        {{request_kind::release, 0, 0}, ""},
+        {{request_kind::release, 0, 7}, "unknown value 7"},
+    };
+
+    for (const auto &row : rows) {
+        std::string why = "kept";
+        EXPECT_EQ(request_valid(row.request, why), *row.why == '\0');
+        EXPECT_EQ(why, row.why);
+    }
 }
 
 static std::string from_text(const tty_cmsg &record)
