@@ -3,8 +3,10 @@
  *
  * Login daemons built on the session service connect to it. It permits every
  * listener that they ask for and gives each of their connections a line out
- * of a pool. An operator can look at it and steer it with commands on
- * standard input or on a control socket.
+ * of a pool. Programs on the lines tell it through the line library who has
+ * logged in and which settings have changed, and hold lines back. An operator
+ * can look at it and steer it with commands on standard input or on a control
+ * socket.
  */
 #include <cerrno>
 #include <csignal>
@@ -14,6 +16,7 @@
 
 #include <fcntl.h>
 #include <getopt.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -26,31 +29,48 @@ static constexpr int fd_max = 1 << 20;
 struct options {
     std::string control;
     std::string trace_path; /* empty: standard output */
+    bool admin = true;
     bool trace = false;
     int ready_fd = -1;
 };
 
 static const char usage_text[] =
     "usage: ttylined [--pool PROTO=LO-HI[,LO-HI...]]... [--control PATH]\n"
-    "                [--trace[=FILE]] [--ready-fd N]\n"
+    "                [--no-admin] [--trace[=FILE]] [--ready-fd N]\n"
     "       ttylined --help | --version\n";
 
 static const char help_text[] =
     "\n"
-    "Assigns terminal lines to the connections of login daemons.\n"
+    "Assigns terminal lines to the connections of login daemons, and takes "
+    "the\n"
+    "requests of programs on the lines: login, settings, hold and release.\n"
     "\n"
     "  --pool PROTO=LO-HI[,LO-HI...]\n"
     "                   lines for protocol PROTO (0 to 11) instead of all of\n"
     "                   258-1148 and 1421-1585; a later one replaces it\n"
     "  --control PATH   take commands on this unix socket\n"
-    "  --trace[=FILE]   one line per record, to standard output or FILE\n"
+    "  --no-admin       leave the requests of the line library to another\n"
+    "                   daemon\n"
+    "  --trace[=FILE]   one line per record and request, to standard output "
+    "or\n"
+    "                   FILE\n"
     "  --ready-fd N     write a line feed to descriptor N when listening\n"
     "  --help           this text\n"
     "  --version        the version\n"
     "\n"
     "The socket is mng/tty/inetd/.qv_inetd below $TMPDIR, or below / when\n"
-    "TMPDIR is unset. Commands are also read from standard input, 'help'\n"
-    "lists them. Each reply ends with a line that holds a single dot.\n";
+    "TMPDIR is unset; requests of the line library come in on "
+    "mng/tty/.tty_rl.\n"
+    "Commands are also read from standard input, 'help' lists them. Each "
+    "reply\n"
+    "ends with a line that holds a single dot.\n"
+    "\n"
+    "While lines are held only the excepted one is assigned. Other "
+    "connections\n"
+    "wait for their line until somebody releases or the time of the hold, in\n"
+    "seconds, is over. A time of 0 does not end: until released. The hold "
+    "stays\n"
+    "when the program that asked for it has ended; a later one replaces it.\n";
 
 static int usage_error(const std::string &why)
 {
@@ -71,7 +91,13 @@ static bool parse_ready_fd(const std::string &text, int &fd)
            fcntl(fd, F_GETFD) >= 0;
 }
 
-enum option_code { opt_pool = 256, opt_control, opt_trace, opt_ready_fd };
+enum option_code {
+    opt_pool = 256,
+    opt_control,
+    opt_no_admin,
+    opt_trace,
+    opt_ready_fd
+};
 
 /* Returns -1 to go on, otherwise the exit status. */
 static int take_option(int code, const char *value, options &opts,
@@ -87,6 +113,9 @@ static int take_option(int code, const char *value, options &opts,
     case opt_control:
         opts.control = value;
         return opts.control.empty() ? usage_error("--control: empty path") : -1;
+    case opt_no_admin:
+        opts.admin = false;
+        return -1;
     case opt_trace:
         opts.trace = true;
         opts.trace_path = value == nullptr ? "" : value;
@@ -110,6 +139,7 @@ static int take_options(int argc, char **argv, options &opts, line_pool &pool)
     static const option known[] = {
         {"pool", required_argument, nullptr, opt_pool},
         {"control", required_argument, nullptr, opt_control},
+        {"no-admin", no_argument, nullptr, opt_no_admin},
         {"trace", optional_argument, nullptr, opt_trace},
         {"ready-fd", required_argument, nullptr, opt_ready_fd},
         {"help", no_argument, nullptr, 'h'},
@@ -141,6 +171,17 @@ static void fill_standard_fds()
     }
     if (fd > STDERR_FILENO) {
         close(fd);
+    }
+}
+
+/* Each session may keep a connection for its requests, all of them at once. */
+static void raise_descriptor_limit()
+{
+    rlimit files = {};
+
+    if (getrlimit(RLIMIT_NOFILE, &files) == 0) {
+        files.rlim_cur = files.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &files);
     }
 }
 
@@ -194,6 +235,9 @@ static bool open_sockets(server &srv, const options &opts, std::string &error)
         !unix_listen(path, srv.daemons, error)) {
         return false;
     }
+    if (opts.admin && !unix_listen(admin_socket_path(), srv.admin, error)) {
+        return false;
+    }
     return opts.control.empty() ||
            unix_listen(opts.control, srv.control, error);
 }
@@ -211,6 +255,9 @@ static bool start(server &srv, const options &opts)
         peer.in_fd = STDIN_FILENO;
         peer.out = &srv.standard_out;
         trace_note(srv, "listening on " + srv.daemons.path);
+        if (opts.admin) {
+            trace_note(srv, "listening on " + srv.admin.path);
+        }
         return true;
     }
     std::fprintf(stderr, "ttylined: %s\n", error.c_str());
@@ -234,6 +281,7 @@ int main(int argc, char **argv)
     options opts;
 
     fill_standard_fds();
+    raise_descriptor_limit();
     umask(077);
     pool_init(srv.pool);
     int status = take_options(argc, argv, opts, srv.pool);
@@ -247,6 +295,7 @@ int main(int argc, char **argv)
         trace_note(srv, "end");
     }
     unix_listener_end(srv.control);
+    unix_listener_end(srv.admin);
     unix_listener_end(srv.daemons);
     return status;
 }

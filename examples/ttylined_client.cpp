@@ -138,20 +138,13 @@ static void on_listen_request(server &srv, client &cli, const tty_cmsg &record,
 }
 
 /*
- * The protocol has no refusal. A line number out of range makes the daemon
- * close the connection, which is the same to the peer.
+ * A hold that was sent before the connection came must keep it from its line,
+ * but it comes in on another socket: what waits there is taken first.
  */
 static void on_accept_report(server &srv, client &cli, const tty_cmsg &record)
 {
-    tty_cmsg answer = record;
-
-    answer.vc_flag = VC_FLAG_CLIENT_ALLOC;
-    answer.ttyno = pool_take(srv.pool, cli.number, answer);
-    if (answer.ttyno < 0) {
-        trace_note(srv, client_name(cli) + "no line left for protocol " +
-                            std::to_string(record.protocol));
-    }
-    client_send(srv, cli, answer);
+    admin_serve(srv);
+    assign_report(srv, cli, record);
 }
 
 static void on_line_clean(server &srv, const client &cli,

@@ -9,6 +9,8 @@
 
 #include "ttylined_server.h"
 
+static constexpr long long ms_per_second = 1000;
+
 /* The library tears down sessions on the order of a clear only here. */
 static constexpr line_range clearable = {258, 321};
 static constexpr int port_max = 65535;
@@ -219,6 +221,80 @@ static void run_delete_path(server &srv, std::string &arguments,
         reply);
 }
 
+static std::string hold_text(const line_hold &hold)
+{
+    if (!hold.on) {
+        return "none";
+    }
+    const std::string except =
+        hold.except == TTY_LINES ? "" : " but " + std::to_string(hold.except);
+    if (hold.until == 0) {
+        return "all lines" + except + ", until released";
+    }
+    const long long left =
+        (hold.until - monotonic_ms() + ms_per_second - 1) / ms_per_second;
+    return "all lines" + except + ", " + std::to_string(left) + " s left";
+}
+
+static std::string number_or_dash(const std::optional<uint32_t> &number)
+{
+    return number ? std::to_string(*number) : "-";
+}
+
+static bool is_known(const line_facts &facts)
+{
+    return facts.logged_in || facts.speed || facts.session_timeout ||
+           facts.exec_timeout;
+}
+
+static void run_admin(server &srv, std::string &, std::string &reply)
+{
+    add_line(reply, "hold: %s", hold_text(srv.hold).c_str());
+    add_line(reply, "waiting: %zu", srv.waiting.size());
+    add_line(reply, "%-5s %-5s %-10s %-15s %s", "line", "login", "speed",
+             "session-timeout", "exec-timeout");
+    for (int ttyno = 0; ttyno < TTY_LINES; ttyno++) {
+        const line_facts &facts = pool_find(srv.pool, ttyno)->facts;
+        if (is_known(facts)) {
+            add_line(reply, "%-5d %-5s %-10s %-15s %s", ttyno,
+                     facts.logged_in ? "yes" : "no",
+                     number_or_dash(facts.speed).c_str(),
+                     number_or_dash(facts.session_timeout).c_str(),
+                     number_or_dash(facts.exec_timeout).c_str());
+        }
+    }
+}
+
+static void run_hold(server &srv, std::string &arguments, std::string &reply)
+{
+    const std::string line = take_word(arguments);
+    int except = TTY_LINES;
+    int seconds = 0;
+
+    if ((line != "none" && !parse_number(line, 0, TTY_LINES - 1, except)) ||
+        !take_number(arguments, 0, hold_seconds_max, seconds) ||
+        !arguments.empty()) {
+        add_line(reply,
+                 "error: hold LINE|none SECONDS, a line from 0 to %d and a "
+                 "time from 0 to %d",
+                 TTY_LINES - 1, hold_seconds_max);
+        return;
+    }
+    hold_begin(srv, except, seconds);
+    add_line(reply, "ok: %s", hold_text(srv.hold).c_str());
+}
+
+static void run_release(server &srv, std::string &arguments, std::string &reply)
+{
+    if (!arguments.empty()) {
+        add_line(reply, "error: release takes no argument");
+    } else if (hold_end(srv)) {
+        add_line(reply, "ok: released");
+    } else {
+        add_line(reply, "error: no line is held");
+    }
+}
+
 static void run_quit(server &srv, std::string &, std::string &reply)
 {
     srv.ending = true;
@@ -240,6 +316,11 @@ static constexpr struct {
      "delete-port PROTOCOL PORT    delete a listener, reset its daemon"},
     {"delete-path", run_delete_path,
      "delete-path PROTOCOL PATH    the same for a unix path"},
+    {"admin", run_admin,
+     "admin                        the hold, logins and settings of lines"},
+    {"hold", run_hold,
+     "hold LINE|none SECONDS       assign no other line; 0: until released"},
+    {"release", run_release, "release                      end the hold"},
     {"help", run_help, "help                         this text"},
     {"quit", run_quit, "quit                         end ttylined"},
 };

@@ -54,11 +54,15 @@ static std::vector<pollfd> watch_all(const server &srv)
 
     watch(fds, srv.signal_fd, true, false);
     watch(fds, srv.daemons.fd, accepts, false);
+    watch(fds, srv.admin.fd, accepts, false);
     watch(fds, srv.control.fd, accepts, false);
     watch(fds, srv.standard_out.fd, false, !srv.standard_out.pending.empty());
     watch(fds, srv.trace_file.fd, false, !srv.trace_file.pending.empty());
     for (const auto &[number, cli] : srv.clients) {
         watch(fds, cli.fd, true, !cli.out.empty());
+    }
+    for (const admin_peer &peer : srv.admins) {
+        watch(fds, peer.fd, true, false);
     }
     for (const operator_peer &peer : srv.operators) {
         watch(fds, peer.in_fd, may_read(peer), false);
@@ -89,14 +93,18 @@ static int events_of(const ready_events &ready, int fd)
     return found == ready.end() ? 0 : found->second;
 }
 
+/* Of two times, where 0 is never. */
+static long long earlier(long long a, long long b)
+{
+    return a == 0 || (b != 0 && b < a) ? b : a;
+}
+
 static int timeout_ms(const server &srv)
 {
-    long long next = srv.accept_again;
+    long long next = earlier(srv.accept_again, srv.hold.until);
 
     for (const parked_lines &parked : srv.parked) {
-        if (next == 0 || parked.until < next) {
-            next = parked.until;
-        }
+        next = earlier(next, parked.until);
     }
     if (next == 0) {
         return -1;
@@ -118,7 +126,7 @@ static void take_signal(server &srv)
 
 /*
  * Without a free descriptor the connection stays in the queue and the
- * listener stays readable: both listeners are left alone for a while.
+ * listener stays readable: all listeners are left alone for a while.
  */
 int accept_or_pause(server &srv, int listener)
 {
@@ -217,7 +225,8 @@ static void serve_clients(server &srv, const ready_events &ready)
 
 /*
  * New connections come last: their descriptors may carry the number of one
- * that was closed in this turn and still stands in the poll set.
+ * that was closed in this turn and still stands in the poll set. Only those
+ * of the line library do not, as nobody asks this poll set about them.
  */
 static void serve(server &srv, const ready_events &ready)
 {
@@ -226,10 +235,13 @@ static void serve(server &srv, const ready_events &ready)
     }
     text_out_flush(srv.standard_out);
     text_out_flush(srv.trace_file);
+    admin_serve(srv);
     serve_clients(srv, ready);
     serve_operators(srv, ready);
     client_reap(srv);
     parked_expire(srv);
+    assign_waiting(srv);
+    client_reap(srv);
     if (srv.accept_again != 0 && srv.accept_again <= monotonic_ms()) {
         srv.accept_again = 0;
     }

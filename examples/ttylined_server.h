@@ -2,9 +2,16 @@
  * The state of the daemon. One thread owns all of it.
  *
  *     ttylined.cpp          options, start and end
- *     ttylined_loop.cpp     waits, and calls the other two
+ *     ttylined_loop.cpp     waits, and calls the others
  *     ttylined_client.cpp   login daemons: their connections and records
+ *     ttylined_assign.cpp   which report gets a line and when; the hold
+ *     ttylined_admin.cpp    requests of the line library: login, settings,
+ *                           hold and release
  *     ttylined_command.cpp  what an operator types
+ *
+ * The rest knows nothing of this state: ttylined_pool.cpp (lines and owners),
+ * ttylined_record.cpp (records of login daemons), ttylined_request.cpp
+ * (requests of the line library), ttylined_socket.cpp, ttylined_text.cpp.
  */
 #ifndef TTYLINED_SERVER_H
 #define TTYLINED_SERVER_H
@@ -18,6 +25,7 @@
 
 #include "ttylined_pool.h"
 #include "ttylined_record.h"
+#include "ttylined_request.h"
 #include "ttylined_socket.h"
 #include "ttylined_text.h"
 
@@ -55,6 +63,25 @@ struct parked_lines {
     long long until; /* milliseconds of the monotonic clock */
 };
 
+/* An accept report that a hold keeps from its line. */
+struct waiting_report {
+    unsigned client;
+    tty_cmsg record;
+};
+
+struct line_hold {
+    bool on = false;
+    int except = TTY_LINES; /* the one line that is assigned; 1586: none */
+    long long until = 0;    /* of the monotonic clock; 0: until released */
+};
+
+/* The connection of one process, or of several that it forked. */
+struct admin_peer {
+    int fd = -1;
+    unsigned number = 0;
+    std::string held; /* the beginning of a request */
+};
+
 /* Somebody who types commands. */
 struct operator_peer {
     int in_fd = -1;
@@ -67,11 +94,16 @@ struct operator_peer {
 struct server {
     line_pool pool;
     unix_listener daemons;
+    unix_listener admin;
     unix_listener control;
     int signal_fd = -1;
     std::map<unsigned, client> clients;
     unsigned last_number = 0;
     std::list<parked_lines> parked;
+    std::list<waiting_report> waiting;
+    line_hold hold;
+    std::list<admin_peer> admins;
+    unsigned last_admin = 0;
     std::list<operator_peer> operators;
     text_out standard_out;
     text_out trace_file;
@@ -87,6 +119,15 @@ void client_flush(client &cli);
 void client_send(server &srv, client &cli, const tty_cmsg &record);
 void client_reap(server &srv);
 void parked_expire(server &srv);
+
+/* ttylined_assign.cpp */
+void assign_report(server &srv, client &cli, const tty_cmsg &report);
+void assign_waiting(server &srv);
+void hold_begin(server &srv, int except, int seconds);
+bool hold_end(server &srv);
+
+/* ttylined_admin.cpp */
+void admin_serve(server &srv);
 
 /* ttylined_command.cpp */
 void command_run(server &srv, const std::string &line, std::string &reply);

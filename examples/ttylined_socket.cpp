@@ -152,10 +152,21 @@ static bool lock_directory(const std::string &path, std::string &error)
     return true;
 }
 
-bool runtime_socket_path(std::string &path, std::string &error)
+static std::string runtime_directory()
 {
     const char *prefix = std::getenv("TMPDIR");
-    std::string directory = prefix == nullptr ? "/" : prefix;
+
+    return prefix == nullptr ? "/" : prefix;
+}
+
+std::string admin_socket_path()
+{
+    return runtime_directory() + "/mng/tty/.tty_rl";
+}
+
+bool runtime_socket_path(std::string &path, std::string &error)
+{
+    std::string directory = runtime_directory();
 
     for (const char *name : {"/mng", "/tty", "/inetd"}) {
         directory += name;

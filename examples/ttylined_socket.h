@@ -28,4 +28,7 @@ void unix_listener_end(unix_listener &listener);
  */
 bool runtime_socket_path(std::string &path, std::string &error);
 
+/* The path of the administration socket, in the directory above. */
+std::string admin_socket_path();
+
 #endif

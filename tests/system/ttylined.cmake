@@ -1,5 +1,6 @@
 add_executable(ttylined_test
     ${CMAKE_CURRENT_LIST_DIR}/ttylined_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/ttylined_admin_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/ttylined_command_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/ttylined_parts_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/ttylined_run.cpp
@@ -11,7 +12,7 @@ target_include_directories(ttylined_test PRIVATE
 target_compile_definitions(ttylined_test PRIVATE
     TTYLINED_PATH="$<TARGET_FILE:ttylined>")
 target_link_libraries(ttylined_test PRIVATE
-    ttyline_options GTest::gtest_main)
+    tty_static ttyline_options GTest::gtest_main)
 add_dependencies(ttylined_test ttylined)
 gtest_discover_tests(ttylined_test
     PROPERTIES TIMEOUT 30 DISCOVERY_MODE PRE_TEST)

@@ -19,7 +19,7 @@
 
 using steady = std::chrono::steady_clock;
 
-static constexpr auto patience = std::chrono::seconds(10);
+static constexpr auto patience = std::chrono::seconds(20);
 
 unique_fd &unique_fd::operator=(unique_fd &&other) noexcept
 {
@@ -78,6 +78,11 @@ ttylined_run::~ttylined_run()
 std::string ttylined_run::socket_path() const
 {
     return directory + "/mng/tty/inetd/.qv_inetd";
+}
+
+std::string ttylined_run::admin_path() const
+{
+    return directory + "/mng/tty/.tty_rl";
 }
 
 std::string ttylined_run::control_path() const
@@ -165,6 +170,33 @@ int ttylined_run::exit_status()
     waitpid(pid, &status, 0);
     pid = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+int wait_for_child(pid_t child)
+{
+    int status = 0;
+    const unique_fd watch(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
+
+    if (!wait_for(watch.fd, POLLIN, steady::now() + patience)) {
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+        return -1;
+    }
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+int in_child(const ttylined_run &run, const std::function<bool()> &work)
+{
+    const pid_t parent = getpid();
+    const pid_t child = fork();
+
+    if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        setenv("TMPDIR", run.directory.c_str(), 1);
+        _exit(getppid() == parent && work() ? 0 : 1);
+    }
+    return wait_for_child(child);
 }
 
 unique_fd connect_unix(const std::string &path)

@@ -6,6 +6,7 @@
 #ifndef TTYLINED_RUN_H
 #define TTYLINED_RUN_H
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -51,10 +52,20 @@ struct ttylined_run {
     /* False when it did not become ready. */
     bool start(const run_options &options = {});
     std::string socket_path() const;
+    std::string admin_path() const;
     std::string control_path() const;
     /* Waits for the end; the exit status, or -1 for a signal or too late. */
     int exit_status();
 };
+
+/* Waits for a child; its exit status, or -1 for a signal or too late. */
+int wait_for_child(pid_t child);
+
+/*
+ * Runs the work in a process of its own that uses the daemon's runtime
+ * directory: 0 when it returned true, 1 when false, -1 as above.
+ */
+int in_child(const ttylined_run &run, const std::function<bool()> &work);
 
 unique_fd connect_unix(const std::string &path);
 
