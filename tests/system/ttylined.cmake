@@ -15,4 +15,4 @@ target_link_libraries(ttylined_test PRIVATE
     tty_static ttyline_options GTest::gtest_main)
 add_dependencies(ttylined_test ttylined)
 gtest_discover_tests(ttylined_test
-    PROPERTIES TIMEOUT 30 DISCOVERY_MODE PRE_TEST)
+    PROPERTIES TIMEOUT 60 DISCOVERY_MODE PRE_TEST)

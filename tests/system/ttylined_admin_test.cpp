@@ -428,16 +428,29 @@ TEST_F(TtylinedAdmin, AHoldKeepsAReportWaitingUntilTheRelease)
 TEST_F(TtylinedAdmin, AHoldIsObeyedByWhatComesAfterIt)
 {
     start();
+    run.out.reset();
+    /* Their records keep the daemon busy between its wait and the last one. */
+    std::vector<unique_fd> busy;
+    for (int i = 0; i < 8; i++) {
+        busy.push_back(client());
+    }
     const unique_fd fd = client();
+    const tty_cmsg junk = with_flag(listen_request(1, 6), 0x4);
+    const std::vector<tty_cmsg> much(320, junk);
     for (int i = 1; i <= 50; i++) {
-        /* Each on a connection that nobody has accepted yet. */
+        for (const unique_fd &other : busy) {
+            ASSERT_TRUE(
+                send_bytes(other.fd, much.data(), much.size() * sizeof junk));
+        }
+        ASSERT_TRUE(send_record(fd, junk));
+        usleep(static_cast<useconds_t>(20 * i));
+        /* On a connection that nobody has accepted yet. */
         ASSERT_TRUE(tell(hold(1586, 0)));
-        ASSERT_TRUE(report(fd, 6, 7));
+        ASSERT_TRUE(report(fd, 6, i));
         ASSERT_TRUE(settled(fd)) << i;
         ASSERT_TRUE(tell(release()));
-        ASSERT_EQ(assigned(fd, 7), 258) << i;
+        ASSERT_EQ(assigned(fd, i), 258) << i;
         ASSERT_TRUE(send_record(fd, line_clean(258, 0)));
-        ASSERT_TRUE(settled(fd));
     }
 }
 
