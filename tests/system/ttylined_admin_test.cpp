@@ -52,17 +52,17 @@ static bytes release()
     return item(0x1000, 0);
 }
 
-static bool has(const std::string &text, const std::string &part)
+static bool has(const std::string &text, const std::string &piece)
 {
-    return text.find(part) != std::string::npos;
+    return text.find(piece) != std::string::npos;
 }
 
-static int count_of(const std::string &text, const std::string &part)
+static int count_of(const std::string &text, const std::string &piece)
 {
     int count = 0;
 
-    for (std::size_t at = text.find(part); at != std::string::npos;
-         at = text.find(part, at + 1)) {
+    for (std::size_t at = text.find(piece); at != std::string::npos;
+         at = text.find(piece, at + 1)) {
         count++;
     }
     return count;
