@@ -12,23 +12,18 @@
 // Line 258 is vty0.
 constexpr int FIRST_VTY = 258;
 constexpr int FAMILY_TIPC = 30;
-constexpr size_t ADDRESS_SIZE = 128;
 constexpr size_t IPV4_TEXT_SIZE = 16;
 constexpr size_t IPV6_TEXT_SIZE = 46;
 
-union peer_address {
-    struct sockaddr any;
-    struct sockaddr_in ipv4;
-    struct sockaddr_in6 ipv6;
-    char bytes[ADDRESS_SIZE];
-};
+static_assert(sizeof(struct sockaddr_storage) == 128, "any address fits");
 
-static bool get_peer(int sockfd, peer_address *address)
+static bool get_peer(int sockfd, struct sockaddr_storage *address)
 {
     socklen_t length = sizeof *address;
 
     memset(address, 0, sizeof *address);
-    const int result = getpeername(sockfd, &address->any, &length);
+    const int result = getpeername(
+        sockfd, reinterpret_cast<struct sockaddr *>(address), &length);
     if (result < 0) {
         const int error = errno;
         vc_debug_msg("vc: getpeername(%d) fail(%d), errno=%d %s\n", sockfd,
@@ -42,17 +37,22 @@ static bool get_peer(int sockfd, peer_address *address)
 // has one without text.
 static const char *address_text(int sockfd, char (&text)[IPV6_TEXT_SIZE])
 {
-    peer_address address;
+    struct sockaddr_storage address;
 
     if (!get_peer(sockfd, &address)) {
         return nullptr;
     }
-    switch (address.any.sa_family) {
+    switch (address.ss_family) {
     case AF_INET:
-        return inet_ntop(AF_INET, &address.ipv4.sin_addr, text, IPV4_TEXT_SIZE);
+        return inet_ntop(
+            AF_INET,
+            &reinterpret_cast<struct sockaddr_in *>(&address)->sin_addr, text,
+            IPV4_TEXT_SIZE);
     case AF_INET6:
-        return inet_ntop(AF_INET6, &address.ipv6.sin6_addr, text,
-                         IPV6_TEXT_SIZE);
+        return inet_ntop(
+            AF_INET6,
+            &reinterpret_cast<struct sockaddr_in6 *>(&address)->sin6_addr, text,
+            IPV6_TEXT_SIZE);
     case FAMILY_TIPC:
         return "";
     default:

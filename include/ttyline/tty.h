@@ -53,7 +53,8 @@ extern "C" {
  *        refused
  * value  text to store; may be empty, must not be null. It is stored as it
  *        is: a line feed in it splits its line of the file. Key and value
- *        together longer than 1021 characters are cut.
+ *        together longer than 1020 characters are cut and lose their line
+ *        end, so that the next key of the file runs into them.
  *
  * Returns 0, or -1 when the request is refused or the file could not be
  * replaced; the old content is then still in place. The file is written

@@ -1,6 +1,7 @@
 // The loop's phases when system calls fail, in a process of its own.
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -203,4 +204,37 @@ TEST_F(LoopTest, watched_descriptors_are_made_blocking)
             1);
     });
     EXPECT_TRUE(says("test: blocking\n"));
+}
+
+// Between the last look at the services and the wait: the signal is handled
+// and forgotten.
+TEST_F(LoopTest, a_wake_up_just_before_the_wait_is_seen_at_the_next_turn)
+{
+    run_loop([] {
+        fault::run(
+            "select", 1,
+            [] {
+                vc_deal_service_listen(false, 6);
+                vc_deal_service_listen(true, 6);
+                vc_debug_msg("test: woken\n");
+            },
+            1);
+    });
+    const int connection = accept4(inetd_, nullptr, nullptr, SOCK_CLOEXEC);
+    tty_cmsg record;
+    const auto next_record = [&](int milliseconds) {
+        pollfd one = {connection, POLLIN, 0};
+        return poll(&one, 1, milliseconds) == 1 &&
+               recv(connection, &record, sizeof record, MSG_WAITALL) ==
+                   static_cast<ssize_t>(sizeof record);
+    };
+    // The first announcement of both services.
+    ASSERT_TRUE(next_record(10000));
+    ASSERT_TRUE(next_record(10000));
+    ASSERT_TRUE(says("test: woken\n"));
+    EXPECT_FALSE(next_record(300));
+    kill(pid_, SIGHUP);
+    EXPECT_TRUE(next_record(10000));
+    EXPECT_TRUE(next_record(10000));
+    close(connection);
 }
