@@ -1,7 +1,8 @@
 /*
  * consoled: a login daemon that puts every connection on a terminal line of
  * its own, with a shell (or another program) behind it. Connections come in
- * on a TCP port over IPv4 and IPv6, on a unix path, or on both.
+ * on a TCP port over IPv4 and IPv6 and on a unix path; another unix path may
+ * lead to the line console, rl-con.
  *
  * It asks for no password and encrypts nothing: whoever gets in is the user
  * who runs it. Protect the path by the permissions of its directory, and the
@@ -30,8 +31,13 @@
 
 #include <ttyline/vc.h>
 
+#include "daemon_control.h"
 #include "daemon_relay.h"
 #include "daemon_util.h"
+
+static constexpr int protocol_port = 6;
+static constexpr int protocol_path = 7;
+static constexpr int protocol_inpath = 10;
 
 struct line {
     int sockfd;
@@ -176,7 +182,7 @@ static vc_reg describe_service(int family, uint32_t protocol)
 
 static void offer_port(int family, int port)
 {
-    vc_reg service = describe_service(family, 6);
+    vc_reg service = describe_service(family, protocol_port);
 
     service.listen_port = port;
     if (vc_service_reg(&service) != 0) {
@@ -186,7 +192,7 @@ static void offer_port(int family, int port)
 
 static void offer_path(const char *path)
 {
-    vc_reg service = describe_service(AF_UNIX, 7);
+    vc_reg service = describe_service(AF_UNIX, protocol_path);
 
     service.listen_path = path;
     if (vc_service_reg(&service) != 0) {
@@ -194,22 +200,43 @@ static void offer_path(const char *path)
     }
 }
 
+/*
+ * The console's terminal type is that of this process: the library starts the
+ * program itself.
+ */
+static void offer_inpath(const char *path)
+{
+    setenv("TERM", g_term.c_str(), 1);
+    if (vc_inpath_reg(path) != 0) {
+        errx(1, "cannot register in-path service %s", path);
+    }
+}
+
 static const char help[] =
     "usage: consoled [options] [program [argument ...]]\n"
     "  --port N            offer TCP port N (1 to 65535)\n"
     "  --path PATH         offer a unix path, at most 63 characters\n"
+    "  --inpath PATH       offer the line console on a unix path, at most 63\n"
+    "                      characters; runs rl-con, found through PATH\n"
+    "  --control PATH      take commands on a unix path that only this user\n"
+    "                      can open; send it 'help'\n"
     "  --allow ADDR[/BITS] let only these peers in on the port; repeatable\n"
     "  --no-ipv4           offer the port over IPv6 only\n"
     "  --no-ipv6           offer the port over IPv4 only\n"
     "  --term TERM         terminal type of the sessions (vt100)\n"
     "  --help              print this\n"
-    "At least one of --port and --path is needed. Without a program each\n"
-    "session is a login shell. There is no password: whoever gets in is the\n"
-    "user who runs consoled.\n";
+    "At least one of --port, --path and --inpath is needed. Without a program\n"
+    "each session is a login shell. There is no password: whoever gets in is\n"
+    "the user who runs consoled.\n"
+    "What passes on a line of --inpath is written to .vc_dump.txt in the\n"
+    "runtime directory as it is, passwords included. Keep that directory\n"
+    "($TMPDIR/mng/tty) closed to others: mode 0700.\n";
 
 struct options {
     int port;
     const char *path;
+    const char *inpath;
+    const char *control;
     bool ipv4;
     bool ipv6;
 };
@@ -257,6 +284,15 @@ static void parse_option(int letter, options &chosen)
     case 'u':
         chosen.path = parse_path(optarg);
         break;
+    case 'i':
+        if (chosen.inpath != nullptr) {
+            refuse(optarg, "only one --inpath can be offered");
+        }
+        chosen.inpath = parse_path(optarg);
+        break;
+    case 'c':
+        chosen.control = optarg;
+        break;
     case 'a':
         g_allowed.push_back(parse_allow(optarg));
         break;
@@ -282,13 +318,15 @@ static options parse_command_line(int argc, char **argv)
 {
     static const option known[] = {{"port", required_argument, nullptr, 'p'},
                                    {"path", required_argument, nullptr, 'u'},
+                                   {"inpath", required_argument, nullptr, 'i'},
+                                   {"control", required_argument, nullptr, 'c'},
                                    {"allow", required_argument, nullptr, 'a'},
                                    {"no-ipv4", no_argument, nullptr, '4'},
                                    {"no-ipv6", no_argument, nullptr, '6'},
                                    {"term", required_argument, nullptr, 't'},
                                    {"help", no_argument, nullptr, 'h'},
                                    {nullptr, 0, nullptr, 0}};
-    options chosen = {0, nullptr, true, true};
+    options chosen = {0, nullptr, nullptr, nullptr, true, true};
     int letter;
 
     /* The plus: what follows the program's name are its own options. */
@@ -296,8 +334,9 @@ static options parse_command_line(int argc, char **argv)
         parse_option(letter, chosen);
     }
     g_program.assign(argv + optind, argv + argc);
-    if (chosen.port == 0 && chosen.path == nullptr) {
-        refuse(argv[0], "neither --port nor --path given");
+    if (chosen.port == 0 && chosen.path == nullptr &&
+        chosen.inpath == nullptr) {
+        refuse(argv[0], "none of --port, --path and --inpath given");
     }
     if (chosen.port != 0 && !chosen.ipv4 && !chosen.ipv6) {
         refuse(argv[0], "--no-ipv4 and --no-ipv6 leave --port nothing");
@@ -305,13 +344,20 @@ static options parse_command_line(int argc, char **argv)
     return chosen;
 }
 
-int main(int argc, char **argv)
+/*
+ * The in-path service comes last: the first registration of the process
+ * installs no SIGCHLD handler when its protocol is 10. Every session would
+ * then be reaped only by the loop's own check, and one whose terminal is held
+ * open by a job that its program left behind would linger for up to a minute.
+ * With --inpath alone it is so; a console that ends closes its terminal, which
+ * wakes the loop.
+ */
+static std::vector<int> offer_services(const options &chosen)
 {
-    options chosen = parse_command_line(argc, argv);
+    std::vector<int> protocols;
 
-    openlog("consoled", LOG_PID, LOG_DAEMON);
-    if (!raise_descriptor_limit(watched_descriptors)) {
-        warn("cannot raise the limit on open descriptors");
+    if (chosen.port != 0) {
+        protocols.push_back(protocol_port);
     }
     if (chosen.port != 0 && chosen.ipv4) {
         offer_port(AF_INET, chosen.port);
@@ -320,7 +366,29 @@ int main(int argc, char **argv)
         offer_port(AF_INET6, chosen.port);
     }
     if (chosen.path != nullptr) {
+        protocols.push_back(protocol_path);
         offer_path(chosen.path);
+    }
+    if (chosen.inpath != nullptr) {
+        protocols.push_back(protocol_inpath);
+        offer_inpath(chosen.inpath);
+    }
+    return protocols;
+}
+
+int main(int argc, char **argv)
+{
+    options chosen = parse_command_line(argc, argv);
+    std::string error;
+
+    openlog("consoled", LOG_PID, LOG_DAEMON);
+    if (!raise_descriptor_limit(watched_descriptors)) {
+        warn("cannot raise the limit on open descriptors");
+    }
+    const std::vector<int> protocols = offer_services(chosen);
+    if (chosen.control != nullptr &&
+        !control_start(chosen.control, protocols, error)) {
+        errx(1, "%s", error.c_str());
     }
     vc_service_start();
     errx(1, "the session service did not start");

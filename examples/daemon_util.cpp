@@ -114,9 +114,13 @@ void make_terminal_sane(int fd)
         modes.c_lflag |= ICANON | ISIG | IEXTEN | ECHO | ECHOE | ECHOK;
         tcsetattr(fd, TCSANOW, &modes);
     }
-    size.ws_row = 24;
-    size.ws_col = 80;
-    ioctl(fd, TIOCSWINSZ, &size);
+    /* A terminal that has a size keeps it: a user sits in front of it. */
+    if (ioctl(fd, TIOCGWINSZ, &size) == 0 && size.ws_row == 0 &&
+        size.ws_col == 0) {
+        size.ws_row = 24;
+        size.ws_col = 80;
+        ioctl(fd, TIOCSWINSZ, &size);
+    }
 }
 
 bool raise_descriptor_limit(unsigned most)

@@ -35,9 +35,9 @@ void close_descriptors_from(int lowest);
 void close_listed_descriptors(int lowest);
 
 /*
- * Gives the terminal on fd the modes and the size that an ordinary shell
- * expects. The session service hands it over with line editing, echo and
- * carriage-return translation switched off.
+ * Gives the terminal on fd the modes that an ordinary shell expects, and a
+ * size when it has none. The session service hands it over with line editing,
+ * echo and carriage-return translation switched off.
  */
 void make_terminal_sane(int fd);
 

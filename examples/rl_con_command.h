@@ -1,0 +1,35 @@
+/*
+ * The commands of a line console.
+ */
+#ifndef TTYLINE_EXAMPLES_RL_CON_COMMAND_H
+#define TTYLINE_EXAMPLES_RL_CON_COMMAND_H
+
+#include <string>
+
+#include "rl_con_terminal.h"
+
+struct console {
+    unsigned line;
+    std::string device;
+    std::string peer;
+    terminal term;
+    bool done; /* set by the command that ends the console */
+};
+
+/*
+ * Runs one line as typed and prints its answer to standard output; of an
+ * empty line nothing comes.
+ */
+void run_command(console &c, const std::string &line);
+
+/*
+ * The text with everything that is not a printable ASCII character or is a
+ * backslash as \xNN or \\: what somebody stored must not drive the terminal.
+ */
+std::string printable(const std::string &text);
+
+/* Cuts the first word off the text, and the blanks on both sides of the rest.
+ */
+std::string take_word(std::string &text);
+
+#endif
