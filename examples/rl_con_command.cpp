@@ -8,8 +8,11 @@
 
 #include "tty/keys.h"
 
-/* Name and value together; the store would cut what is longer. */
-static constexpr size_t stored_max = 1021;
+/*
+ * Name and value together. The store cuts a line at 1023 bytes: of a longer
+ * pair the line end would be lost, and the key after it with that.
+ */
+static constexpr size_t stored_max = 1020;
 static constexpr int value_size = 1024;
 static const char blanks[] = " \t";
 
