@@ -17,6 +17,7 @@
  * All callbacks run on the one thread of vc_service_start(), which serves all
  * lines; what daemon_relay.h says about waiting holds for all of them.
  */
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -344,13 +345,29 @@ static options parse_command_line(int argc, char **argv)
     return chosen;
 }
 
+static void interrupt_wait(int number)
+{
+    (void)number;
+}
+
 /*
- * The in-path service comes last: the first registration of the process
- * installs no SIGCHLD handler when its protocol is 10. Every session would
- * then be reaped only by the loop's own check, and one whose terminal is held
- * open by a job that its program left behind would linger for up to a minute.
- * With --inpath alone it is so; a console that ends closes its terminal, which
- * wakes the loop.
+ * Without a SIGCHLD handler a process that has ended stays a zombie, and its
+ * session a session when something else holds its terminal open, until the
+ * loop comes by for another reason, within a minute. An empty handler
+ * interrupts the loop's wait, and the loop's own check does the rest.
+ */
+static void notice_ends_of_children()
+{
+    struct sigaction action = {};
+
+    action.sa_handler = interrupt_wait;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGCHLD, &action, nullptr);
+}
+
+/*
+ * The in-path service comes last: the session service installs no SIGCHLD
+ * handler when the protocol of the first registration of the process is 10.
  */
 static std::vector<int> offer_services(const options &chosen)
 {
@@ -370,6 +387,9 @@ static std::vector<int> offer_services(const options &chosen)
         offer_path(chosen.path);
     }
     if (chosen.inpath != nullptr) {
+        if (protocols.empty()) {
+            notice_ends_of_children();
+        }
         protocols.push_back(protocol_inpath);
         offer_inpath(chosen.inpath);
     }

@@ -125,8 +125,7 @@ static bool serve_line(console &c, int &result)
 
     switch (terminal_read_line(c.term, line)) {
     case typed::line:
-        run_command(c, line);
-        return !c.done;
+        return run_command(c, line);
     case typed::too_long:
         printf("line too long\n");
         return true;

@@ -49,7 +49,7 @@ std::string take_word(std::string &text)
 {
     text = trimmed(text);
     const size_t end = text.find_first_of(blanks);
-    const std::string word = text.substr(0, end);
+    std::string word = text.substr(0, end);
     text = end == std::string::npos ? "" : trimmed(text.substr(end));
     return word;
 }
@@ -97,7 +97,7 @@ static bool store_key(const console &c, const char *key,
     return true;
 }
 
-static void show(console &c, const std::string &arguments)
+static void show(const console &c, const std::string &arguments)
 {
     bool any = false;
     std::string value;
@@ -117,7 +117,7 @@ static void show(console &c, const std::string &arguments)
     }
 }
 
-static void get(console &c, const std::string &arguments)
+static void get(const console &c, const std::string &arguments)
 {
     std::string value;
 
@@ -131,7 +131,7 @@ static void get(console &c, const std::string &arguments)
     }
 }
 
-static void set(console &c, const std::string &arguments)
+static void set(const console &c, const std::string &arguments)
 {
     std::string value = arguments;
     const std::string key = take_word(value);
@@ -141,7 +141,7 @@ static void set(console &c, const std::string &arguments)
     }
 }
 
-static void reset(console &c, const std::string &arguments)
+static void reset(const console &c, const std::string &arguments)
 {
     (void)arguments;
     if (tty_reset_info(c.line) == 0) {
@@ -151,7 +151,7 @@ static void reset(console &c, const std::string &arguments)
     }
 }
 
-static void shell(console &c, const std::string &arguments)
+static void shell(const console &c, const std::string &arguments)
 {
     (void)arguments;
     if (!terminal_run_shell(c.term)) {
@@ -159,7 +159,7 @@ static void shell(console &c, const std::string &arguments)
     }
 }
 
-static void login(console &c, const std::string &name)
+static void login(const console &c, const std::string &name)
 {
     if (!store_key(c, "LOGNAME", name)) {
         return;
@@ -171,13 +171,7 @@ static void login(console &c, const std::string &name)
     }
 }
 
-static void leave(console &c, const std::string &arguments)
-{
-    (void)arguments;
-    c.done = true;
-}
-
-static void help(console &c, const std::string &arguments);
+static void help(const console &c, const std::string &arguments);
 
 struct command {
     const char *name;
@@ -185,7 +179,8 @@ struct command {
     int least_words; /* after the name */
     int most_words;
     const char *purpose;
-    void (*run)(console &, const std::string &);
+    /* none: the console ends */
+    void (*run)(const console &, const std::string &);
 };
 
 static constexpr int any_number = -1;
@@ -198,10 +193,10 @@ static const command commands[] = {
     {"shell", "", 0, 0, "run your shell on the line", shell},
     {"login", "NAME", 1, 1, "store the user and report the login", login},
     {"help", "", 0, 0, "print this", help},
-    {"exit", "", 0, 0, "leave the line", leave},
+    {"exit", "", 0, 0, "leave the line", nullptr},
 };
 
-static void help(console &c, const std::string &arguments)
+static void help(const console &c, const std::string &arguments)
 {
     (void)c;
     (void)arguments;
@@ -228,25 +223,34 @@ static bool words_fit(const command &known, const std::string &arguments)
            (known.most_words == any_number || words <= known.most_words);
 }
 
-void run_command(console &c, const std::string &line)
+static const command *find_command(const std::string &name)
+{
+    for (const command &known : commands) {
+        if (name == known.name) {
+            return &known;
+        }
+    }
+    return nullptr;
+}
+
+bool run_command(const console &c, const std::string &line)
 {
     std::string arguments = line;
     const std::string name = take_word(arguments);
 
     if (name.empty()) {
-        return;
+        return true;
     }
-    for (const command &known : commands) {
-        if (name != known.name) {
-            continue;
-        }
-        if (words_fit(known, arguments)) {
-            known.run(c, arguments);
-        } else {
-            printf("usage: %s%s%s\n", known.name,
-                   *known.arguments == '\0' ? "" : " ", known.arguments);
-        }
-        return;
+    const command *known = find_command(name);
+    if (known == nullptr) {
+        printf("unknown command: %s (try help)\n", printable(name).c_str());
+    } else if (!words_fit(*known, arguments)) {
+        printf("usage: %s%s%s\n", known->name,
+               *known->arguments == '\0' ? "" : " ", known->arguments);
+    } else if (known->run == nullptr) {
+        return false;
+    } else {
+        known->run(c, arguments);
     }
-    printf("unknown command: %s (try help)\n", printable(name).c_str());
+    return true;
 }

@@ -13,14 +13,13 @@ struct console {
     std::string device;
     std::string peer;
     terminal term;
-    bool done; /* set by the command that ends the console */
 };
 
 /*
- * Runs one line as typed and prints its answer to standard output; of an
- * empty line nothing comes.
+ * Runs one line as typed and prints its answer to standard output; an empty
+ * line has none. False when the console is to end.
  */
-void run_command(console &c, const std::string &line);
+bool run_command(const console &c, const std::string &line);
 
 /*
  * The text with everything that is not a printable ASCII character or is a

@@ -85,6 +85,8 @@ void terminal_begin(terminal &t)
 
     t.type = type != nullptr && *type != '\0' ? type : "vt100";
     t.shell_umask = choose_umask();
+    t.held.clear();
+    t.taken = 0;
     t.after_return = false;
     prepare_session_child(t.type.c_str());
     keep_interrupts();
@@ -124,21 +126,43 @@ static bool wait_for_input(int fd)
     return true;
 }
 
-/* typed::line says that there is a byte. */
-static typed read_byte(int fd, char &byte)
+/*
+ * A terminal gives a line at a time, and a line in pieces would mix with the
+ * next one when Ctrl-C throws the rest of it away. Elsewhere what follows the
+ * line may be meant for the shell.
+ */
+static typed read_more(terminal &t)
 {
+    char bytes[typed_line_max];
+    const size_t most = t.has_modes ? sizeof bytes : 1;
+
     for (;;) {
-        if (!wait_for_input(fd)) {
+        if (!wait_for_input(t.fd)) {
             return typed::interrupted;
         }
-        const ssize_t got = read(fd, &byte, 1);
+        const ssize_t got = read(t.fd, bytes, most);
         if (got >= 0) {
+            t.held.assign(bytes, static_cast<size_t>(got));
+            t.taken = 0;
             return got > 0 ? typed::line : typed::end;
         }
         if (errno != EAGAIN && errno != EINTR) {
             return typed::failure;
         }
     }
+}
+
+/* typed::line says that there is a byte. */
+static typed take_byte(terminal &t, char &byte)
+{
+    if (t.taken == t.held.size()) {
+        const typed result = read_more(t);
+        if (result != typed::line) {
+            return result;
+        }
+    }
+    byte = t.held[t.taken++];
+    return typed::line;
 }
 
 /*
@@ -153,14 +177,13 @@ static bool second_half_of_end(terminal &t, char byte)
     return after_return && byte == '\n';
 }
 
-/* One byte at a time: what follows the line may be meant for the shell. */
 typed terminal_read_line(terminal &t, std::string &line)
 {
     char byte = 0;
 
     line.clear();
     for (;;) {
-        const typed result = read_byte(t.fd, byte);
+        const typed result = take_byte(t, byte);
         if (result == typed::end && !line.empty()) {
             byte = '\n';
         } else if (result != typed::line) {

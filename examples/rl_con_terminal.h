@@ -15,8 +15,10 @@
 constexpr std::size_t typed_line_max = 4096;
 
 struct terminal {
-    int fd;             /* lines are read here */
-    bool has_modes;     /* standard input is a terminal */
+    int fd;           /* lines are read here */
+    bool has_modes;   /* standard input is a terminal */
+    std::string held; /* read, the first bytes of it taken */
+    size_t taken;
     bool after_return;  /* the last line ended with a carriage return */
     termios found;      /* modes at the start, put back at the end */
     termios usual;      /* modes at the prompt, put back after the shell */

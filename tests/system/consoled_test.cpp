@@ -213,6 +213,30 @@ TEST_F(Consoled, runs_the_line_console_for_an_in_path_client)
     }));
 }
 
+// In a session whose terminal something else holds open, no end of file tells
+// the loop.
+TEST_F(Consoled, notices_the_end_of_the_console_when_its_terminal_stays_open)
+{
+    start({"--inpath", path("/inpath")});
+    permit_next();
+    int client = -1;
+    const int pid = log_in_path(&client);
+    ASSERT_GT(pid, 0);
+    const std::string greeting = read_until(client, "rl-con 300> ");
+    const size_t at = greeting.find("/dev/pts/");
+    ASSERT_NE(at, std::string::npos) << greeting;
+    const std::string device = greeting.substr(at, greeting.find(',', at) - at);
+    const int held = open(device.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_GE(held, 0) << device;
+    ASSERT_TRUE(write_all(client, "exit\n"));
+    EXPECT_TRUE(ended(client));
+    const auto clean = connection.receive();
+    ASSERT_TRUE(clean);
+    EXPECT_EQ(clean->pid, pid);
+    close(held);
+    close(client);
+}
+
 TEST_F(Consoled, ends_the_line_console_of_a_client_that_hangs_up)
 {
     start({"--inpath", path("/inpath")});

@@ -585,13 +585,8 @@ TEST_F(RlCon, survives_interruptions_at_any_moment)
     for (int i = 0; i < 200; i++) {
         terminal.type("get LOGNAME\n\x03");
     }
-    // What was typed before the last one may be gone: ask until it answers.
-    EXPECT_TRUE(eventually([&] {
-        terminal.type("frob\n");
-        struct pollfd one = {terminal.slave(), POLLIN, 0};
-        poll(&one, 1, 20);
-        return kill(console->pid(), 0) == 0;
-    }));
+    // Nothing of what was thrown away may stick to it.
+    terminal.type("frob\n");
     terminal.expect("unknown command: frob");
     terminal.type("exit\n");
     EXPECT_EQ(console->exit_code(), 0);
