@@ -6,8 +6,8 @@
  * session only when something else wakes it. A signal whose default ends the
  * process ends it from any thread.
  *
- * The thread uses neither stdio nor syslog(3): the loop's thread forks, and a
- * lock that is held at that moment stays locked in the child.
+ * The thread itself uses neither stdio nor syslog(3): the loop's thread forks,
+ * and a lock that is held at that moment stays locked in the child.
  */
 #include "daemon_control.h"
 

@@ -682,6 +682,44 @@ TEST_F(RlCon, keeps_the_users_umask_and_terminal_type_by_hand)
     terminal.expect("xterm\r\n");
 }
 
+TEST_F(RlCon, works_as_a_job_of_a_users_shell)
+{
+    console = std::make_unique<Program>("/bin/sh",
+                                        std::vector<std::string>{"-i"}, [&] {
+                                            hand_over(terminal.slave());
+                                            setenv("PS1", "user> ", 1);
+                                        });
+    termios usual = terminal.modes_now();
+    usual.c_iflag |= ICRNL;
+    usual.c_lflag |= ICANON | ECHO;
+    terminal.set_modes(usual);
+    terminal.expect("user> ");
+    const pid_t users_shell = console->pid();
+    terminal.type(std::string(RL_CON_PATH) + " -n 300\n");
+    terminal.expect(PROMPT);
+    const pid_t job = terminal.foreground();
+    EXPECT_NE(job, users_shell);
+
+    terminal.type("shell\n");
+    const pid_t shell = next_foreground(job);
+    terminal.type("echo shell-$((40+2)); exit\n");
+    terminal.expect("shell-42\r\n");
+    terminal.expect(PROMPT);
+    EXPECT_NE(shell, job);
+    EXPECT_EQ(terminal.foreground(), job);
+    terminal.type("\x1a");
+    terminal.expect("user> ");
+    EXPECT_EQ(terminal.foreground(), users_shell);
+    terminal.type("fg\n");
+    EXPECT_TRUE(eventually([&] {
+        return terminal.foreground() == job;
+    }));
+    EXPECT_EQ(answer("get LOGNAME"), "LOGNAME is not stored\r\n");
+    terminal.type("exit\n");
+    terminal.expect("user> ");
+    EXPECT_EQ(terminal.modes_now().c_lflag, usual.c_lflag);
+}
+
 TEST_F(RlCon, works_without_a_terminal)
 {
     int code = -1;
