@@ -128,6 +128,13 @@ class RlCon : public SystemTest
         setenv("PS1", "", 1);
     }
 
+    // It must not write into a runtime directory that is being removed.
+    void TearDown() override
+    {
+        console.reset();
+        SystemTest::TearDown();
+    }
+
     // As the session service leaves the child that runs it.
     static void hand_over(int slave)
     {
