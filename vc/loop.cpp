@@ -90,10 +90,19 @@ static bool relayed(uint32_t protocol)
            protocol != 11;
 }
 
+// A number that is not open, as an assignment that comes too late may name
+// one, would make every wait fail at once and so stop all other sessions.
 static void watch(loop_state *loop, int fd)
 {
-    read_set_add(&loop->set, fd);
+    const int saved_errno = errno;
+
+    errno = 0;
     vc_set_bk(fd, true);
+    if (errno != EBADF) {
+        read_set_add(&loop->set, fd);
+    }
+    // A time-out looks at what the calls before it have left.
+    errno = saved_errno;
 }
 
 // Sessions whose process has ended are torn down on the way.

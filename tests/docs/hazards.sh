@@ -7,6 +7,7 @@ cd "$1"
 sources=$(cat tests/unit/*.cpp tests/system/*.cpp | tr '\n' ' ' |
     grep -oE 'TEST(_F)?\([A-Za-z0-9]+, *[A-Za-z0-9_]+\)' |
     sed -E 's/TEST(_F)?\(([A-Za-z0-9]+), *([A-Za-z0-9_]+)\)/\2.\3/')
+# shellcheck disable=SC2016  # the backquotes are the documents'
 named=$(grep -oE '`[A-Za-z]+\.[A-Za-z0-9_]+`' docs/hazards.md | tr -d '`' |
     grep -vE '\.(cpp|h|md)$')
 [ "$(wc -l <<<"$named")" -ge 20 ]

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -601,4 +602,47 @@ TEST_F(SystemTest, an_idle_loop_sleeps)
     // Nothing is logged, so nothing is connected, accepted or read.
     EXPECT_TRUE(connection.silent(500));
     EXPECT_EQ(log(), before);
+}
+
+// As an answer to a client that has gone names one: every wait that watched
+// it would fail at once.
+TEST_F(SystemTest, a_line_for_a_closed_descriptor_does_not_stop_the_others)
+{
+    FakeInetd inetd;
+    const std::string name = path("/s");
+    Daemon daemon([&] {
+        add(relaying(AF_UNIX, 0, name.c_str(), 7));
+    });
+    InetdConnection connection = inetd.accept();
+    const Session session = log_in(&connection, [&] {
+        return connect_path(name);
+    });
+    ASSERT_GE(session.client, 0);
+    const auto numbers = daemon.descriptors();
+    tty_cmsg late = {};
+    late.vc_flag = 0x001;
+    late.ttyno = 301;
+    // The master of the new line takes the lowest free number, this is the
+    // highest that a small table of descriptors has room for.
+    late.sockfd = 63;
+    while (std::count(numbers.begin(), numbers.end(), late.sockfd) != 0) {
+        late.sockfd--;
+    }
+    late.socktype = AF_UNIX;
+    strcpy(late.path, name.c_str());
+    ASSERT_TRUE(connection.send(late));
+    const auto success = connection.receive();
+    ASSERT_TRUE(success);
+    EXPECT_EQ(success->vc_flag, 0x020u);
+    ASSERT_TRUE(write_all(session.client, "still here\n"));
+    EXPECT_EQ(read_until(session.client, "\n"), "> still here\r\n");
+    // The line itself can be cleared.
+    tty_cmsg clear = {};
+    clear.vc_flag = 0x002;
+    clear.ttyno = 301;
+    ASSERT_TRUE(connection.send(clear));
+    const auto clean = connection.receive();
+    ASSERT_TRUE(clean);
+    EXPECT_EQ(clean->ttyno, 301);
+    close(session.client);
 }

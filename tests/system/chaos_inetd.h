@@ -1,0 +1,58 @@
+// An inetd that serves as it should most of the time and otherwise does its
+// worst, on a thread of its own.
+#pragma once
+
+#include <atomic>
+#include <random>
+#include <set>
+#include <thread>
+
+#include "fake_inetd.h"
+
+class ChaosInetd
+{
+  public:
+    explicit ChaosInetd(unsigned int seed);
+    ~ChaosInetd();
+    ChaosInetd(const ChaosInetd &) = delete;
+    ChaosInetd &operator=(const ChaosInetd &) = delete;
+
+    // Not before the daemon has been forked.
+    void start();
+    // While it is calm it does only what an inetd should do.
+    void calm_down(bool calm)
+    {
+        calm_ = calm;
+    }
+
+    // Even while sessions can be relied on; the number changes with every
+    // harm that is done to them. A session that began and ended in the same
+    // even epoch had no excuse to fail.
+    int epoch() const
+    {
+        return epoch_;
+    }
+    int cleans() const
+    {
+        return cleans_;
+    }
+
+  private:
+    void run();
+    void serve(InetdConnection *connection);
+    void answer(InetdConnection *connection, const tty_cmsg &record);
+    void give_line(InetdConnection *connection, const tty_cmsg &report);
+    void tease(InetdConnection *connection, const tty_cmsg &record);
+    void harm(InetdConnection *connection);
+    unsigned int roll(unsigned int sides);
+
+    FakeInetd inetd_;
+    std::minstd_rand random_;
+    std::set<int> free_lines_;
+    tty_cmsg last_assigned_ = {};
+    std::atomic<bool> ending_{false};
+    std::atomic<bool> calm_{false};
+    std::atomic<int> epoch_{1};
+    std::atomic<int> cleans_{0};
+    std::thread thread_;
+};
