@@ -400,11 +400,18 @@ class SoakTest : public SystemTest
         return fewest;
     }
 
-    static bool comes_to_rest_at(const Daemon &daemon, size_t descriptors)
+    static testing::AssertionResult comes_to_rest_at(const Daemon &daemon,
+                                                     size_t descriptors)
     {
-        return eventually([&] {
-            return at_rest(daemon) == descriptors;
-        });
+        size_t now = 0;
+        if (eventually([&] {
+                return (now = at_rest(daemon)) == descriptors;
+            })) {
+            return testing::AssertionSuccess();
+        }
+        return testing::AssertionFailure()
+               << now << " descriptors and " << daemon.children().size()
+               << " children instead of " << descriptors << " and none";
     }
 
     bool all_answer() const
