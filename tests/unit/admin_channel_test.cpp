@@ -38,11 +38,30 @@ class AdminChannelTest : public AdminTest
                sigismember(&now, SIGPIPE) == 0;
     }
 
+    // Counts the messages in the log when a socket is closed.
+    static void watch_close(const std::string &root)
+    {
+        g_log = root + "/mng/tty/.tty_lib_dump.txt";
+        g_logged = -1;
+        fault::run(
+            "close", 1,
+            [] {
+                g_logged = static_cast<int>(support::lines_of(g_log).size());
+            },
+            1, fault::only_path("socket:"));
+    }
+
     static std::string pid_text()
     {
         return std::to_string(getpid());
     }
+
+    static std::string g_log;
+    static int g_logged; // -1: no socket was closed
 };
+
+std::string AdminChannelTest::g_log;
+int AdminChannelTest::g_logged;
 
 TEST_F(AdminChannelTest, connect_reaches_the_socket_in_the_runtime_directory)
 {
@@ -107,7 +126,10 @@ TEST_F(AdminChannelTest, a_path_of_100_characters_cannot_be_built)
     mkdir((root + "/mng").c_str(), 0777);
     mkdir((root + "/mng/tty").c_str(), 0777);
     setenv("TMPDIR", root.c_str(), 1);
+    watch_close(root);
     EXPECT_EQ(ttylib_connect(), -1);
+    EXPECT_EQ(g_logged, 0);
+    EXPECT_TRUE(kept_descriptors().empty());
     setenv("TMPDIR", runtime_dir.c_str(), 1);
     EXPECT_EQ(support::lines_of(root + "/mng/tty/.tty_lib_dump.txt").size(),
               1u);
@@ -134,8 +156,12 @@ TEST_F(AdminChannelTest, a_path_of_99_characters_is_tried)
 
 TEST_F(AdminChannelTest, an_absent_daemon_is_reported)
 {
+    watch_close(runtime_dir);
     EXPECT_EQ(ttylib_connect(), -1);
     EXPECT_EQ(log(), (messages{connect_failed(ENOENT)}));
+    // The reason stands in the log before the socket is closed.
+    EXPECT_EQ(g_logged, 1);
+    EXPECT_TRUE(kept_descriptors().empty());
 }
 
 TEST_F(AdminChannelTest, a_daemon_that_does_not_listen_is_reported)
@@ -185,6 +211,32 @@ TEST_F(AdminChannelTest, signals_are_blocked_while_a_request_is_sent)
     EXPECT_EQ(send_item(TTYLIB_TLV_RELEASE, 0), 0);
     EXPECT_FALSE(free_inside);
     EXPECT_TRUE(signals_are_free());
+}
+
+TEST_F(AdminChannelTest, the_connection_is_made_with_lock_and_signals_held)
+{
+    static bool free_inside;
+    static bool others_enter;
+    start();
+    free_inside = others_enter = true;
+    fault::run("connect", 1, [] {
+        free_inside = signals_are_free();
+        std::atomic<bool> entered{false};
+        std::thread other([&] {
+            tty_lib_lock();
+            entered = true;
+            tty_lib_unlock();
+        });
+        usleep(50000);
+        others_enter = entered;
+        // The lock is recursive and ours: this lets the other thread through.
+        tty_lib_unlock();
+        other.join();
+        tty_lib_lock();
+    });
+    EXPECT_EQ(send_item(TTYLIB_TLV_RELEASE, 0), 0);
+    EXPECT_FALSE(free_inside);
+    EXPECT_FALSE(others_enter);
 }
 
 TEST_F(AdminChannelTest, a_lost_daemon_stays_lost)

@@ -248,9 +248,11 @@ TEST_F(AdminOperationTest, a_hold_out_of_range_is_refused_before_connecting)
     EXPECT_EQ(tty_hold_line(1587, 1801), -1);
     EXPECT_EQ(tty_hold_line(0, 1801), -1);
     EXPECT_EQ(tty_hold_line(static_cast<unsigned int>(-1), 0), -1);
+    EXPECT_EQ(tty_hold_line(0, static_cast<unsigned int>(-1)), -1);
     EXPECT_EQ(log(), (messages{"ttylib: param err, except_ttyno is 1587\n",
                                "ttylib: param err, hold_time is 1801\n",
-                               "ttylib: param err, except_ttyno is -1\n"}));
+                               "ttylib: param err, except_ttyno is -1\n",
+                               "ttylib: param err, hold_time is -1\n"}));
     EXPECT_FALSE(someone_waits());
     EXPECT_EQ(tty_hold_line(0, 0), 0);
 }
@@ -291,6 +293,23 @@ TEST_F(AdminOperationTest, a_hold_that_cannot_be_sent_counts)
     EXPECT_EQ(tty_hold_line(300, 60), -1);
     EXPECT_EQ(log(), (messages{send_failed(EIO),
                                "ttylib: locked request has sent.\n"}));
+}
+
+// A thread that gets the lock next must find the hold counted.
+TEST_F(AdminOperationTest, a_hold_counts_before_signals_and_lock_are_free)
+{
+    static int second;
+    start();
+    second = 0;
+    fault::run(
+        "pthread_sigmask", 1,
+        [] {
+            second = tty_hold_line(301, 60);
+        },
+        1, fault::only_what(SIG_SETMASK));
+    EXPECT_EQ(tty_hold_line(300, 60), 0);
+    EXPECT_EQ(second, -1);
+    EXPECT_EQ(log(), (messages{"ttylib: locked request has sent.\n"}));
 }
 
 TEST_F(AdminOperationTest, a_release_is_sent_without_a_hold)
@@ -453,6 +472,22 @@ TEST_F(AdminOperationTest, a_directory_in_place_of_the_file_enables_nothing)
 {
     ASSERT_EQ(mkdir(path("/mng/tty/.service_cur.txt").c_str(), 0777), 0);
     EXPECT_EQ(tty_get_service(4), 0);
+    // It can be opened for reading, which is all that is asked of it.
+    EXPECT_TRUE(log().empty());
+}
+
+TEST_F(AdminOperationTest, a_service_file_path_of_99_characters_fits)
+{
+    const std::string name = "/mng/tty/.service_cur.txt";
+    const std::string root =
+        path("/") + std::string(99 - path("/").size() - name.size(), 'd');
+    mkdir(root.c_str(), 0777);
+    mkdir((root + "/mng").c_str(), 0777);
+    mkdir((root + "/mng/tty").c_str(), 0777);
+    support::spill(root + name, "8");
+    setenv("TMPDIR", root.c_str(), 1);
+    EXPECT_EQ(tty_get_service(3), 1);
+    setenv("TMPDIR", runtime_dir.c_str(), 1);
 }
 
 TEST_F(AdminOperationTest, a_service_file_path_that_does_not_fit_is_reported)

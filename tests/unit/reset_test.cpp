@@ -79,18 +79,23 @@ TEST_F(ResetTest, reserved_lines_are_reset_too)
     EXPECT_TRUE(support::exists(info(80001)));
 }
 
+// Fails at each key in turn: those before it are reset, it and those after it
+// are not.
 TEST_F(ResetTest, a_failure_leaves_the_later_keys_untouched)
 {
-    for (const char *name :
-         {"LOGNAME", "SOCKADDR", "RL_TIMEOUT", "PEERNAME", "TTYPID", "IDLE"}) {
-        ASSERT_EQ(tty_setenv(300, name, "77"), 0);
-    }
-    // Each of the sets replaces the file once.
-    fault::fail("rename", 3, EIO);
-    EXPECT_EQ(tty_reset_info(300), -1);
-    EXPECT_EQ(get("LOGNAME"), "(none)");
-    EXPECT_EQ(get("SOCKADDR"), "(none)");
-    for (const char *name : {"RL_TIMEOUT", "PEERNAME", "TTYPID", "IDLE"}) {
-        EXPECT_EQ(get(name), "77") << name;
+    const std::vector<std::string> names = {
+        "LOGNAME", "SOCKADDR", "RL_TIMEOUT", "PEERNAME", "TTYPID",
+        "LOGSUCC", "MTYPE",    "SESSIONID",  "IDLE"};
+    for (size_t failing = 0; failing < names.size(); failing++) {
+        for (const std::string &name : names) {
+            ASSERT_EQ(tty_setenv(300, name.c_str(), "77"), 0);
+        }
+        // Each of the sets replaces the file once.
+        fault::fail("rename", static_cast<int>(failing) + 1, EIO);
+        EXPECT_EQ(tty_reset_info(300), -1);
+        for (size_t i = 0; i < names.size(); i++) {
+            EXPECT_EQ(get(names[i].c_str()) == "77", i >= failing)
+                << names[i] << " when " << names[failing] << " fails";
+        }
     }
 }
