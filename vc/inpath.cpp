@@ -74,12 +74,23 @@ int vc_inpath_alloc_func(int ttyno, int inetd_fd, int sockfd, int master_fd)
     return 0;
 }
 
+// Logs why a transfer ends. The relay logs errno once more: a log that cannot
+// be opened must not put its own reason there.
+static int end_transfer(const char *step, int fd)
+{
+    const int error = errno;
+
+    vc_debug_msg("vc: %s %s %d fail %s\r\n", "vc_inpath_transfer_msg", step, fd,
+                 strerror(error));
+    errno = error;
+    return -1;
+}
+
 // Returns whether there may be more to read.
 static bool pass_on(int to, const char *chunk, int length)
 {
     if (tty_write(to, chunk, length) < 1) {
-        vc_debug_msg("vc: %s write %d fail %s\r\n", "vc_inpath_transfer_msg",
-                     to, strerror(errno));
+        end_transfer("write", to);
         return false;
     }
     vc_debug_msg("vc: %s write %d %.*s \r\n", "vc_inpath_transfer_msg", length,
@@ -105,15 +116,11 @@ int vc_inpath_transfer_msg(int from, int to)
                 return -1;
             }
         } else if (got == 0) {
-            vc_debug_msg("vc: %s read %d fail %s\r\n", "vc_inpath_transfer_msg",
-                         from, strerror(errno));
-            return -1;
+            return end_transfer("read", from);
         } else if (errno == EAGAIN) {
             return 0;
         } else if (errno != EINTR) {
-            vc_debug_msg("vc: %s read1 %d fail %s\r\n",
-                         "vc_inpath_transfer_msg", from, strerror(errno));
-            return -1;
+            return end_transfer("read1", from);
         }
     }
 }

@@ -2,6 +2,8 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -205,6 +207,14 @@ TEST_F(InpathTest, alloc_refuses_bad_lines_and_descriptors)
     EXPECT_EQ(sessions(), 0);
 }
 
+TEST_F(InpathTest, descriptor_0_is_one_like_others)
+{
+    ASSERT_EQ(vc_inpath_alloc_func(300, 0, 0, 0), 0);
+    const int closes = fault::result("close", 1, 0, 3, fault::only_fd(0));
+    vc_inpath_clean_resource(300);
+    EXPECT_EQ(fault::seen(closes), 3);
+}
+
 TEST_F(InpathTest, alloc_without_memory_fails)
 {
     fault::fail("calloc", 1, ENOMEM);
@@ -336,6 +346,21 @@ TEST_F(InpathTest, a_failed_read_ends_the_transfer)
                      " fail " + strerror(EIO) + "\r\n"}));
 }
 
+// The relay logs errno after the callback has failed.
+TEST_F(InpathTest, a_log_that_cannot_be_opened_keeps_the_reason)
+{
+    fault::fail("open", 1, EMFILE, fault::ALWAYS,
+                fault::only_path(".vc_dump.txt"));
+    fault::fail("read", 1, EIO, 1, fault::only_fd(sockfd_));
+    errno = 0;
+    EXPECT_EQ(vc_inpath_transfer_msg(sockfd_, master_fd_), -1);
+    EXPECT_EQ(errno, EIO);
+    ASSERT_TRUE(type(client_[1], "text"));
+    fault::fail("write", 1, ENOSPC, 1, fault::only_fd(master_fd_));
+    EXPECT_EQ(vc_inpath_transfer_msg(sockfd_, master_fd_), -1);
+    EXPECT_EQ(errno, ENOSPC);
+}
+
 TEST_F(InpathTest, an_interrupted_read_is_done_again)
 {
     ASSERT_TRUE(type(client_[1], "text"));
@@ -386,11 +411,12 @@ TEST_F(InpathTest, kill_of_a_bad_line_fails)
 static std::vector<int> g_closed;
 static int g_expected[3];
 
+// One decimal digit for each, 1 when it is open.
 static void look_what_is_open()
 {
     int open_ones = 0;
     for (const int fd : g_expected) {
-        open_ones += is_open(fd) ? 1 : 0;
+        open_ones = 10 * open_ones + (is_open(fd) ? 1 : 0);
     }
     g_closed.push_back(open_ones);
 }
@@ -411,7 +437,7 @@ TEST_F(InpathTest, clean_resource_closes_inetd_master_and_client)
                              fault::only_fd(sockfd_));
                   vc_inpath_clean_resource(300);
                   look_what_is_open();
-                  return g_closed == std::vector<int>{3, 2, 1, 0} &&
+                  return g_closed == std::vector<int>{111, 11, 1, 0} &&
                          !is_open(inetd_fd_) && sessions() == 1;
               }),
               0);
@@ -477,6 +503,27 @@ TEST_F(InpathTest, the_console_of_a_session_gets_its_peer)
     vc_child_clear_all();
 }
 
+TEST_F(InpathTest, the_console_gets_the_longest_peer_whole)
+{
+    int status = -1;
+    vc_child child = {};
+    child.ttyno = 300;
+    child.sockfd = sockfd_;
+    child.reg.protocol = 10;
+    vc_child_install(300, &child);
+    install_console("for a in \"$@\"; do echo \"[$a]\"; done >" +
+                    path("/arguments"));
+    sockaddr_in6 peer = {};
+    peer.sin6_family = AF_INET6;
+    memset(&peer.sin6_addr, 0x11, sizeof peer.sin6_addr);
+    fault::name("getpeername", 1, &peer, sizeof peer);
+    shell(300, "/dev/pts/9", &status);
+    EXPECT_EQ(support::slurp(path("/arguments")),
+              "[-n 300]\n[-t /dev/pts/9]\n"
+              "[-i ins(1111:1111:1111:1111:1111:1111:1111:1111)]\n");
+    vc_child_clear_all();
+}
+
 TEST_F(InpathTest, the_console_does_not_inherit_the_sessions_descriptors)
 {
     int status = -1;
@@ -503,6 +550,25 @@ TEST_F(InpathTest, a_console_that_cannot_be_found_is_reported)
                          std::string(strerror(ENOENT)) + "\n",
                      "vc:tel_shell_func over\n"}));
     EXPECT_EQ(status, 0);
+}
+
+// The child ends with exit(): what the daemon has registered is run.
+TEST_F(InpathTest, a_shell_that_ends_runs_the_exit_handlers)
+{
+    static const char *note;
+    const std::string name = path("/exited");
+    int status = -1;
+    note = name.c_str();
+    setenv("PATH", "/nonexistent", 1);
+    for (const int ttyno : {300, 1586}) {
+        shell(ttyno, "/dev/pts/9", &status, [] {
+            atexit([] {
+                support::spill(note, "");
+            });
+        });
+        EXPECT_TRUE(support::exists(name)) << ttyno;
+        unlink(note);
+    }
 }
 
 TEST_F(InpathTest, without_memory_for_the_arguments_nothing_is_executed)

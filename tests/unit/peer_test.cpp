@@ -111,6 +111,21 @@ TEST_F(PeerTest, the_longest_ipv6_address_fits)
     EXPECT_EQ(peer(1585), "web(1111:2222:3333:4444:5555:6666:7777:8888)");
 }
 
+TEST_F(PeerTest, the_longest_ipv4_address_fits)
+{
+    session(258, 4);
+    peer_is_ipv4("192.168.100.200");
+    EXPECT_EQ(peer(258), "vty0(192.168.100.200)");
+}
+
+TEST_F(PeerTest, a_peer_without_a_name_has_no_address)
+{
+    session(258, 4);
+    // Nothing is written into the buffer then.
+    peer_is(AF_INET, 0);
+    EXPECT_EQ(peer(258), "vty0");
+}
+
 TEST_F(PeerTest, a_tipc_peer_has_empty_parentheses)
 {
     session(263, 3);
