@@ -207,19 +207,11 @@ static char *make_argument(const char *option, const char *value)
     return argument;
 }
 
-static void run_console(int ttyno, const char *ttydev)
+// Returns only when the program cannot be executed.
+static void execute_console(char **argv, int ttyno, const char *ttydev)
 {
-    char *argv[] = {nullptr, nullptr, nullptr, nullptr, nullptr};
-    char number[NUMBER_SIZE];
     char peer[PEER_SIZE] = {};
 
-    (void)snprintf(number, sizeof number, "%d", ttyno);
-    argv[0] = strdup(CONSOLE_PROGRAM);
-    argv[1] = make_argument("-n", number);
-    argv[2] = make_argument("-t", ttydev);
-    if (argv[0] == nullptr || argv[1] == nullptr || argv[2] == nullptr) {
-        return;
-    }
     if (vc_service_peer(ttyno, peer, sizeof peer) != nullptr) {
         argv[3] = make_argument("-i", peer);
         if (argv[3] == nullptr) {
@@ -231,6 +223,23 @@ static void run_console(int ttyno, const char *ttydev)
     execvp(CONSOLE_PROGRAM, argv);
     vc_debug_msg("vc: can't execute program, %s not found, err: %s\n",
                  CONSOLE_PROGRAM, strerror(errno));
+}
+
+static void run_console(int ttyno, const char *ttydev)
+{
+    char *argv[] = {nullptr, nullptr, nullptr, nullptr, nullptr};
+    char number[NUMBER_SIZE];
+
+    (void)snprintf(number, sizeof number, "%d", ttyno);
+    argv[0] = strdup(CONSOLE_PROGRAM);
+    argv[1] = make_argument("-n", number);
+    argv[2] = make_argument("-t", ttydev);
+    if (argv[0] != nullptr && argv[1] != nullptr && argv[2] != nullptr) {
+        execute_console(argv, ttyno, ttydev);
+    }
+    for (char *argument : argv) {
+        free(argument);
+    }
 }
 
 int vc_inpath_shell_func(int ttyno, const char *ttydev)
