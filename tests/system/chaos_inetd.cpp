@@ -4,6 +4,8 @@
 
 #include <ttyline/vc.h>
 
+#include "daemon.h"
+
 constexpr int FIRST_LINE = 258;
 constexpr int LAST_LINE = 1148;
 constexpr int LOOK_MS = 20;
@@ -32,6 +34,14 @@ void ChaosInetd::start()
     thread_ = std::thread(&ChaosInetd::run, this);
 }
 
+bool ChaosInetd::restart()
+{
+    restarting_ = true;
+    return eventually([&] {
+        return !restarting_ && epoch_ % 2 == 0;
+    });
+}
+
 unsigned int ChaosInetd::roll(unsigned int sides)
 {
     return static_cast<unsigned int>(random_() % sides);
@@ -56,7 +66,7 @@ void ChaosInetd::serve(InetdConnection *connection)
         free_lines_.insert(line);
     }
     epoch_ += epoch_ % 2;
-    while (!ending_) {
+    while (!ending_ && !restarting_) {
         if (connection->silent(LOOK_MS)) {
             continue;
         }
@@ -75,6 +85,7 @@ void ChaosInetd::serve(InetdConnection *connection)
         }
     }
     epoch_ += 1 - epoch_ % 2;
+    restarting_ = false;
 }
 
 void ChaosInetd::give_line(InetdConnection *connection, const tty_cmsg &report)

@@ -25,6 +25,10 @@ class ChaosInetd
         calm_ = calm;
     }
 
+    // Ends the connection of the daemon and waits for the next one; false
+    // when none comes.
+    bool restart();
+
     // Even while sessions can be relied on; the number changes with every
     // harm that is done to them. A session that began and ended in the same
     // even epoch had no excuse to fail.
@@ -52,6 +56,7 @@ class ChaosInetd
     tty_cmsg last_assigned_ = {};
     std::atomic<bool> ending_{false};
     std::atomic<bool> calm_{false};
+    std::atomic<bool> restarting_{false};
     std::atomic<int> epoch_{1};
     std::atomic<int> cleans_{0};
     std::thread thread_;

@@ -139,6 +139,19 @@ std::vector<int> Daemon::descriptors() const
     return numbers;
 }
 
+int Daemon::terminals() const
+{
+    int count = 0;
+    std::error_code gone;
+    const std::string name = "/proc/" + std::to_string(pid_) + "/fd";
+
+    for (const auto &entry : std::filesystem::directory_iterator(name)) {
+        const auto target = std::filesystem::read_symlink(entry, gone);
+        count += !gone && target.filename() == "ptmx" ? 1 : 0;
+    }
+    return count;
+}
+
 bool Daemon::settles_at(size_t count) const
 {
     // A log file is open for an instant now and then.

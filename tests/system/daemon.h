@@ -49,6 +49,8 @@ class Daemon
     bool alive() const;
     // Numbers of its open descriptors.
     std::vector<int> descriptors() const;
+    // How many of them are masters of pseudo-terminals.
+    int terminals() const;
     // Waits until it has as many descriptors as given.
     bool settles_at(size_t descriptors) const;
     // Its child processes that have not been reaped.
