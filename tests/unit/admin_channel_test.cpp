@@ -120,17 +120,11 @@ TEST_F(AdminChannelTest, a_send_buffer_that_cannot_be_set_is_only_reported)
 TEST_F(AdminChannelTest, a_path_of_100_characters_cannot_be_built)
 {
     const std::string name = "/mng/tty/.tty_rl";
-    const std::string root =
-        path("/") + std::string(100 - path("/").size() - name.size(), 'd');
-    mkdir(root.c_str(), 0777);
-    mkdir((root + "/mng").c_str(), 0777);
-    mkdir((root + "/mng/tty").c_str(), 0777);
-    setenv("TMPDIR", root.c_str(), 1);
+    const std::string root = move_runtime_directory(name, 100);
     watch_close(root);
     EXPECT_EQ(ttylib_connect(), -1);
     EXPECT_EQ(g_logged, 0);
     EXPECT_TRUE(kept_descriptors().empty());
-    setenv("TMPDIR", runtime_dir.c_str(), 1);
     EXPECT_EQ(support::lines_of(root + "/mng/tty/.tty_lib_dump.txt").size(),
               1u);
     EXPECT_NE(support::slurp(root + "/mng/tty/.tty_lib_dump.txt")
@@ -141,14 +135,8 @@ TEST_F(AdminChannelTest, a_path_of_100_characters_cannot_be_built)
 TEST_F(AdminChannelTest, a_path_of_99_characters_is_tried)
 {
     const std::string name = "/mng/tty/.tty_rl";
-    const std::string root =
-        path("/") + std::string(99 - path("/").size() - name.size(), 'd');
-    mkdir(root.c_str(), 0777);
-    mkdir((root + "/mng").c_str(), 0777);
-    mkdir((root + "/mng/tty").c_str(), 0777);
-    setenv("TMPDIR", root.c_str(), 1);
+    const std::string root = move_runtime_directory(name, 99);
     EXPECT_EQ(ttylib_connect(), -1);
-    setenv("TMPDIR", runtime_dir.c_str(), 1);
     EXPECT_NE(support::slurp(root + "/mng/tty/.tty_lib_dump.txt")
                   .find(" " + connect_failed(ENOENT)),
               std::string::npos);

@@ -3,6 +3,7 @@
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -28,6 +29,7 @@ class AdminTest : public tty_test
     // it goes, so that any other descriptor left open is noticed.
     void TearDown() override
     {
+        setenv("TMPDIR", runtime_dir.c_str(), 1);
         stop();
         drop_connection();
         const auto kept = kept_descriptors();
@@ -37,6 +39,20 @@ class AdminTest : public tty_test
             close(std::stoi(one));
         }
         tty_test::TearDown();
+    }
+
+    // Moves the runtime directory to one below, in which the path of this name
+    // has the given length; returns it.
+    std::string move_runtime_directory(const std::string &name, size_t length)
+    {
+        const std::string root =
+            path("/") +
+            std::string(length - path("/").size() - name.size(), 'd');
+        for (const char *part : {"", "/mng", "/mng/tty"}) {
+            mkdir((root + part).c_str(), 0777);
+        }
+        setenv("TMPDIR", root.c_str(), 1);
+        return root;
     }
 
     std::vector<std::string> kept_descriptors() const

@@ -479,28 +479,16 @@ TEST_F(AdminOperationTest, a_directory_in_place_of_the_file_enables_nothing)
 TEST_F(AdminOperationTest, a_service_file_path_of_99_characters_fits)
 {
     const std::string name = "/mng/tty/.service_cur.txt";
-    const std::string root =
-        path("/") + std::string(99 - path("/").size() - name.size(), 'd');
-    mkdir(root.c_str(), 0777);
-    mkdir((root + "/mng").c_str(), 0777);
-    mkdir((root + "/mng/tty").c_str(), 0777);
+    const std::string root = move_runtime_directory(name, 99);
     support::spill(root + name, "8");
-    setenv("TMPDIR", root.c_str(), 1);
     EXPECT_EQ(tty_get_service(3), 1);
-    setenv("TMPDIR", runtime_dir.c_str(), 1);
 }
 
 TEST_F(AdminOperationTest, a_service_file_path_that_does_not_fit_is_reported)
 {
     const std::string name = "/mng/tty/.service_cur.txt";
-    const std::string root =
-        path("/") + std::string(100 - path("/").size() - name.size(), 'd');
-    mkdir(root.c_str(), 0777);
-    mkdir((root + "/mng").c_str(), 0777);
-    mkdir((root + "/mng/tty").c_str(), 0777);
-    setenv("TMPDIR", root.c_str(), 1);
+    const std::string root = move_runtime_directory(name, 100);
     EXPECT_EQ(tty_get_service(4), 0);
-    setenv("TMPDIR", runtime_dir.c_str(), 1);
     EXPECT_NE(support::slurp(root + "/mng/tty/.tty_lib_dump.txt")
                   .find(" ttylib:tty_get_service make path "
                         "/mng/tty/.service_cur.txt fail\r\n"),
