@@ -39,9 +39,11 @@ constexpr uint32_t MARK = 0x7e7e7e00;
 constexpr uint32_t MARK_OWN = 0x7e7e7e7e;
 constexpr size_t STEP_LIMIT = 28;
 constexpr size_t RECORD_SIZE = sizeof(tty_cmsg);
-// How much arrives: nothing at all, an error, a part, or the whole.
+// How much arrives: nothing at all, an error, a part, or the whole; and then
+// whether another thread stops the protocol in the middle of a permit.
 constexpr uint8_t ARRIVES_ERROR = 1;
 constexpr uint8_t ARRIVES_WHOLE = 16;
+constexpr uint8_t ARRIVES_AND_STOPS = 17;
 
 constexpr uint32_t LISTEN_FAULTS = kernel::FAIL_SOCKET | kernel::FAIL_CLOEXEC |
                                    kernel::FAIL_BIND | kernel::FAIL_LISTEN |
@@ -102,6 +104,8 @@ struct outcome {
 static vc_srv *services[SERVICES];
 static std::vector<int> killed;
 static bool tangled;
+// The protocol that another thread stops, -1 for none.
+static int stopped_meanwhile;
 
 static bool same(const session_state &a, const session_state &b)
 {
@@ -183,6 +187,7 @@ static void start_afresh()
 {
     kernel::reset();
     tangled = false;
+    stopped_meanwhile = -1;
     killed.clear();
     for (size_t i = 0; i < SERVICES; i++) {
         services[i]->listen_fd = -1;
@@ -411,7 +416,8 @@ static void expect_listener(outcome *expected, const tty_cmsg &msg,
         if (of_protocol(i, msg) && of_family(i, msg) &&
             (by_path ? on_path(i, path_of(msg)) : on_port(i, msg))) {
             service_state &service = expected->state.services[i];
-            expected->opens = service.fd < 0;
+            expected->opens = service.fd < 0 &&
+                              (by_path || (service.flags & SRV_STOPPED) == 0);
             expected->opened = i;
             if (expected->opens) {
                 service.flags |= SRV_ANNOUNCED;
@@ -448,12 +454,25 @@ static void expect_no_listener(outcome *expected, const tty_cmsg &msg,
     }
 }
 
+static void expect_stop_by_daemon(outcome *expected, int protocol)
+{
+    for (size_t i = 0; i < SERVICES; i++) {
+        service_state &service = expected->state.services[i];
+        if (static_cast<int>(endpoints[i].protocol) == protocol &&
+            (service.flags & SRV_CLOSED) == 0) {
+            service.fd = -1;
+            service.flags = SRV_CLOSED | SRV_STOPPED;
+        }
+    }
+}
+
 static void expect_permit(outcome *expected, const tty_cmsg &msg, bool by_path,
                           uint32_t failing)
 {
     if ((!by_path && refused(msg)) || msg.pid != getpid()) {
         return;
     }
+    expect_stop_by_daemon(expected, stopped_meanwhile);
     if (can_listen(msg, by_path, failing)) {
         expect_listener(expected, msg, by_path);
     } else {
@@ -590,11 +609,17 @@ static void check(const outcome &expected, int result, const picture &before,
     check_kill_callbacks(before, after, msg);
 }
 
+static void stop_by_daemon()
+{
+    vc_deal_service_listen(false, stopped_meanwhile);
+}
+
 static int deal(const void *bytes, size_t size, uint32_t failing)
 {
     kernel::now.incoming = bytes;
     kernel::now.incoming_size = size;
     kernel::now.failing = failing;
+    kernel::now.on_socket = stopped_meanwhile >= 0 ? stop_by_daemon : nullptr;
     killed.clear();
     kernel::now.on = true;
     const int result = vc_deal_msg(kernel::inetd());
@@ -695,8 +720,10 @@ static void deliver(fuzz::input *in)
     memcpy(&msg, bytes.data(), sizeof msg);
     resolve(&msg, before);
     tangled = tangled || tangles(msg, before);
+    stopped_meanwhile = arrives == ARRIVES_AND_STOPS ? msg.protocol : -1;
     const outcome expected = expect(before, msg, failing);
     const int result = deal(&msg, sizeof msg, failing);
+    stopped_meanwhile = -1;
     check(expected, result, before, msg, failing);
 }
 

@@ -16,6 +16,8 @@ namespace fuzz
 
 constexpr size_t GUARD = 64;
 constexpr char PATTERN = 0x5a;
+// More than the libraries ever hold open during a call.
+constexpr int HELD_AT_ONCE = 8;
 
 void fail(const char *condition, const char *file, int line)
 {
@@ -134,12 +136,20 @@ void spill(const std::string &path, const std::string &content)
     FUZZ_CHECK(file.good());
 }
 
-int next_descriptor()
+int free_descriptor()
 {
-    const int fd = fcntl(0, F_DUPFD_CLOEXEC, 0);
+    // A program may have been started without a standard input to duplicate.
+    static const int any = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    int taken[HELD_AT_ONCE + 1];
 
-    close(fd);
-    return fd;
+    for (int &fd : taken) {
+        fd = fcntl(any, F_DUPFD_CLOEXEC, 0);
+        FUZZ_CHECK(fd >= 0);
+    }
+    for (const int fd : taken) {
+        close(fd);
+    }
+    return taken[HELD_AT_ONCE];
 }
 
 guarded::guarded(size_t size) : bytes_(size + 2 * GUARD, PATTERN), size_(size)

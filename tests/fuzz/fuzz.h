@@ -53,9 +53,9 @@ std::string runtime_directory();
 std::string slurp(const std::string &path);
 void spill(const std::string &path, const std::string &content);
 
-// The number that the next descriptor will have: unequal before and after
-// when one was left open or closed once too often.
-int next_descriptor();
+// The number of a free descriptor, behind as many free ones as the libraries
+// ever use at once: unequal before and after when one of them was left open.
+int free_descriptor();
 
 // A buffer of any size, filled with a pattern, between two guards.
 class guarded

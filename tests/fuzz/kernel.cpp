@@ -163,6 +163,9 @@ static int open_socket(int family)
     const bool known = family == AF_UNIX || family == AF_INET ||
                        family == AF_INET6 || family == AF_TIPC;
 
+    if (now.on_socket != nullptr) {
+        now.on_socket();
+    }
     return known ? open_failing(FAIL_SOCKET, EMFILE, kind::socket)
                  : failed(EAFNOSUPPORT);
 }

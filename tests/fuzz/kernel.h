@@ -55,6 +55,9 @@ struct state {
     // What the next recv() delivers.
     const void *incoming;
     size_t incoming_size;
+    // Called when the service makes a socket, as another thread may be at work
+    // then; may be null.
+    void (*on_socket)();
     // What the inetd has received, records and the beginning of one.
     std::vector<uint8_t> sent;
     // Closes of a descriptor that was open once and is not any more.

@@ -228,7 +228,7 @@ static void check_message(const std::string &path, bool service, off_t before,
 {
     const bool trace = (in_the_way & TRACE) != 0 && !service;
     const bool dropped = trace && (in_the_way & TRACE_WANTED) == 0;
-    const int next = fuzz::next_descriptor();
+    const int free_before = fuzz::free_descriptor();
 
     FUZZ_CHECK(truncate(path.c_str(), before) == 0);
     system_log.clear();
@@ -242,7 +242,7 @@ static void check_message(const std::string &path, bool service, off_t before,
     FUZZ_CHECK(service || error == number);
     check_file(path, before, !dropped && (in_the_way & CANNOT_OPEN) == 0, line);
     check_system_log(service, line);
-    FUZZ_CHECK(fuzz::next_descriptor() == next);
+    FUZZ_CHECK(fuzz::free_descriptor() == free_before);
 }
 
 struct dump_files {

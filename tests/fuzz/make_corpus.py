@@ -95,6 +95,9 @@ def dispatch_seeds():
         "session_clear": SESSION + deliver(record(2, ttyno=LINE)),
         "clear_other_line": accept() + deliver(assign(400)) +
         deliver(record(2, ttyno=400)),
+        "clear_edges": b"".join(
+            deliver(assign(line, entry=255, accept_id=9)) +
+            deliver(record(2, ttyno=line)) for line in (258, 321, 322)),
         "line_taken": SESSION + accept(2) + deliver(assign()),
         "line_no_session": accept() + deliver(assign(12)),
         "line_out_of_range": accept() + deliver(assign(1600)) + accept() +
@@ -147,6 +150,9 @@ def dispatch_seeds():
         "reaped": SESSION + end_process() + deliver(record(2, ttyno=LINE)),
         "stopped_by_daemon": deliver(permit(0)) + control(1, 6) +
         deliver(permit(0)) + control(0, 6) + deliver(permit(0)),
+        "stopped_meanwhile": deliver(permit(0), arrives=17) +
+        deliver(permit(4, 0x080), arrives=17) +
+        deliver(permit(2), 0x0002, arrives=17),
         "moved": deliver(permit(0)) + control(2, 6, 23, 24) +
         deliver(permit(0, 0x408)) + SESSION,
         "answers_unsent": accept() + deliver(assign(), 0x0200) +
@@ -259,6 +265,7 @@ def request_seeds():
         "session_timeout": request([(0x20, 300), (0x80, 60)], b"\7"),
         "exec_timeout": request([(0x20, 300), (0x100, 60)], b"\10"),
         "hold": request([(0x20, 1586), (0x800, 1800)], b"\11"),
+        "hold_no_line": request([(0x20, 1587), (0x800, 1800)], b"\17"),
         "hold_too_long": request([(0x20, 1587), (0x800, 1801)], b"\17"),
         "release": request([(0x1000, 0)], b"\1"),
         "full": request([(0x1000, 0)] * 8),

@@ -12,7 +12,7 @@
 #include "tty/info_file.h"
 #include "vc/message.h"
 
-constexpr size_t SIZE_LIMIT = 600;
+constexpr unsigned int SIZE_LIMIT = 600;
 constexpr size_t TEXT_LIMIT = 2048;
 constexpr uint8_t UNSET = 1;
 constexpr uint8_t NO_BUFFER = 2;

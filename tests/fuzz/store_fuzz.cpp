@@ -255,14 +255,14 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const job j = read_job(&in);
     const std::string path = path_of(place, j.ttyno);
     put_file(j, path);
-    const int next = fuzz::next_descriptor();
+    const int free_before = fuzz::free_descriptor();
     if (j.has_file) {
         check_get(j, j.content, j.key);
         FUZZ_CHECK(fuzz::slurp(path) == j.content);
     }
     check_refusals(j, path);
     check_set(j, path);
-    FUZZ_CHECK(fuzz::next_descriptor() == next);
+    FUZZ_CHECK(fuzz::free_descriptor() == free_before);
     FUZZ_CHECK(!signals_blocked());
     return 0;
 }
