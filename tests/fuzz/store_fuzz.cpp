@@ -39,6 +39,50 @@ struct job {
     std::string content;
 };
 
+// The store reads byte by byte. Here one system call fetches the whole file
+// for it, which makes a run many times as fast; nothing else reads from the
+// descriptor, so where the kernel believes it to be does not matter.
+static struct {
+    int fd = -1;
+    size_t at;
+    size_t size;
+    char bytes[2 * FILE_LIMIT];
+} ahead;
+
+extern "C" {
+ssize_t __real_read(int fd, void *buf, size_t size);
+ssize_t __wrap_read(int fd, void *buf, size_t size);
+int __real_close(int fd);
+int __wrap_close(int fd);
+}
+
+ssize_t __wrap_read(int fd, void *buf, size_t size)
+{
+    if (size != 1) {
+        return __real_read(fd, buf, size);
+    }
+    if (ahead.fd != fd) {
+        const ssize_t got = __real_read(fd, ahead.bytes, sizeof ahead.bytes);
+        FUZZ_CHECK(got >= 0 && static_cast<size_t>(got) < sizeof ahead.bytes);
+        ahead.size = static_cast<size_t>(got);
+        ahead.at = 0;
+        ahead.fd = fd;
+    }
+    if (ahead.at == ahead.size) {
+        return 0;
+    }
+    *static_cast<char *>(buf) = ahead.bytes[ahead.at++];
+    return 1;
+}
+
+int __wrap_close(int fd)
+{
+    if (fd == ahead.fd) {
+        ahead.fd = -1;
+    }
+    return __real_close(fd);
+}
+
 static std::vector<std::string> pieces_of(const std::string &content)
 {
     static const std::string ends("\n\0", 2);
