@@ -122,7 +122,7 @@ void ttylib_unset_sigproc(void)
 
 void ttylib_enter(void)
 {
-    tty_lib_lock_init();
+    // Makes sure of the mutex itself.
     tty_lib_lock();
     ttylib_set_sigproc();
 }

@@ -80,6 +80,7 @@ static void fill_endpoint(tty_cmsg *msg, const vc_reg *reg)
 
 static void fill_request(tty_cmsg *msg, const vc_reg *reg)
 {
+    msg->pid = getpid();
     msg->tos = reg->tos_func != nullptr ? reg->tos_func() : -1;
     fill_kind(msg, reg);
     msg->socktype = reg->socket_type;
@@ -124,7 +125,6 @@ int vc_open_listen(int inetd_fd)
 {
     tty_cmsg msg = {};
 
-    msg.pid = getpid();
     vc_rlock();
     const int result = announce_all(inetd_fd, &msg);
     vc_unlock();
