@@ -214,6 +214,8 @@ def store_seeds():
         "prefix_key2": store("AUTHOR_CMD", "AUTHOR_CMD1",
                              b"AUTHOR_CMD1=1\r\n", b"3"),
         "twice": store("IDLE", "LOGNAME", idle + name + b"IDLE=20\r\n", b"5"),
+        "grows": store("IDLE", "LOGNAME", b"IDLE=\n" * 200 + name, b"z" * 900,
+                       length=0x80 + 57),
         "no_equals": store("LOGNAME", "IDLE", b"LOGNAME\r\nIDLE\r\n", b"a"),
         "no_line_end": store("IDLE", "LOGNAME", b"LOGNAME=alice", b"5"),
         "one_character": store("IDLE", "LOGNAME", b"LOGNAME=a\r\nIDLE=5",

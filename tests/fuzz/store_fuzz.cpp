@@ -46,7 +46,8 @@ static struct {
     int fd = -1;
     size_t at;
     size_t size;
-    char bytes[2 * FILE_LIMIT];
+    // A set may replace each line by one of full length.
+    char bytes[512 * FILE_LIMIT];
 } ahead;
 
 extern "C" {
