@@ -3,6 +3,8 @@ install(TARGETS tty vc tty_static vc_static EXPORT ttyline-targets
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(FILES include/ttyline/tty.h include/ttyline/vc.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ttyline)
+# The pages of the programs are installed with the programs.
+install(DIRECTORY man/man3 man/man7 DESTINATION ${CMAKE_INSTALL_MANDIR})
 
 # Package files name everything relative to themselves, so that an installed
 # tree can be moved.
