@@ -41,6 +41,26 @@ check_keys() {
         complain "tty(7) has other keys than the library"
 }
 
+# Kinds of records and of items, as numbers: same WHAT EXPECTED DESCRIBED
+same() {
+    [ -n "$2" ] && diff <(sort -u <<<"$2") <(sort -u <<<"$3") ||
+        complain "$1 has other numbers than the header"
+}
+
+check_numbers() {
+    # 0x408 is two bits in one record.
+    same "vc(7)" \
+        "$(sed -nE 's/^#define VC_FLAG_[A-Z_]+ (0x[0-9a-f]+)u$/\1/p' \
+            "$source/include/ttyline/vc.h")" \
+        "$(sed -nE 's/^\.It (0x[0-9a-f]+) Ta .*/\1/p' \
+            "$source/man/man7/vc.7" | grep -vx 0x408)"
+    same "tty(7)" \
+        "$(sed -nE 's/^constexpr .*TTYLIB_TLV_.* = (0x[0-9a-f]+);$/\1/p' \
+            "$source/tty/admin_channel.h")" \
+        "$(sed -nE 's/^\.It (0x[0-9a-f]+) Ta .*/\1/p' \
+            "$source/man/man7/tty.7")"
+}
+
 help_of() {
     "$1" --help
     if [ "$(basename "$1")" = ttyctl ]; then
@@ -92,6 +112,7 @@ scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 check_symbols
 check_keys
+check_numbers
 for program in "$@"; do
     check_program "$program"
     [ "$(basename "$program")" != ttyctl ] || check_commands "$program"
