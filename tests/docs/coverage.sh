@@ -43,7 +43,8 @@ check_keys() {
 
 # Kinds of records and of items, as numbers: same WHAT EXPECTED DESCRIBED
 same() {
-    [ -n "$2" ] && diff <(sort -u <<<"$2") <(sort -u <<<"$3") ||
+    [ -n "$2" ] || complain "no numbers for $1 found in the header"
+    diff <(sort -u <<<"$2") <(sort -u <<<"$3") ||
         complain "$1 has other numbers than the header"
 }
 

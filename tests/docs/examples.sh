@@ -72,8 +72,10 @@ sed -nE 's/^\.It ([0-9]+) Ta ([0-9]+) Ta Fa ([a-z_]+) Ta .*/\1 \2 \3/p' \
     echo '#include <stddef.h>'
     echo '#include <ttyline/vc.h>'
     while read -r offset size field; do
-        echo "extern char at_${field}[offsetof(tty_cmsg, $field) == $offset ? 1 : -1];"
-        echo "extern char of_${field}[sizeof ((tty_cmsg *)0)->$field == $size ? 1 : -1];"
+        echo "extern char at_${field}["
+        echo "    offsetof(tty_cmsg, $field) == $offset ? 1 : -1];"
+        echo "extern char of_${field}["
+        echo "    sizeof ((tty_cmsg *)0)->$field == $size ? 1 : -1];"
     done <"$scratch/fields"
     echo "extern char record[sizeof(tty_cmsg) == 156 ? 1 : -1];"
 } >"$scratch/record.c"

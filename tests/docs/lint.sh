@@ -16,7 +16,8 @@ elsewhere=' cfsetospeed.3 fcntl.2 printf.3 setsockopt.2 syslog.3 waitpid.2 '
 count=0
 for page in man?/*; do
     section=${page##*.}
-    [ "${page%%/*}" = "man$section" ] || complain "$page: in the wrong directory"
+    [ "${page%%/*}" = "man$section" ] ||
+        complain "$page: in the wrong directory"
     if [ "$(head -c 4 "$page")" = ".so " ]; then
         target=$(sed -n 's/^\.so //p' "$page")
         [ -f "$target" ] || complain "$page: leads to $target, which is absent"
@@ -27,8 +28,9 @@ for page in man?/*; do
     fi
     count=$((count + 1))
     mandoc -T lint -W warning "$page" || status=1
-    grep -qx "\.Dt $(basename "$page" ".$section" | tr '[:lower:]' '[:upper:]') $section" \
-        "$page" || complain "$page: another title than the file's name"
+    title=$(basename "$page" ".$section" | tr '[:lower:]' '[:upper:]')
+    grep -qx "\.Dt $title $section" "$page" ||
+        complain "$page: another title than the file's name"
     while read -r name number; do
         [ -f "man$number/$name.$number" ] ||
             [[ $elsewhere == *" $name.$number "* ]] ||
