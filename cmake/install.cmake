@@ -30,3 +30,13 @@ foreach(face IN ITEMS tty vc)
   install(FILES ${PROJECT_BINARY_DIR}/lib${face}.pc
           DESTINATION ${pkgconfig_dir})
 endforeach()
+
+# Units of the example daemons, with the paths of this installation.
+if(TTYLINE_BUILD_EXAMPLES)
+  foreach(unit IN ITEMS ttylined consoled)
+    configure_file(systemd/ttyline-${unit}.service.in
+        ttyline-${unit}.service @ONLY)
+    install(FILES ${PROJECT_BINARY_DIR}/ttyline-${unit}.service
+            DESTINATION lib/systemd/system)
+  endforeach()
+endif()
