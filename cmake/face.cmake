@@ -38,4 +38,12 @@ function(ttyline_face name)
         $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
         $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   endforeach()
+
+  if(TTYLINE_COVERAGE)
+    target_link_options(${name} PRIVATE -fprofile-instr-generate)
+    # Whole and in one order in every program: programs whose profiles are
+    # alike in size but not in order would be taken for one another.
+    target_link_options(${name}_static INTERFACE -fprofile-instr-generate
+        "SHELL:-Wl,--whole-archive,$<TARGET_FILE:${name}_static>,--no-whole-archive")
+  endif()
 endfunction()

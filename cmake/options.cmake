@@ -13,17 +13,6 @@ if(TTYLINE_SANITIZE)
   target_link_options(ttyline_options INTERFACE
       -fsanitize=${TTYLINE_SANITIZE})
 endif()
-if(TTYLINE_COVERAGE)
-  if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
-    target_compile_options(ttyline_options INTERFACE
-        -fprofile-instr-generate -fcoverage-mapping)
-    target_link_options(ttyline_options INTERFACE -fprofile-instr-generate)
-  else()
-    target_compile_options(ttyline_options INTERFACE --coverage)
-    target_link_options(ttyline_options INTERFACE --coverage)
-  endif()
-endif()
-
 # Built from plain C++ with nothing of the C++ library in it: linked as C, so
 # that a stray need for it fails the link instead of appearing in readelf -d.
 # CMake would add the C++ library to such a link by name; programs written in
@@ -33,3 +22,12 @@ add_library(ttyline_core_options INTERFACE)
 target_link_libraries(ttyline_core_options INTERFACE ttyline_options)
 target_compile_options(ttyline_core_options INTERFACE
     -fno-exceptions -fno-rtti)
+if(TTYLINE_COVERAGE)
+  # The counters lie in the mapped profile itself, so that a process that is
+  # killed, or forked and never ends by itself, has counted all the same.
+  # Threads and processes share them: an increment that is lost would appear
+  # as a branch taken, as some counts are differences of others.
+  target_compile_options(ttyline_core_options INTERFACE
+      -fprofile-instr-generate -fcoverage-mapping -fprofile-update=atomic
+      -mllvm -runtime-counter-relocation)
+endif()
