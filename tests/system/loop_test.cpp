@@ -419,6 +419,41 @@ TEST_F(SystemTest, a_step_with_data_left_over_is_called_again_until_done)
     close(session.client);
 }
 
+static int leave_some_then_fail(int)
+{
+    char buf[64];
+    static int calls;
+    static_cast<void>(recv(g_left, buf, sizeof buf, MSG_DONTWAIT));
+    errno = EAGAIN;
+    return ++calls == 1 ? 1 : -1;
+}
+
+TEST_F(SystemTest, a_step_that_fails_when_tried_again_ends_its_session)
+{
+    FakeInetd inetd;
+    const int port = free_port(AF_INET);
+    Daemon daemon([&] {
+        vc_reg reg = relaying(AF_INET, port, nullptr, 6);
+        reg.read_func = leave_some_then_fail;
+        reg.alloc_func = remember;
+        add(reg);
+    });
+    InetdConnection connection = inetd.accept();
+    const Session session = log_in(&connection, [&] {
+        return connect_port(AF_INET, port);
+    });
+    ASSERT_GE(session.client, 0);
+    ASSERT_TRUE(write_all(session.client, "x"));
+    const auto clean = connection.receive();
+    ASSERT_TRUE(clean);
+    EXPECT_EQ(clean->vc_flag, 0x002u);
+    EXPECT_EQ(clean->pid, session.pid);
+    EXPECT_TRUE(logged("vc in data ret 1.\r\n"));
+    EXPECT_EQ(log().find("vc in1 data"), std::string::npos);
+    EXPECT_TRUE(ended(session.client));
+    close(session.client);
+}
+
 TEST_F(SystemTest, sessions_of_protocols_4_5_and_11_are_not_relayed)
 {
     FakeInetd inetd;
@@ -444,6 +479,49 @@ TEST_F(SystemTest, sessions_of_protocols_4_5_and_11_are_not_relayed)
         // Neither the data nor the end of the connection is looked at.
         EXPECT_TRUE(connection.silent(200));
         EXPECT_TRUE(process_runs(session.pid));
+    }
+}
+
+// A machine that has no TIPC cannot accept these connections; their sessions
+// are given one of another service.
+TEST_F(SystemTest, sessions_of_protocols_3_and_8_are_not_relayed)
+{
+    FakeInetd inetd;
+    const int port = free_port(AF_INET);
+    const int tipc_port = 1;
+    g_session_program = [](int, const char *) -> int {
+        // The connection is the program's own.
+        for (;;) {
+            pause();
+        }
+    };
+    for (const unsigned int protocol : {3u, 8u}) {
+        Daemon daemon([&] {
+            add(relaying(AF_INET, port, nullptr, 6));
+            add(relaying(AF_TIPC, tipc_port, nullptr, protocol));
+        });
+        InetdConnection connection = inetd.accept();
+        const auto request = connection.receive();
+        ASSERT_TRUE(request);
+        const auto tipc_request = connection.receive();
+        ASSERT_TRUE(tipc_request);
+        EXPECT_EQ(tipc_request->socktype, AF_TIPC);
+        ASSERT_TRUE(connection.permit(*request));
+        int client = -1;
+        ASSERT_TRUE(eventually([&] {
+            return (client = connect_port(AF_INET, port)) >= 0;
+        }));
+        auto report = connection.receive();
+        ASSERT_TRUE(report);
+        report->port = tipc_port;
+        ASSERT_TRUE(connection.assign(*report, 300));
+        const auto success = connection.receive();
+        ASSERT_TRUE(success);
+        EXPECT_EQ(success->vc_flag, 0x020u);
+        ASSERT_TRUE(write_all(client, "never read\n"));
+        close(client);
+        EXPECT_TRUE(connection.silent(200));
+        EXPECT_TRUE(process_runs(success->pid));
     }
 }
 
@@ -645,4 +723,34 @@ TEST_F(SystemTest, a_line_for_a_closed_descriptor_does_not_stop_the_others)
     ASSERT_TRUE(clean);
     EXPECT_EQ(clean->ttyno, 301);
     close(session.client);
+}
+
+// The record says so itself; there is nothing to watch then.
+TEST_F(SystemTest, a_line_without_a_connection_runs_until_it_is_cleared)
+{
+    FakeInetd inetd;
+    const std::string name = path("/s");
+    Daemon daemon([&] {
+        add(relaying(AF_UNIX, 0, name.c_str(), 7));
+    });
+    InetdConnection connection = inetd.accept();
+    ASSERT_TRUE(connection.receive());
+    tty_cmsg record = {};
+    record.vc_flag = 0x001;
+    record.ttyno = 301;
+    record.sockfd = -1;
+    record.socktype = AF_UNIX;
+    strcpy(record.path, name.c_str());
+    ASSERT_TRUE(connection.send(record));
+    const auto success = connection.receive();
+    ASSERT_TRUE(success);
+    EXPECT_EQ(success->vc_flag, 0x020u);
+    EXPECT_TRUE(connection.silent(100));
+    EXPECT_TRUE(process_runs(success->pid));
+    record.vc_flag = 0x002;
+    ASSERT_TRUE(connection.send(record));
+    const auto clean = connection.receive();
+    ASSERT_TRUE(clean);
+    EXPECT_EQ(clean->ttyno, 301);
+    EXPECT_EQ(clean->pid, success->pid);
 }

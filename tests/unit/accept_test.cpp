@@ -255,6 +255,18 @@ TEST_F(AcceptTest, a_unix_connection_carries_its_path_and_no_keepalive)
     EXPECT_STREQ(records[0].path, name_.c_str());
 }
 
+// Protocol 0 takes a unix service without a path.
+TEST_F(AcceptTest, a_unix_service_without_a_path_reports_none)
+{
+    listen_on(AF_UNIX, 0);
+    srv_.reg.listen_path = nullptr;
+    client();
+    EXPECT_EQ(vc_accept(inetd_fd_, &srv_), 0);
+    const auto records = sent();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_STREQ(records[0].path, "");
+}
+
 TEST_F(AcceptTest, a_long_registered_path_is_cut_in_the_report)
 {
     listen_on(AF_UNIX, 7);

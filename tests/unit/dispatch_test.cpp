@@ -426,6 +426,20 @@ TEST_F(DispatchTest, after_a_port_change_an_open_service_gets_its_listener)
     EXPECT_GE(service(0)->listen_fd, 0);
 }
 
+TEST_F(DispatchTest, after_a_port_change_only_the_service_of_the_port_counts)
+{
+    const int port = unused_port(AF_INET);
+    add(plain(AF_INET, 1, nullptr, 6));
+    add(plain(AF_INET, port, nullptr, 6));
+    service(0)->flags = SRV_CLOSED | SRV_ANNOUNCED;
+    service(1)->flags = SRV_ANNOUNCED;
+    tty_cmsg msg = permit(AF_INET, port, 6);
+    msg.vc_flag |= 0x400;
+    EXPECT_EQ(deal(msg), 0);
+    EXPECT_EQ(service(0)->listen_fd, -1);
+    EXPECT_GE(service(1)->listen_fd, 0);
+}
+
 TEST_F(DispatchTest, a_stopped_service_ignores_permits_silently)
 {
     const int port = unused_port(AF_INET);
@@ -505,6 +519,18 @@ TEST_F(DispatchTest, protocols_5_and_11_fail_together)
         vc_service_del(100 + failing);
         vc_service_del(200 + failing);
     }
+}
+
+TEST_F(DispatchTest, protocols_5_and_11_do_not_fail_with_another)
+{
+    add(plain(AF_INET, 23, nullptr, 5));
+    const int kept = dup(0);
+    service(0)->listen_fd = kept;
+    service(0)->flags = SRV_ANNOUNCED;
+    fault::fail("listen", 1, EADDRINUSE);
+    EXPECT_EQ(deal(permit(AF_INET, unused_port(AF_INET), 6)), -1);
+    EXPECT_TRUE(is_open(kept));
+    EXPECT_EQ(service(0)->flags, SRV_ANNOUNCED);
 }
 
 TEST_F(DispatchTest, sessions_survive_a_listener_that_fails)

@@ -467,6 +467,18 @@ TEST_F(Get, PathThatDoesNotFitGivesNullAndCreatesNothing)
     EXPECT_TRUE(std::filesystem::is_empty(prefix + "/mng/tty"));
 }
 
+TEST_F(Get, PrefixThatDoesNotFitGivesNull)
+{
+    std::string prefix = runtime_dir + "/";
+    prefix.append(110 - prefix.size(), 'd');
+    std::filesystem::create_directories(prefix + "/mng/tty");
+    setenv("TMPDIR", prefix.c_str(), 1);
+    // 110 + "/mng/tty/.tty_info" is 128.
+    EXPECT_EQ(get("HOME", 64), "(null)");
+    EXPECT_TRUE(cleared(64));
+    EXPECT_TRUE(std::filesystem::is_empty(prefix + "/mng/tty"));
+}
+
 TEST_F(Get, PathOf127CharactersFits)
 {
     std::string prefix = runtime_dir + "/";

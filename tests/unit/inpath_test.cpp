@@ -400,6 +400,18 @@ TEST_F(InpathTest, kill_frees_the_record_and_closes_nothing)
                      "vc: TTY[300] vc_inpath_kill_func success 1.\n"}));
 }
 
+TEST_F(InpathTest, kill_frees_the_record_of_its_line_only)
+{
+    ASSERT_EQ(alloc(300), 0);
+    ASSERT_EQ(alloc(301), 0);
+    EXPECT_EQ(vc_inpath_kill_func(301), 0);
+    EXPECT_EQ(sessions(), 1);
+    ASSERT_TRUE(type(client_[1], "x"));
+    EXPECT_EQ(vc_inpath_read_func(300), 0);
+    EXPECT_EQ(arrived(terminal_[1]), "x");
+    EXPECT_EQ(vc_inpath_kill_func(300), 0);
+}
+
 TEST_F(InpathTest, kill_of_a_bad_line_fails)
 {
     EXPECT_EQ(vc_inpath_kill_func(1586), -1);

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -133,6 +134,94 @@ TEST_F(LoopTest, an_interrupted_wait_and_a_bad_descriptor_say_nothing)
         EXPECT_EQ(text.find("vc: select error"), std::string::npos);
         EXPECT_NE(text, "test: pause\n");
     }
+}
+
+TEST_F(LoopTest, a_wait_that_times_out_pauses_and_says_nothing)
+{
+    run_loop([] {
+        fault::result("select", 1, 0);
+        fault::run("usleep", 1, note_pause, fault::ALWAYS);
+        fault::run(
+            "select", 2,
+            [] {
+                vc_debug_msg("test: second wait\n");
+            },
+            1);
+    });
+    EXPECT_TRUE(says("test: second wait\n"));
+    EXPECT_TRUE(says("test: pause\n"));
+    for (const std::string &text : loop_messages()) {
+        EXPECT_EQ(text.find("vc: select error"), std::string::npos);
+    }
+}
+
+// Loses the first connection, and its number to another file.
+static void lose_connection_and_number()
+{
+    fault::fail("write", 1, EPIPE, 1, fault::only_path("socket:"));
+    fault::run(
+        "usleep", 1,
+        [] {
+            static_cast<void>(dup(0));
+        },
+        1);
+    fault::run(
+        "select", 1,
+        [] {
+            const int next = dup(0);
+            close(next);
+            vc_debug_msg("test: number %d, next %d\n",
+                         static_cast<int>(g_vc_tty_socket), next);
+        },
+        1);
+}
+
+// The numbers of both connections as the log has them, then the next free one.
+static std::vector<int>
+connection_numbers(const std::vector<std::string> &texts)
+{
+    std::vector<int> numbers;
+
+    for (const std::string &text : texts) {
+        int pid;
+        int number;
+        int next;
+        if (sscanf(text.c_str(), "(vc:%d): connect inetd vc_fd %d", &pid,
+                   &number) == 2) {
+            numbers.push_back(number);
+        }
+        if (sscanf(text.c_str(), "test: number %d, next %d", &number, &next) ==
+            2) {
+            numbers.push_back(next);
+        }
+    }
+    return numbers;
+}
+
+TEST_F(LoopTest, a_number_that_is_taken_meanwhile_is_not_taken_back)
+{
+    run_loop(lose_connection_and_number);
+    ASSERT_TRUE(support::wait_until([&] {
+        return connection_numbers(loop_messages()).size() == 3;
+    }));
+    const auto numbers = connection_numbers(loop_messages());
+    EXPECT_EQ(numbers[1], numbers[0] + 1);
+    // The copy that did not get the number is closed again.
+    EXPECT_EQ(numbers[2], numbers[1] + 1);
+}
+
+TEST_F(LoopTest, a_number_that_cannot_be_taken_back_is_done_without)
+{
+    run_loop([] {
+        lose_connection_and_number();
+        fault::fail("fcntl", 1, EMFILE, 1, fault::only_what(F_DUPFD_CLOEXEC));
+    });
+    ASSERT_TRUE(support::wait_until([&] {
+        return connection_numbers(loop_messages()).size() == 3;
+    }));
+    const auto numbers = connection_numbers(loop_messages());
+    EXPECT_EQ(numbers[1], numbers[0] + 1);
+    EXPECT_EQ(numbers[2], numbers[1] + 1);
 }
 
 TEST_F(LoopTest, a_first_announcement_that_fails_renews_the_connection)
