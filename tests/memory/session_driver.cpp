@@ -101,8 +101,12 @@ static int to_client(int)
     return move(g_master, g_client);
 }
 
+// The program's last words may still be in the terminal.
 static int end_session(int)
 {
+    fcntl(g_master, F_SETFL, O_NONBLOCK);
+    while (move(g_master, g_client) == 0) {
+    }
     return 0;
 }
 
