@@ -451,6 +451,13 @@ TEST_F(SystemTest, a_step_that_fails_when_tried_again_ends_its_session)
     EXPECT_TRUE(logged("vc in data ret 1.\r\n"));
     EXPECT_EQ(log().find("vc in1 data"), std::string::npos);
     EXPECT_TRUE(ended(session.client));
+    // The loop goes on: the next client is reported.
+    const int next = connect_port(AF_INET, port);
+    ASSERT_GE(next, 0);
+    const auto report = connection.receive();
+    ASSERT_TRUE(report);
+    EXPECT_EQ(report->vc_flag, 0x001u);
+    close(next);
     close(session.client);
 }
 
