@@ -2,8 +2,10 @@
 #include "tty/admin.h"
 
 #include <errno.h>
-#include <stdio.h>
+#include <fcntl.h>
+#include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <atomic>
 
@@ -17,6 +19,7 @@
 constexpr unsigned int EXCEPT_LINE_MAX = TTY_LINES;
 constexpr unsigned int HOLD_TIME_MAX = 1800;
 constexpr unsigned int SERVICE_PATH_SIZE = 100;
+constexpr unsigned int MASK_TEXT_SIZE = 128;
 // Enabled unless the device says otherwise.
 constexpr unsigned int DEFAULT_SERVICE = 4;
 
@@ -165,14 +168,14 @@ int tty_release_line(void)
 }
 
 // An empty or unreadable file enables nothing.
-static unsigned int read_mask(FILE *file)
+static unsigned int read_mask(int fd)
 {
-    unsigned int mask = 0;
+    char text[MASK_TEXT_SIZE] = {};
 
-    const int ignored = fscanf(file, "%u", &mask);
+    const ssize_t ignored = read(fd, text, sizeof text - 1);
     static_cast<void>(ignored);
-    fclose(file);
-    return mask;
+    close(fd);
+    return static_cast<unsigned int>(strtoul(text, nullptr, 10));
 }
 
 int tty_get_service(unsigned int service)
@@ -184,11 +187,11 @@ int tty_get_service(unsigned int service)
                       SERVICE_FILE);
         return 0;
     }
-    FILE *file = fopen(path, "re");
-    if (file == nullptr) {
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
         tty_debug_msg(0, "ttylib: open file %s fail errno:%d, %s\n", path,
                       errno, strerror(errno));
         return errno == ENOENT && service == DEFAULT_SERVICE ? 1 : 0;
     }
-    return static_cast<int>(read_mask(file) >> (service % 32) & 1);
+    return static_cast<int>(read_mask(fd) >> (service % 32) & 1);
 }
