@@ -1,3 +1,4 @@
+#include "tests/support/fault_row.h"
 #include "tty/admin_channel.h"
 
 #include <fcntl.h>
@@ -96,6 +97,8 @@ TEST_F(AdminChannelTest, the_connection_is_blocking_and_closed_on_exec)
 
 TEST_F(AdminChannelTest, a_socket_that_cannot_be_made_is_reported)
 {
+    fault_row("ttylib_connect", "socket", "EMFILE", "-1",
+              "ttylib(%d): sock create fail, err[%d]:%s\n", "");
     start();
     fault::fail("socket", 1, EMFILE);
     EXPECT_EQ(ttylib_connect(), -1);
@@ -106,6 +109,8 @@ TEST_F(AdminChannelTest, a_socket_that_cannot_be_made_is_reported)
 
 TEST_F(AdminChannelTest, a_send_buffer_that_cannot_be_set_is_only_reported)
 {
+    fault_row("ttylib_connect", "setsockopt", "ENOBUFS", "the connection",
+              "ttylib(%d):%s setsockopt sndbuf fail, err[%d]:%s.\r\n", "");
     start();
     fault::fail("setsockopt", 1, ENOBUFS);
     const int fd = ttylib_connect();
@@ -144,6 +149,9 @@ TEST_F(AdminChannelTest, a_path_of_99_characters_is_tried)
 
 TEST_F(AdminChannelTest, an_absent_daemon_is_reported)
 {
+    fault_row("ttylib_connect", "connect", "ENOENT", "-1",
+              "ttylib: sock connect fail, err[%d]:%s\n",
+              "the socket closed, after the line");
     watch_close(runtime_dir);
     EXPECT_EQ(ttylib_connect(), -1);
     EXPECT_EQ(log(), (messages{connect_failed(ENOENT)}));
@@ -154,6 +162,8 @@ TEST_F(AdminChannelTest, an_absent_daemon_is_reported)
 
 TEST_F(AdminChannelTest, a_daemon_that_does_not_listen_is_reported)
 {
+    fault_row("ttylib_connect", "connect", "ECONNREFUSED", "-1",
+              "ttylib: sock connect fail, err[%d]:%s\n", "the socket closed");
     start();
     stop();
     EXPECT_EQ(ttylib_connect(), -1);
@@ -162,6 +172,9 @@ TEST_F(AdminChannelTest, a_daemon_that_does_not_listen_is_reported)
 
 TEST_F(AdminChannelTest, every_request_connects_anew_until_one_succeeds)
 {
+    fault_row("admin_enter", "connect", "ENOENT", "false",
+              "ttylib: sock connect fail, err[%d]:%s\n",
+              "the next request connects again");
     EXPECT_EQ(send_item(TTYLIB_TLV_RELEASE, 0), -1);
     EXPECT_EQ(send_item(TTYLIB_TLV_RELEASE, 0), -1);
     EXPECT_EQ(log(),
@@ -176,6 +189,8 @@ TEST_F(AdminChannelTest, every_request_connects_anew_until_one_succeeds)
 
 TEST_F(AdminChannelTest, a_failed_connect_frees_lock_and_signals)
 {
+    fault_row("admin_enter", "connect", "ENOENT", "false", "",
+              "lock and signals free");
     EXPECT_FALSE(admin_enter());
     EXPECT_TRUE(signals_are_free());
     std::atomic<bool> taken{false};
@@ -229,6 +244,10 @@ TEST_F(AdminChannelTest, the_connection_is_made_with_lock_and_signals_held)
 
 TEST_F(AdminChannelTest, a_lost_daemon_stays_lost)
 {
+    fault_row("admin_send", "write", "EPIPE",
+              "-1, at every request from then on",
+              "ttylib: msg send fail, err[%d]:%s\n",
+              "the broken connection; no new one is made");
     signal(SIGPIPE, SIG_IGN);
     start();
     EXPECT_EQ(send_item(TTYLIB_TLV_RELEASE, 0), 0);
@@ -243,6 +262,9 @@ TEST_F(AdminChannelTest, a_lost_daemon_stays_lost)
 
 TEST_F(AdminChannelTest, sigpipe_comes_after_the_lock_is_free)
 {
+    fault_row("admin_send", "write", "EPIPE", "SIGPIPE, unless it is ignored",
+              "ttylib: msg send fail, err[%d]:%s\n",
+              "the line is logged before the signal is delivered");
     start();
     // The signal ends a process that does not ignore it, once the request is
     // over: by then the failure is in the log.
@@ -296,6 +318,8 @@ TEST_F(AdminChannelTest, types_have_their_numbers)
 
 TEST_F(AdminChannelTest, a_partial_send_is_completed)
 {
+    fault_row("admin_send", "write", "short", "0", "",
+              "the whole request sent");
     start();
     fault::shorten("write", 1, 3);
     EXPECT_EQ(send_item(TTYLIB_TLV_RELEASE, 0), 0);
@@ -305,6 +329,8 @@ TEST_F(AdminChannelTest, a_partial_send_is_completed)
 
 TEST_F(AdminChannelTest, an_interrupted_send_is_tried_again)
 {
+    fault_row("admin_send", "write", "EINTR", "0", "",
+              "the whole request sent");
     start();
     fault::fail("write", 1, EINTR, 3);
     EXPECT_EQ(send_item(TTYLIB_TLV_RELEASE, 0), 0);

@@ -1,3 +1,4 @@
+#include "tests/support/fault_row.h"
 #include "tty/admin.h"
 
 #include <signal.h>
@@ -79,6 +80,8 @@ TEST_F(AdminOperationTest, lines_0_and_1585_are_good)
 
 TEST_F(AdminOperationTest, a_login_that_cannot_be_stored_is_not_sent)
 {
+    fault_row("tty_login_info_audit", "rename", "EIO", "-1",
+              "ttylib: %s set tty logsucc fail, 1.\n", "nothing sent");
     start();
     fault::fail("rename", 1, EIO);
     EXPECT_EQ(tty_login_info_audit(5, true), -1);
@@ -89,6 +92,8 @@ TEST_F(AdminOperationTest, a_login_that_cannot_be_stored_is_not_sent)
 
 TEST_F(AdminOperationTest, a_failed_login_that_cannot_be_stored_is_reported)
 {
+    fault_row("tty_login_info_audit", "rename", "EIO", "-1",
+              "ttylib: %s set tty logsucc fail, 0.\n", "");
     fault::fail("rename", 1, EIO);
     EXPECT_EQ(tty_login_info_audit(5, false), -1);
     EXPECT_EQ(log().back(),
@@ -97,6 +102,8 @@ TEST_F(AdminOperationTest, a_failed_login_that_cannot_be_stored_is_reported)
 
 TEST_F(AdminOperationTest, a_login_that_cannot_be_sent_stays_stored)
 {
+    fault_row("tty_login_info_audit", "connect", "ENOENT", "-1",
+              "ttylib: %s set tty logsucc fail\n", "the success stays stored");
     EXPECT_EQ(tty_login_info_audit(5, true), -1);
     EXPECT_EQ(stored("LOGSUCC"), "1");
     EXPECT_EQ(log(), (messages{connect_failed(ENOENT),
@@ -114,6 +121,8 @@ TEST_F(AdminOperationTest, the_login_request_takes_any_line)
 
 TEST_F(AdminOperationTest, a_login_request_that_fails_is_reported)
 {
+    fault_row("tty_loginsucc_update", "write", "EIO", "-1",
+              "ttylib: msg send fail, err[%d]:%s\n", "");
     start();
     fault::fail("write", 1, EIO);
     EXPECT_EQ(tty_loginsucc_update(5), -1);
@@ -172,12 +181,17 @@ TEST_F(AdminOperationTest, settings_are_compared_exactly)
 
 TEST_F(AdminOperationTest, a_setting_without_a_daemon_fails_before_its_name)
 {
+    fault_row("tty_cfg_update", "connect", "ENOENT", "-1",
+              "ttylib: sock connect fail, err[%d]:%s\n",
+              "the name is not looked at");
     EXPECT_EQ(tty_cfg_update(3, "TIMEOUT", 10), -1);
     EXPECT_EQ(log(), (messages{connect_failed(ENOENT)}));
 }
 
 TEST_F(AdminOperationTest, a_setting_that_cannot_be_sent_is_reported)
 {
+    fault_row("tty_cfg_update", "write", "EIO", "-1",
+              "ttylib: msg send fail, err[%d]:%s\n", "");
     start();
     fault::fail("write", 1, EIO);
     EXPECT_EQ(tty_cfg_update(3, "SPEED", 10), -1);
@@ -187,6 +201,13 @@ TEST_F(AdminOperationTest, a_setting_that_cannot_be_sent_is_reported)
 // After each way out the lock is free and no signal is blocked.
 TEST_F(AdminOperationTest, every_way_out_frees_lock_and_signals)
 {
+    fault_row("tty_cfg_update", "write", "EIO", "", "",
+              "lock and signals free");
+    fault_row("tty_hold_line", "write", "EIO", "", "", "lock and signals free");
+    fault_row("tty_release_line", "write", "EIO", "", "",
+              "lock and signals free");
+    fault_row("tty_loginsucc_update", "write", "EIO", "", "",
+              "lock and signals free");
     const auto free_now = [] {
         sigset_t now;
         pthread_sigmask(SIG_SETMASK, nullptr, &now);
@@ -280,6 +301,8 @@ TEST_F(AdminOperationTest, the_range_is_tested_before_the_earlier_hold)
 
 TEST_F(AdminOperationTest, a_hold_without_a_daemon_does_not_count)
 {
+    fault_row("tty_hold_line", "connect", "ENOENT", "-1", "",
+              "the next hold is sent");
     EXPECT_EQ(tty_hold_line(300, 60), -1);
     start();
     EXPECT_EQ(tty_hold_line(300, 60), 0);
@@ -287,6 +310,9 @@ TEST_F(AdminOperationTest, a_hold_without_a_daemon_does_not_count)
 
 TEST_F(AdminOperationTest, a_hold_that_cannot_be_sent_counts)
 {
+    fault_row("tty_hold_line", "write", "EIO", "-1",
+              "ttylib: msg send fail, err[%d]:%s\n",
+              "the next hold is refused, as one was sent");
     start();
     fault::fail("write", 1, EIO, 1, fault::only_path("socket:"));
     EXPECT_EQ(tty_hold_line(300, 60), -1);
@@ -322,6 +348,8 @@ TEST_F(AdminOperationTest, a_release_is_sent_without_a_hold)
 
 TEST_F(AdminOperationTest, a_release_that_cannot_be_sent_ends_the_hold)
 {
+    fault_row("tty_release_line", "write", "EIO", "-1",
+              "ttylib: msg send fail, err[%d]:%s\n", "the next hold is sent");
     start();
     EXPECT_EQ(tty_hold_line(300, 60), 0);
     fault::fail("write", 1, EIO, 1, fault::only_path("socket:"));
@@ -332,6 +360,8 @@ TEST_F(AdminOperationTest, a_release_that_cannot_be_sent_ends_the_hold)
 
 TEST_F(AdminOperationTest, a_release_without_a_daemon_is_reported)
 {
+    fault_row("tty_release_line", "connect", "ENOENT", "-1",
+              "ttylib: sock connect fail, err[%d]:%s\n", "");
     EXPECT_EQ(tty_release_line(), -1);
     EXPECT_EQ(log(), (messages{connect_failed(ENOENT)}));
 }
@@ -409,6 +439,8 @@ TEST_F(AdminOperationTest, requests_of_parent_and_child_arrive_whole)
 
 TEST_F(AdminOperationTest, without_the_file_only_service_4_is_enabled)
 {
+    fault_row("tty_get_service", "fopen", "ENOENT", "1 for service 4, else 0",
+              "ttylib: open file %s fail errno:%d, %s\n", "");
     const std::string file = path("/mng/tty/.service_cur.txt");
     const std::string message = "ttylib: open file " + file +
                                 " fail errno:2, " + strerror(ENOENT) + "\n";
@@ -461,6 +493,8 @@ TEST_F(AdminOperationTest, the_number_may_stand_after_white_space)
 
 TEST_F(AdminOperationTest, a_file_that_cannot_be_opened_enables_nothing)
 {
+    fault_row("tty_get_service", "fopen", "ELOOP", "0",
+              "ttylib: open file %s fail errno:%d, %s\n", "");
     const std::string file = path("/mng/tty/.service_cur.txt");
     ASSERT_EQ(symlink(file.c_str(), file.c_str()), 0);
     EXPECT_EQ(tty_get_service(4), 0);
@@ -470,6 +504,8 @@ TEST_F(AdminOperationTest, a_file_that_cannot_be_opened_enables_nothing)
 
 TEST_F(AdminOperationTest, a_directory_in_place_of_the_file_enables_nothing)
 {
+    fault_row("tty_get_service", "fscanf", "EISDIR", "0", "",
+              "the file closed");
     ASSERT_EQ(mkdir(path("/mng/tty/.service_cur.txt").c_str(), 0777), 0);
     EXPECT_EQ(tty_get_service(4), 0);
     // It can be opened for reading, which is all that is asked of it.

@@ -11,6 +11,7 @@
 
 #include "tests/support/descriptors.h"
 #include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
 #include "tests/support/wait.h"
 #include "tests/unit/console_fixture.h"
 
@@ -98,6 +99,8 @@ TEST_F(ConsoleName, ComesFromTheFirst1022Characters)
 
 TEST_F(ConsoleName, IsTtyS0WhenTheArgumentsCannotBeRead)
 {
+    fault_row("tty_getconsolename", "fopen", "EMFILE", "/dev/ttyS0", "",
+              "the name is kept, also when descriptors are back");
     struct rlimit limit = {};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
     const struct rlimit none = {3, limit.rlim_max};
@@ -111,6 +114,8 @@ TEST_F(ConsoleName, IsTtyS0WhenTheArgumentsCannotBeRead)
 
 TEST_F(ConsoleName, IsTtyS0WithoutMemory)
 {
+    fault_row("tty_getconsolename", "calloc", "ENOMEM", "/dev/ttyS0", "",
+              "the name is kept, also when memory is back");
     support::put_over("/proc/cmdline", "console=ttyS1\n");
     fault::fail("calloc", 1, ENOMEM);
     EXPECT_STREQ(tty_getconsolename(), "/dev/ttyS0");
@@ -194,6 +199,8 @@ TEST_F(Console, MessageIsCutAt2047Bytes)
 
 TEST_F(Console, MessageIsDroppedWhenItCannotBeOpened)
 {
+    fault_row("tty_log_msg", "open", "ENOENT, EIO", "nothing", "",
+              "the message is lost");
     const int writes = fault::watch("write");
     tty_log_msg("text");
     EXPECT_FALSE(support::exists("/dev/ttyS0"));
@@ -206,6 +213,8 @@ TEST_F(Console, MessageIsDroppedWhenItCannotBeOpened)
 
 TEST_F(Console, ShortWritesAreCompleted)
 {
+    fault_row("tty_log_msg", "write", "short", "nothing", "",
+              "the whole message");
     make_console();
     fault::shorten("write", 1, 1, fault::ALWAYS);
     tty_log_msg("text");

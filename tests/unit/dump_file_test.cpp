@@ -12,6 +12,7 @@
 
 #include "tests/support/descriptors.h"
 #include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
 #include "tests/support/runtime.h"
 #include "tests/support/wait.h"
 
@@ -104,6 +105,8 @@ TEST_F(DumpFile, Of1048576BytesIsNotEmptied)
 
 TEST_F(DumpFile, ThatCannotBeEmptiedTakesTheLine)
 {
+    fault_row("dump_file_append", "ftruncate", "EIO", "0", "",
+              "the file above its limit, the line behind the others");
     support::spill(file, std::string(1048577, 'x'));
     fault::fail("ftruncate", 1, EIO);
     fault::fail("truncate", 1, EIO);
@@ -113,6 +116,8 @@ TEST_F(DumpFile, ThatCannotBeEmptiedTakesTheLine)
 
 TEST_F(DumpFile, WhoseSizeIsUnknownTakesTheLine)
 {
+    fault_row("dump_file_append", "stat", "EACCES", "0", "",
+              "the file above its limit, the line behind the others");
     support::spill(file, std::string(1048577, 'x'));
     fault::fail("stat", 1, EACCES);
     EXPECT_EQ(append("one\n"), 0);
@@ -121,6 +126,8 @@ TEST_F(DumpFile, WhoseSizeIsUnknownTakesTheLine)
 
 TEST_F(DumpFile, FailureToOpenIsReportedWithItsErrno)
 {
+    fault_row("dump_file_append", "open", "ENOENT, EISDIR, EMFILE",
+              "-1 and the errno", "", "nothing written, nothing closed");
     EXPECT_EQ(dump_file_append(path("/absent/dump").c_str(), "x"), -1);
     EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(dump_file_append(runtime_dir.c_str(), "x"), -1);
@@ -133,6 +140,8 @@ TEST_F(DumpFile, FailureToOpenIsReportedWithItsErrno)
 
 TEST_F(DumpFile, FailureToWriteIsNotReported)
 {
+    fault_row("dump_file_append", "write", "ENOSPC", "0", "",
+              "the line is lost, the file is closed");
     fault::fail("write", 1, ENOSPC);
     EXPECT_EQ(append("x"), 0);
     EXPECT_EQ(fault::calls("close"), 1);
@@ -141,6 +150,7 @@ TEST_F(DumpFile, FailureToWriteIsNotReported)
 
 TEST_F(DumpFile, ShortWritesAreCompleted)
 {
+    fault_row("dump_file_append", "write", "short", "0", "", "the whole line");
     fault::shorten("write", 1, 1, fault::ALWAYS);
     EXPECT_EQ(append("one\n"), 0);
     EXPECT_EQ(support::slurp(file), "one\n");

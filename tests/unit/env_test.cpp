@@ -14,6 +14,7 @@
 
 #include <ttyline/tty.h>
 
+#include "tests/support/fault_row.h"
 #include "tests/support/privroot.h"
 #include "tests/support/wait.h"
 #include "tests/unit/lock_holder.h"
@@ -431,6 +432,22 @@ TEST_F(EnvSignals, MaskAndLockAreAsBeforeAfterEveryRefusal)
 
 TEST_F(EnvSignals, MaskAndLockAreAsBeforeAfterEveryFailure)
 {
+    fault_row("tty_setenv", "open", "EIO", "", "",
+              "signal mask and lock as before, wherever it fails");
+    fault_row("tty_setenv", "fcntl", "EIO", "", "",
+              "signal mask and lock as before, wherever it fails");
+    fault_row("tty_setenv", "rename", "EIO", "", "",
+              "signal mask and lock as before, wherever it fails");
+    fault_row("tty_setenv", "read", "EIO", "", "",
+              "signal mask and lock as before, wherever it fails");
+    fault_row("tty_setenv", "write", "EIO", "", "",
+              "signal mask and lock as before, wherever it fails");
+    fault_row("tty_getenv", "open", "EIO", "", "",
+              "signal mask and lock as before, wherever it fails");
+    fault_row("tty_getenv", "fcntl", "EIO", "", "",
+              "signal mask and lock as before, wherever it fails");
+    fault_row("tty_getenv", "read", "EIO", "", "",
+              "signal mask and lock as before, wherever it fails");
     const char *const calls[] = {"open", "fcntl", "rename", "read", "write"};
     for (const char *call : calls) {
         for (int nth = 1; nth <= 6; nth++) {

@@ -13,6 +13,7 @@
 #include <ttyline/tty.h>
 
 #include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
 #include "tests/support/runtime.h"
 #include "tests/support/wait.h"
 #include "tests/unit/lock_holder.h"
@@ -127,6 +128,8 @@ TEST_F(Flock, WaitsThroughSignalsUntilTheLockIsFree)
 
 TEST_F(Flock, InterruptionsAreRetried)
 {
+    fault_row("tty_flock", "fcntl", "EINTR", "0", "", "the lock is held");
+    fault_row("tty_flock_try", "fcntl", "EINTR", "0", "", "the lock is held");
     fault::fail("fcntl", 1, EINTR, 5);
     EXPECT_EQ(tty_flock(fd), 0);
     EXPECT_EQ(fault::calls("fcntl"), 6);
@@ -138,6 +141,8 @@ TEST_F(Flock, InterruptionsAreRetried)
 
 TEST_F(Flock, UnlockIsNotRetried)
 {
+    fault_row("tty_unflock", "fcntl", "EINTR", "-1 and the errno", "",
+              "asked once only");
     ASSERT_EQ(tty_flock(fd), 0);
     const int unlocks = fault::watch("fcntl");
     fault::fail("fcntl", 1, EINTR);
@@ -149,6 +154,13 @@ TEST_F(Flock, UnlockIsNotRetried)
 
 TEST_F(Flock, OtherErrorsEndItWithTheirErrno)
 {
+    fault_row("tty_flock", "fcntl", "ENOLCK, EDEADLK, EAGAIN, EACCES, EINVAL",
+              "-1 and the errno", "", "asked once only");
+    fault_row("tty_flock_try", "fcntl",
+              "ENOLCK, EDEADLK, EAGAIN, EACCES, EINVAL", "-1 and the errno", "",
+              "asked once only");
+    fault_row("tty_unflock", "fcntl", "ENOLCK, EDEADLK, EAGAIN, EACCES, EINVAL",
+              "-1 and the errno", "", "asked once only");
     for (const int error : {ENOLCK, EDEADLK, EAGAIN, EACCES, EINVAL}) {
         fault::reset();
         fault::fail("fcntl", 1, error, 3);

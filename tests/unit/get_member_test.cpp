@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "tests/support/fault_row.h"
 #include "tests/support/wait.h"
 #include "tests/unit/console_fixture.h"
 #include "tests/unit/lock_holder.h"
@@ -295,6 +296,9 @@ TEST_F(Get, LinesHaveTheirOwnFiles)
 
 TEST_F(Get, LockFileThatCannotBeOpenedIsReported)
 {
+    fault_row("tty_get_member", "open", "EISDIR",
+              "a null pointer, the buffer cleared",
+              "%s(ttyno %d:pid %d:tid %d): %s file %s fail errno:%d, %s\n", "");
     store("HOME=/root\r\n");
     ASSERT_EQ(mkdir(lock_file().c_str(), 0777), 0);
     EXPECT_EQ(get("HOME", 64), "(null)");
@@ -304,6 +308,9 @@ TEST_F(Get, LockFileThatCannotBeOpenedIsReported)
 
 TEST_F(Get, LockThatCannotBeTakenIsReportedWithoutAnUnlock)
 {
+    fault_row("tty_get_member", "fcntl", "ENOLCK", "a null pointer",
+              "%s(ttyno %d:pid %d:tid %d): failed in func: %s, line: %d\n",
+              "the file not opened, nothing unlocked");
     store("HOME=/root\r\n");
     fault::fail("fcntl", 1, ENOLCK, 1, fault::only_what(F_SETLKW));
     const int unlocks = fault::watch("fcntl", fault::only_what(F_SETLK));
@@ -317,6 +324,9 @@ TEST_F(Get, LockThatCannotBeTakenIsReportedWithoutAnUnlock)
 
 TEST_F(Get, FileThatCannotBeOpenedIsReportedAndUnlocked)
 {
+    fault_row("tty_get_member", "open", "EMFILE", "a null pointer",
+              "%s(ttyno %d:pid %d:tid %d): %s file %s fail errno:%d, %s\n",
+              "the lock released");
     store("HOME=/root\r\n");
     const int unlocks = fault::watch("fcntl", fault::only_what(F_SETLK));
     fault::fail("open", 2, EMFILE, 1, fault::only_path(".tty_info_"));
@@ -327,6 +337,7 @@ TEST_F(Get, FileThatCannotBeOpenedIsReportedAndUnlocked)
 
 TEST_F(Get, UnlockThatFailsChangesNothing)
 {
+    fault_row("tty_get_member", "fcntl", "ENOLCK", "the value", "", "");
     store("HOME=/root\r\n");
     fault::fail("fcntl", 1, ENOLCK, 1, fault::only_what(F_SETLK));
     EXPECT_EQ(get("HOME"), "/root");
@@ -410,6 +421,8 @@ TEST_F(Get, OtherLinesAreNotLocked)
 
 TEST_F(Get, DirectoryInPlaceOfTheFileHoldsNothing)
 {
+    fault_row("tty_get_member", "read", "EISDIR",
+              "a null pointer, the buffer cleared", "", "the lock released");
     ASSERT_EQ(mkdir(info(LINE).c_str(), 0777), 0);
     const int reads = fault::watch("read");
     EXPECT_EQ(get("HOME", 64), "(null)");
@@ -421,6 +434,8 @@ TEST_F(Get, DirectoryInPlaceOfTheFileHoldsNothing)
 
 TEST_F(Get, ReadingGoesOnBehindAnError)
 {
+    fault_row("tty_get_member", "read", "EIO",
+              "the value of a later whole line", "", "");
     store("HOME=one\r\nHOME=two\r\n");
     fault::fail("read", 3, EIO);
     // "HO" and "ME=one" are lines of their own then.
@@ -432,6 +447,8 @@ TEST_F(Get, ReadingGoesOnBehindAnError)
 
 TEST_F(Get, InterruptedReadsAreRepeated)
 {
+    fault_row("tty_get_member", "read", "EINTR, EAGAIN, EINPROGRESS",
+              "the value", "", "");
     store("HOME=one\r\n");
     for (const int error : {EINTR, EAGAIN, EINPROGRESS}) {
         fault::reset();

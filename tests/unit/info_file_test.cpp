@@ -7,6 +7,7 @@
 
 #include <string>
 
+#include "tests/support/fault_row.h"
 #include "tests/unit/tty_fixture.h"
 
 static const std::string PREFIX = "/d/mng/tty/.tty_info";
@@ -223,6 +224,8 @@ TEST_F(ReadLine, AsksForOneByteAtATime)
 
 TEST_F(ReadLine, InterruptionsAreRepeated)
 {
+    fault_row("tty_read_line", "read", "EAGAIN, EINPROGRESS, EINTR",
+              "the whole line", "", "");
     open_with("one\ntwo\nsix\n");
     for (const int error : {EAGAIN, EINPROGRESS, EINTR}) {
         fault::reset();
@@ -234,6 +237,8 @@ TEST_F(ReadLine, InterruptionsAreRepeated)
 
 TEST_F(ReadLine, AnyOtherErrorEndsTheLine)
 {
+    fault_row("tty_read_line", "read", "EIO", "the bytes so far", "",
+              "the rest of the line is the next one");
     open_with("one\n");
     fault::fail("read", 3, EIO);
     EXPECT_EQ(read_line(), 2);
@@ -244,6 +249,8 @@ TEST_F(ReadLine, AnyOtherErrorEndsTheLine)
 
 TEST_F(ReadLine, ErrorBeforeTheFirstByteGivesZero)
 {
+    fault_row("tty_read_line", "read", "EIO", "0", "",
+              "the line is still to be read");
     open_with("one\n");
     fault::fail("read", 1, EIO);
     EXPECT_EQ(read_line(), 0);
@@ -271,6 +278,8 @@ TEST_F(NextPiece, FillsTheLineBufferAndEndsWithTheFile)
 
 TEST_F(NextPiece, SkipsErrorsThatDeliverNothing)
 {
+    fault_row("next_piece", "read", "EIO",
+              "the next line, when no more than 15 errors come first", "", "");
     bool failed = false;
     open_with("A=1\n");
     fault::fail("read", 1, EIO, 15);
@@ -281,6 +290,8 @@ TEST_F(NextPiece, SkipsErrorsThatDeliverNothing)
 
 TEST_F(NextPiece, GivesUpAFileThatCannotBeRead)
 {
+    fault_row("next_piece", "read", "EISDIR", "false, and the failure is told",
+              "", "given up within 100 reads");
     bool failed = false;
     fd = open(runtime_dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     const int reads = fault::watch("read");

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
 #include "tests/support/runtime.h"
 #include "tests/support/wait.h"
 
@@ -104,6 +105,8 @@ TEST_F(Write, KeepsTheOtherStatusFlags)
 
 TEST_F(Write, FailuresOfTheFlagCallsAreIgnored)
 {
+    fault_row("tty_write", "fcntl", "EIO", "the length", "",
+              "all bytes written");
     const int fcntls = fault::watch("fcntl");
     fault::fail("fcntl", 1, EIO, 2);
     EXPECT_EQ(tty_write(ends[1], "x", 1), 1);
@@ -113,6 +116,8 @@ TEST_F(Write, FailuresOfTheFlagCallsAreIgnored)
 
 TEST_F(Write, ShortWritesGoOnWhereTheyStopped)
 {
+    fault_row("tty_write", "write", "short", "the length", "",
+              "all bytes written, none twice");
     fault::shorten("write", 1, 2, fault::ALWAYS);
     EXPECT_EQ(tty_write(ends[1], "abcdefg", 7), 7);
     EXPECT_EQ(written(), "abcdefg");
@@ -121,6 +126,8 @@ TEST_F(Write, ShortWritesGoOnWhereTheyStopped)
 
 TEST_F(Write, ResultOfZeroIsRetried)
 {
+    fault_row("tty_write", "write", "result 0", "the length", "",
+              "all bytes written, none twice");
     fault::shorten("write", 1, 3);
     fault::result("write", 2, 0, 5);
     EXPECT_EQ(tty_write(ends[1], "abcdef", 6), 6);
@@ -130,6 +137,8 @@ TEST_F(Write, ResultOfZeroIsRetried)
 
 TEST_F(Write, InterruptionOrFullnessResumesWhereItStopped)
 {
+    fault_row("tty_write", "write", "EAGAIN, EINPROGRESS, EINTR", "the length",
+              "", "all bytes written, none twice");
     for (const int error : {EAGAIN, EINPROGRESS, EINTR}) {
         fault::reset();
         fault::shorten("write", 1, 3);
@@ -142,6 +151,9 @@ TEST_F(Write, InterruptionOrFullnessResumesWhereItStopped)
 
 TEST_F(Write, RetriesHaveNoLimitAndNoDelay)
 {
+    fault_row("tty_write", "write", "EAGAIN",
+              "the length, after 200000 attempts without a pause", "",
+              "all bytes written");
     fault::fail("write", 1, EAGAIN, 200000);
     const int sleeps = fault::watch("usleep");
     const int polls = fault::watch("poll");
@@ -152,6 +164,8 @@ TEST_F(Write, RetriesHaveNoLimitAndNoDelay)
 
 TEST_F(Write, AnyOtherErrorEndsItAtOnce)
 {
+    fault_row("tty_write", "write", "EIO, ENOSPC, EPIPE, EBADF, EFBIG, EINVAL",
+              "-1 and the errno", "", "nothing written");
     for (const int error : {EIO, ENOSPC, EPIPE, EBADF, EFBIG, EINVAL}) {
         fault::reset();
         fault::fail("write", 1, error);
@@ -164,6 +178,8 @@ TEST_F(Write, AnyOtherErrorEndsItAtOnce)
 
 TEST_F(Write, WhatWasWrittenBeforeTheErrorStays)
 {
+    fault_row("tty_write", "write", "EIO", "-1 and the errno", "",
+              "the bytes before the error");
     fault::shorten("write", 1, 2);
     fault::fail("write", 2, EIO);
     EXPECT_EQ(tty_write(ends[1], "abcdef", 6), -1);
@@ -187,6 +203,8 @@ static void ignore_signal(int)
 // can have made it wait.
 TEST_F(Write, IsResumedAfterARealSignalInAFullPipe)
 {
+    fault_row("tty_write", "write", "EINTR",
+              "the length, whatever signals arrived", "", "all bytes written");
     struct sigaction action = {};
     action.sa_handler = ignore_signal;
     ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);

@@ -10,6 +10,7 @@
 
 #include <ttyline/tty.h>
 
+#include "tests/support/fault_row.h"
 #include "tests/support/wait.h"
 #include "tests/unit/console_fixture.h"
 #include "tests/unit/tty_fixture.h"
@@ -258,6 +259,18 @@ class LockFailure : public console_test
 
 TEST_F(LockFailure, OfEachStepIsToldOnTheConsoleAndTriedAgain)
 {
+    fault_row("tty_lib_lock_init", "pthread_mutexattr_init", "ENOMEM",
+              "nothing: it is tried again",
+              "%s(line %d:pid %d:tid:%d): lock init err:%s\r\n",
+              "a lock that can be taken; the line is on the console only");
+    fault_row("tty_lib_lock_init", "pthread_mutexattr_settype", "ENOMEM",
+              "nothing: it is tried again",
+              "%s(line %d:pid %d:tid:%d): lock init err:%s\r\n",
+              "a lock that can be taken; the line is on the console only");
+    fault_row("tty_lib_lock_init", "pthread_mutex_init", "ENOMEM",
+              "nothing: it is tried again",
+              "%s(line %d:pid %d:tid:%d): lock init err:%s\r\n",
+              "a lock that can be taken; the line is on the console only");
     make_console();
     for (const char *step :
          {"pthread_mutexattr_init", "pthread_mutexattr_settype",
@@ -288,6 +301,8 @@ TEST_F(LockFailure, MessageCarriesTheTextOfErrno)
 
 TEST_F(LockFailure, OfTheAttributesSkipsWhatIsBehindThem)
 {
+    fault_row("tty_lib_lock_init", "pthread_mutexattr_init", "ENOMEM",
+              "nothing: it is tried again", "", "the mutex is made once");
     const int begun = fault::watch("pthread_mutexattr_init");
     const int typed = fault::watch("pthread_mutexattr_settype");
     const int made = fault::watch("pthread_mutex_init");
@@ -300,6 +315,8 @@ TEST_F(LockFailure, OfTheAttributesSkipsWhatIsBehindThem)
 
 TEST_F(LockFailure, OfTheTypeSkipsTheMutexAndStartsAfresh)
 {
+    fault_row("tty_lib_lock_init", "pthread_mutexattr_settype", "ENOMEM",
+              "nothing: it is tried again", "", "the mutex is made once");
     const int begun = fault::watch("pthread_mutexattr_init");
     const int typed = fault::watch("pthread_mutexattr_settype");
     const int made = fault::watch("pthread_mutex_init");
@@ -312,6 +329,10 @@ TEST_F(LockFailure, OfTheTypeSkipsTheMutexAndStartsAfresh)
 
 TEST_F(LockFailure, IsRepeatedWithoutLimitAndWithoutPause)
 {
+    fault_row("tty_lib_lock_init", "pthread_mutex_init", "EAGAIN",
+              "nothing, after 1000 attempts without a pause",
+              "%s(line %d:pid %d:tid:%d): lock init err:%s\r\n",
+              "one line for each attempt, on the console");
     make_console();
     const int failed = fault::watch("pthread_mutex_init");
     const int sleeps = fault::watch("usleep");
@@ -466,6 +487,9 @@ TEST_F(SignalMask, IsThatOfTheCallingThreadOnly)
 
 TEST_F(SignalMask, ThatCannotBeReadIsReportedAndNothingIsBlocked)
 {
+    fault_row("ttylib_set_sigproc", "pthread_sigmask", "EINVAL", "nothing",
+              "%s(line %d:pid %d:tid %d): sigprocmask fail errno:%d, %s\n",
+              "no signal blocked");
     const int fills = fault::watch("sigfillset");
     const int changes = fault::watch("pthread_sigmask");
     fault::fail("pthread_sigmask", 1, EINVAL);
@@ -479,6 +503,9 @@ TEST_F(SignalMask, ThatCannotBeReadIsReportedAndNothingIsBlocked)
 
 TEST_F(SignalMask, SetThatCannotBeFilledIsReportedAndNothingIsBlocked)
 {
+    fault_row("ttylib_set_sigproc", "sigfillset", "EFAULT", "nothing",
+              "%s(line %d:pid %d:tid %d): sigfillset fail errno:%d, %s\n",
+              "no signal blocked");
     const int changes = fault::watch("pthread_sigmask");
     fault::fail("sigfillset", 1, EFAULT);
     ttylib_set_sigproc();
@@ -490,6 +517,9 @@ TEST_F(SignalMask, SetThatCannotBeFilledIsReportedAndNothingIsBlocked)
 
 TEST_F(SignalMask, ThatCannotBeChangedIsReported)
 {
+    fault_row("ttylib_set_sigproc", "pthread_sigmask", "EPERM", "nothing",
+              "%s(line %d:pid %d:tid %d): sigprocmask1 fail errno:%d, %s\n",
+              "no signal blocked");
     fault::fail("pthread_sigmask", 2, EPERM);
     ttylib_set_sigproc();
     EXPECT_EQ(log(),
@@ -499,6 +529,9 @@ TEST_F(SignalMask, ThatCannotBeChangedIsReported)
 
 TEST_F(SignalMask, ThatCannotBeRestoredIsReportedAndStays)
 {
+    fault_row("ttylib_unset_sigproc", "pthread_sigmask", "EINVAL", "nothing",
+              "%s(line %d:pid %d:tid %d): sig unset fail errno:%d, %s\n",
+              "all signals stay blocked");
     ttylib_set_sigproc();
     fault::fail("pthread_sigmask", 1, EINVAL, 1, fault::only_what(SIG_SETMASK));
     ttylib_unset_sigproc();
@@ -556,6 +589,9 @@ TEST_F(CriticalSection, TakesTheLockBeforeTheMaskAndReleasesItAfterwards)
 
 TEST_F(CriticalSection, GoesOnWhenTheMaskCannotBeChanged)
 {
+    fault_row("ttylib_leave", "pthread_sigmask", "EINVAL", "nothing",
+              "%s(line %d:pid %d:tid %d): sig unset fail errno:%d, %s\n",
+              "the lock released");
     fault::fail("pthread_sigmask", 1, EINVAL, fault::ALWAYS);
     ttylib_enter();
     ttylib_leave();

@@ -9,6 +9,7 @@
 #include <ttyline/tty.h>
 
 #include "common/timestamp.h"
+#include "tests/support/fault_row.h"
 #include "tests/unit/console_fixture.h"
 #include "tests/unit/tty_fixture.h"
 
@@ -102,6 +103,8 @@ TEST_F(Log, Of1048576BytesIsNotEmptied)
 
 TEST_F(Log, ErrnoIsKeptAfterAWrittenLine)
 {
+    fault_row("tty_debug_msg", "write", "EINTR, ENOSPC", "errno as it was", "",
+              "");
     fault::fail("write", 1, EINTR);
     errno = ENOTTY;
     tty_debug_msg(0, "one\n");
@@ -265,6 +268,9 @@ TEST_F(LogAtRoot, UnopenedFileSendsTheLineToTheConsole)
 
 TEST_F(LogAtRoot, EveryReasonOfAFailedOpenCounts)
 {
+    fault_row("tty_debug_msg", "open", "ENOENT, EACCES, EMFILE, EROFS, ENOSPC",
+              "nothing", "",
+              "the line is on the console, if its switch file is there");
     make_console();
     console_on();
     for (const int error : {ENOENT, EACCES, EMFILE, EROFS, ENOSPC}) {
@@ -285,6 +291,8 @@ TEST_F(LogAtRoot, WithoutTheConsoleSwitchTheLineIsDropped)
 
 TEST_F(LogAtRoot, OpenFileKeepsTheConsoleQuiet)
 {
+    fault_row("tty_debug_msg", "write", "ENOSPC", "nothing", "",
+              "the line is lost; nothing on the console");
     make_console();
     console_on();
     tty_debug_msg(0, "one\n");

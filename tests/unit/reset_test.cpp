@@ -1,5 +1,6 @@
 #include <ttyline/tty.h>
 
+#include "tests/support/fault_row.h"
 #include "tty_fixture.h"
 
 class ResetTest : public tty_test
@@ -51,6 +52,7 @@ TEST_F(ResetTest, a_new_file_shows_the_order_of_the_keys)
 
 TEST_F(ResetTest, the_first_four_keys_create_no_file)
 {
+    fault_row("tty_reset_info", "open", "EACCES", "-1", "", "no file");
     // They do not even take the line's lock; the fifth does.
     fault::fail("open", 1, EACCES, 1, fault::only_path(".lock"));
     EXPECT_EQ(tty_reset_info(300), -1);
@@ -83,6 +85,8 @@ TEST_F(ResetTest, reserved_lines_are_reset_too)
 // are not.
 TEST_F(ResetTest, a_failure_leaves_the_later_keys_untouched)
 {
+    fault_row("tty_reset_info", "rename", "EIO", "-1", "",
+              "the keys before it reset, it and the later ones as they were");
     const std::vector<std::string> names = {
         "LOGNAME", "SOCKADDR", "RL_TIMEOUT", "PEERNAME", "TTYPID",
         "LOGSUCC", "MTYPE",    "SESSIONID",  "IDLE"};

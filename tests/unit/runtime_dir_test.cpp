@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
 #include "tests/support/privroot.h"
 #include "tests/support/runtime.h"
 
@@ -127,6 +128,8 @@ TEST_F(MakePath, ExistingDirectoriesAreTheNormalCase)
 
 TEST_F(MakePath, FailuresToMakeThemAreNotReportedAndNotRepeated)
 {
+    fault_row("tty_make_path", "mkdir", "EACCES", "the path", "",
+              "no directory; it is not tried again");
     fault::fail("mkdir", 1, EACCES, 2);
     EXPECT_EQ(tty_make_path(buf, sizeof buf, NAME), buf);
     EXPECT_EQ(buf, path(NAME));
@@ -138,6 +141,8 @@ TEST_F(MakePath, FailuresToMakeThemAreNotReportedAndNotRepeated)
 
 TEST_F(MakePath, TheInnerDirectoryIsTriedAlsoWhenTheOuterOneFailed)
 {
+    fault_row("tty_make_path", "mkdir", "EACCES", "the path", "",
+              "the inner directory, if the outer one is there");
     ASSERT_EQ(mkdir(path("/mng").c_str(), 0777), 0);
     fault::fail("mkdir", 1, EACCES);
     tty_make_path(buf, sizeof buf, NAME);

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "tests/support/descriptors.h"
+#include "tests/support/fault_row.h"
 #include "tests/support/wait.h"
 #include "tests/unit/console_fixture.h"
 #include "tests/unit/lock_holder.h"
@@ -282,6 +283,9 @@ TEST_F(Set, EmptyValueOnALineWithAFileIsStored)
 
 TEST_F(Set, EmptyValueIsNotDroppedWhenTheFileCannotBeLookedFor)
 {
+    fault_row("tty_set_member", "access", "EACCES", "-1",
+              "%s(ttyno %d:pid %d:tid %d): %s file %s fail errno:%d, %s\n",
+              "the lock file; no file is created");
     fault::fail("access", 1, EACCES, fault::ALWAYS,
                 fault::only_path(".tty_info_"));
     EXPECT_EQ(set("HOME", ""), -1);
@@ -428,6 +432,9 @@ TEST_F(Set, OtherLinesAreNotLocked)
 
 TEST_F(Set, LockFileThatCannotBeOpenedIsReported)
 {
+    fault_row("tty_set_member", "open", "EISDIR", "-1",
+              "%s(ttyno %d:pid %d:tid %d): %s file %s fail errno:%d, %s\n",
+              "the old content");
     store("HOME=old\r\n");
     ASSERT_EQ(mkdir(lock_file().c_str(), 0777), 0);
     EXPECT_EQ(set("HOME", "new"), -1);
@@ -437,6 +444,10 @@ TEST_F(Set, LockFileThatCannotBeOpenedIsReported)
 
 TEST_F(Set, LockThatCannotBeTakenIsReportedWithTheRequest)
 {
+    fault_row("tty_set_member", "fcntl", "ENOLCK", "-1",
+              "%s(ttyno %d:pid %d:tid %d): failed in func: %s, line: %d member "
+              "%s save buf %s\n",
+              "no file, nothing unlocked");
     fault::fail("fcntl", 1, ENOLCK, 1, fault::only_what(F_SETLKW));
     const int unlocks = fault::watch("fcntl", fault::only_what(F_SETLK));
     EXPECT_EQ(set("HOME", "/root"), -1);
@@ -447,6 +458,9 @@ TEST_F(Set, LockThatCannotBeTakenIsReportedWithTheRequest)
 
 TEST_F(Set, FileThatCannotBeCreatedIsReported)
 {
+    fault_row("tty_set_member", "open", "EROFS", "-1",
+              "%s(ttyno %d:pid %d:tid %d): %s file %s fail errno:%d, %s\n",
+              "no file, no temporary file; the lock released");
     fault::fail("open", 2, EROFS, 1, fault::only_path(".tty_info_5"));
     EXPECT_EQ(set("HOME", "/root"), -1);
     EXPECT_EQ(log(), messages({open_failure("fopen", info(LINE), EROFS)}));
@@ -458,6 +472,9 @@ TEST_F(Set, FileThatCannotBeCreatedIsReported)
 // The next two name the other file, as programs that read the log expect.
 TEST_F(Set, FileThatCannotBeOpenedIsReportedByTheTemporaryOnesName)
 {
+    fault_row("tty_set_member", "open", "EMFILE", "-1",
+              "%s(ttyno %d:pid %d:tid %d): %s file %s fail errno:%d, %s\n",
+              "the old content; the lock released");
     store("HOME=old\r\n");
     fault::fail("open", 2, EMFILE, 1, fault::only_path(".tty_info_5"));
     EXPECT_EQ(set("HOME", "/root"), -1);
@@ -468,6 +485,9 @@ TEST_F(Set, FileThatCannotBeOpenedIsReportedByTheTemporaryOnesName)
 
 TEST_F(Set, TemporaryFileThatCannotBeOpenedIsReportedByTheFilesName)
 {
+    fault_row("tty_set_member", "open", "EISDIR", "-1",
+              "%s(ttyno %d:pid %d:tid %d): %s file %s fail errno:%d, %s\n",
+              "the old content; the lock released");
     store("HOME=old\r\n");
     ASSERT_EQ(mkdir(temporary().c_str(), 0777), 0);
     EXPECT_EQ(set("HOME", "/root"), -1);
@@ -478,6 +498,10 @@ TEST_F(Set, TemporaryFileThatCannotBeOpenedIsReportedByTheFilesName)
 
 TEST_F(Set, FailedUnlockAfterEachOfTheseIsReportedWithTheRequest)
 {
+    fault_row("tty_set_member", "fcntl", "ENOLCK", "-1, as an open had failed",
+              "%s(ttyno %d:pid %d:tid %d): failed in func: %s, line: %d member "
+              "%s save buf %s\n",
+              "the old content");
     const std::string request = failure("member HOME save buf v");
 
     fault::fail("open", 2, EROFS, 1, fault::only_path(".tty_info_5"));
@@ -502,6 +526,9 @@ TEST_F(Set, FailedUnlockAfterEachOfTheseIsReportedWithTheRequest)
 
 TEST_F(Set, FinalUnlockThatFailsIsReportedAndTheSetSucceeds)
 {
+    fault_row("tty_set_member", "fcntl", "ENOLCK", "0",
+              "%s(ttyno %d:pid %d:tid %d): failed in func: %s, line: %d\n",
+              "the new content");
     fault::fail("fcntl", 1, ENOLCK, 1, fault::only_what(F_SETLK));
     EXPECT_EQ(set("HOME", "v"), 0);
     EXPECT_EQ(log(),
@@ -511,6 +538,9 @@ TEST_F(Set, FinalUnlockThatFailsIsReportedAndTheSetSucceeds)
 
 TEST_F(Set, FailedWriteOfAChangedKeyIsReportedAndTheCopyGoesOn)
 {
+    fault_row("tty_set_member", "write", "ENOSPC", "0",
+              "%s(ttyno %d:pid %d:tid %d): write %s=%s fail ret %d err:%s.\r\n",
+              "the file without the key");
     store("HOME=old\r\nTERM=t\r\n");
     fault::fail("write", 1, ENOSPC, 1, fault::only_path(".tmp"));
     EXPECT_EQ(set("HOME", "new"), 0);
@@ -522,6 +552,9 @@ TEST_F(Set, FailedWriteOfAChangedKeyIsReportedAndTheCopyGoesOn)
 
 TEST_F(Set, FailedWriteOfACopiedLineIsReportedAndTheCopyGoesOn)
 {
+    fault_row("tty_set_member", "write", "EIO", "0",
+              "%s(ttyno %d:pid %d:tid %d): write fail ret %d err:%s, %s.\r\n",
+              "the file without the copied line");
     store("TERM=t\r\nHOME=old\r\n");
     fault::fail("write", 1, EIO, 1, fault::only_path(".tmp"));
     EXPECT_EQ(set("HOME", "new"), 0);
@@ -532,6 +565,9 @@ TEST_F(Set, FailedWriteOfACopiedLineIsReportedAndTheCopyGoesOn)
 
 TEST_F(Set, FailedWriteOfANewKeyIsReported)
 {
+    fault_row("tty_set_member", "write", "ENOSPC", "0",
+              "%s(ttyno %d:pid %d:tid %d): write %s=%s fail ret %d err:%s.\r\n",
+              "the file as it was");
     store("TERM=t\r\n");
     fault::fail("write", 2, ENOSPC, 1, fault::only_path(".tmp"));
     EXPECT_EQ(set("HOME", "new"), 0);
@@ -543,6 +579,7 @@ TEST_F(Set, FailedWriteOfANewKeyIsReported)
 
 TEST_F(Set, ShortWritesAreCompletedWithoutAMessage)
 {
+    fault_row("tty_set_member", "write", "short", "0", "", "the new content");
     store("TERM=t\r\nHOME=old\r\n");
     fault::shorten("write", 1, 1, fault::ALWAYS, fault::only_path(".tmp"));
     EXPECT_EQ(set("HOME", "new"), 0);
@@ -552,6 +589,8 @@ TEST_F(Set, ShortWritesAreCompletedWithoutAMessage)
 
 TEST_F(Set, PartlyWrittenLineStaysAfterAnError)
 {
+    fault_row("tty_set_member", "write", "EIO", "0", "",
+              "the bytes before the error, the next line right behind them");
     store("HOME=old\r\nTERM=t\r\n");
     fault::shorten("write", 1, 4, 1, fault::only_path(".tmp"));
     fault::fail("write", 2, EIO, 1, fault::only_path(".tmp"));
@@ -561,6 +600,9 @@ TEST_F(Set, PartlyWrittenLineStaysAfterAnError)
 
 TEST_F(Set, FailedRenameIsReportedAndLeavesTheTemporaryFile)
 {
+    fault_row("tty_set_member", "rename", "EXDEV", "-1",
+              "%s(ttyno %d:pid %d:tid %d): rename(%s,%s) err[%d]:%s fail\n",
+              "the old content and the temporary file; the lock released");
     store("HOME=old\r\n");
     fault::fail("rename", 1, EXDEV);
     EXPECT_EQ(set("HOME", "new"), -1);
@@ -574,6 +616,9 @@ TEST_F(Set, FailedRenameIsReportedAndLeavesTheTemporaryFile)
 
 TEST_F(Set, UnlockAfterAFailedRenameIsNotReported)
 {
+    fault_row("tty_set_member", "fcntl", "ENOLCK",
+              "-1, as the rename had failed", "",
+              "one message, that of the rename");
     store("HOME=old\r\n");
     fault::fail("rename", 1, EXDEV);
     fault::fail("fcntl", 1, ENOLCK, 1, fault::only_what(F_SETLK));
@@ -594,6 +639,10 @@ TEST_F(Set, DirectoryInPlaceOfTheFileIsLeftUntouched)
 
 TEST_F(Set, FileThatCannotBeReadToItsEndIsLeftUntouched)
 {
+    fault_row("tty_set_member", "read", "EIO", "-1",
+              "%s(ttyno %d:pid %d:tid %d): failed in func: %s, line: %d member "
+              "%s save buf %s\n",
+              "the old content, no temporary file; the lock released");
     store("HOME=old\r\nTERM=t\r\n");
     const int reads = fault::watch("read", fault::only_path(".tty_info_5"));
     fault::fail("read", 11, EIO, fault::ALWAYS, fault::only_path(".tty_info_"));
@@ -607,6 +656,7 @@ TEST_F(Set, FileThatCannotBeReadToItsEndIsLeftUntouched)
 
 TEST_F(Set, SingleReadErrorsDoNotLoseALine)
 {
+    fault_row("tty_set_member", "read", "EIO", "0", "", "the new content");
     store("HOME=old\r\nTERM=t\r\n");
     fault::fail("read", 14, EIO, 3, fault::only_path(".tty_info_5"));
     EXPECT_EQ(set("HOME", "new"), 0);
@@ -615,6 +665,8 @@ TEST_F(Set, SingleReadErrorsDoNotLoseALine)
 
 TEST_F(Set, InterruptedReadsAreRepeated)
 {
+    fault_row("tty_set_member", "read", "EINTR, EAGAIN, EINPROGRESS", "0", "",
+              "the new content");
     for (const int error : {EINTR, EAGAIN, EINPROGRESS}) {
         store("HOME=old\r\nTERM=t\r\n");
         fault::fail("read", 3, error, 50, fault::only_path(".tty_info_5"));
@@ -651,6 +703,9 @@ TEST_F(Set, TracesEveryChangedLineByItsNewText)
 
 TEST_F(Set, TracesFollowTheMessagesOfFailedWrites)
 {
+    fault_row("tty_set_member", "write", "EIO", "0",
+              "%s(ttyno %d:pid %d:tid %d): write %s=%s fail ret %d err:%s.\r\n",
+              "the trace of the change, with -1 as its length");
     trace_on();
     store("HOME=old\r\n");
     fault::fail("write", 1, EIO, 1, fault::only_path(".tmp"));
