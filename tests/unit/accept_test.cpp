@@ -13,6 +13,7 @@
 #include <algorithm>
 
 #include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
 #include "vc/list.h"
 #include "vc_fixture.h"
 
@@ -230,6 +231,8 @@ TEST_F(AcceptTest, an_ipv6_connection_is_reported_with_whole_addresses)
 // The loopback has one IPv6 address only: the peer's is left out.
 TEST_F(AcceptTest, an_ipv6_peer_is_not_taken_for_the_local_end)
 {
+    fault_row("vc_accept", "getpeername", "ENOTCONN", "0", "",
+              "the report, with a peer address of zeros");
     listen_on(AF_INET6, 6);
     client();
     fault::fail("getpeername", 1, ENOTCONN);
@@ -295,6 +298,9 @@ TEST_F(AcceptTest, keepalive_times_are_set_on_inet_connections)
 
 TEST_F(AcceptTest, settings_that_fail_are_logged_in_order_and_ignored)
 {
+    fault_row("vc_accept", "setsockopt", "EPERM", "0",
+              "%s setsockopt %s fail, err:%s.\r\n",
+              "the report; four lines, one for each setting");
     listen_on(AF_INET, 6);
     client();
     fault::fail("setsockopt", 1, EPERM, fault::ALWAYS);
@@ -409,6 +415,8 @@ TEST_F(AcceptTest, without_a_callback_the_tos_is_left_alone)
 
 TEST_F(AcceptTest, a_tos_that_cannot_be_set_is_logged_and_ignored)
 {
+    fault_row("vc_accept", "setsockopt", "EPERM", "0",
+              "%s set tos fail, err:%s.\r\n", "the connection is taken");
     for (const int family : {AF_INET, AF_INET6}) {
         listen_on(family, 6);
         srv_.reg.tos_func = answer_tos;
@@ -471,6 +479,8 @@ TEST_F(AcceptTest, one_call_takes_one_connection)
 
 TEST_F(AcceptTest, an_accept_that_fails_is_logged)
 {
+    fault_row("vc_accept", "accept", "EMFILE", "-1",
+              "vc: accept fail, errno=%d, %s\n", "");
     listen_on(AF_INET, 6);
     client();
     fault::fail("accept", 1, EMFILE);
@@ -479,6 +489,54 @@ TEST_F(AcceptTest, an_accept_that_fails_is_logged)
               (std::vector<std::string>{
                   "vc: accept fail, errno=" + std::to_string(EMFILE) + ", " +
                   strerror(EMFILE) + "\n"}));
+}
+
+// The client may have gone, or descriptors may be short for a while: the
+// client that waits then is taken by a later call.
+TEST_F(AcceptTest, after_any_failure_of_accept_the_next_call_takes_the_client)
+{
+    fault_row("vc_accept", "accept",
+              "ECONNABORTED, EINTR, EAGAIN, EMFILE, ENFILE, ENOMEM, EPERM",
+              "-1", "vc: accept fail, errno=%d, %s\n",
+              "the client is taken by the next call; the inetd hears of it "
+              "then");
+    for (const int error :
+         {ECONNABORTED, EINTR, EAGAIN, EMFILE, ENFILE, ENOMEM, EPERM}) {
+        listen_on(AF_INET, 6);
+        client();
+        fault::fail("accept", 1, error);
+        EXPECT_EQ(vc_accept(inetd_fd_, &srv_), -1);
+        fault::reset();
+        EXPECT_EQ(messages(),
+                  (std::vector<std::string>{
+                      "vc: accept fail, errno=" + std::to_string(error) + ", " +
+                      strerror(error) + "\n"}));
+        EXPECT_TRUE(sent().empty());
+        EXPECT_EQ(vc_accept(inetd_fd_, &srv_), 0);
+        EXPECT_EQ(sent().size(), 1u);
+        messages();
+        close(entry(0)->fd);
+        vc_accept_drop(entry(0));
+    }
+}
+
+TEST_F(AcceptTest, a_listener_that_cannot_be_asked_is_left_for_later)
+{
+    fault_row("vc_accept", "poll", "EINTR, ENOMEM", "-1", "",
+              "the client is taken by the next call");
+    listen_on(AF_INET, 6);
+    client();
+    const int accepts = fault::watch("accept");
+    fault::fail("poll", 1, EINTR);
+    fault::fail("poll", 2, ENOMEM);
+    EXPECT_EQ(vc_accept(inetd_fd_, &srv_), -1);
+    EXPECT_EQ(vc_accept(inetd_fd_, &srv_), -1);
+    EXPECT_EQ(fault::seen(accepts), 0);
+    EXPECT_TRUE(messages().empty());
+    EXPECT_EQ(vc_accept(inetd_fd_, &srv_), 0);
+    EXPECT_EQ(sent().size(), 1u);
+    close(entry(0)->fd);
+    vc_accept_drop(entry(0));
 }
 
 TEST_F(AcceptTest, a_listener_without_a_client_is_not_waited_for)
@@ -490,6 +548,10 @@ TEST_F(AcceptTest, a_listener_without_a_client_is_not_waited_for)
 
 TEST_F(AcceptTest, addresses_that_cannot_be_read_are_zero)
 {
+    fault_row("vc_accept", "getsockname", "ENOBUFS", "0", "",
+              "the report, with addresses and ports of zeros");
+    fault_row("vc_accept", "getpeername", "ENOTCONN", "0", "",
+              "the report, with addresses and ports of zeros");
     listen_on(AF_INET, 6);
     client();
     fault::fail("getsockname", 1, ENOBUFS);
@@ -505,6 +567,9 @@ TEST_F(AcceptTest, addresses_that_cannot_be_read_are_zero)
 
 TEST_F(AcceptTest, without_memory_the_socket_stays_open_and_unreported)
 {
+    fault_row("vc_accept", "malloc", "ENOMEM", "-1",
+              "vc: malloc accpet_fd fail at %s, line:%d\n",
+              "the socket stays open, the inetd hears nothing");
     listen_on(AF_UNIX, 7);
     client();
     const int next = dup(0);
@@ -523,6 +588,9 @@ TEST_F(AcceptTest, without_memory_the_socket_stays_open_and_unreported)
 
 TEST_F(AcceptTest, a_report_that_cannot_be_sent_is_rolled_back)
 {
+    fault_row("vc_accept", "write", "EPIPE", "-1",
+              "vc: send daemon fail, socket dup rollback\n",
+              "the socket closed, nothing on the accept list");
     listen_on(AF_INET, 6);
     const int peer = client();
     fault::fail("write", 1, EPIPE, 1, fault::only_fd(inetd_fd_));
@@ -538,6 +606,14 @@ TEST_F(AcceptTest, a_report_that_cannot_be_sent_is_rolled_back)
 // The kernel may lack TIPC: the addresses are left as the kernel left them.
 TEST_F(AcceptTest, tipc_connections_are_reported_by_fixed_ports)
 {
+    fault_row("vc_accept", "getsockname", "ENOBUFS", "0",
+              "vc:accept a tipc socket, %s: addrtype(%d), scope(%d), "
+              "nameseq_type(%d), nameseq_lower(%d), nameseq_upper(%d)\n",
+              "the report; addresses of zeros in the log");
+    fault_row("vc_accept", "getpeername", "ENOBUFS", "0",
+              "vc:accept a tipc socket, %s: addrtype(%d), scope(%d), "
+              "nameseq_type(%d), nameseq_lower(%d), nameseq_upper(%d)\n",
+              "the report; addresses of zeros in the log");
     const struct {
         uint32_t protocol;
         int port;

@@ -211,6 +211,17 @@ TEST_F(Console, MessageIsDroppedWhenItCannotBeOpened)
     EXPECT_EQ(fault::seen(writes), 0);
 }
 
+TEST_F(Console, MessageThatCannotBeWrittenIsDropped)
+{
+    fault_row("tty_log_msg", "write", "EIO", "nothing", "",
+              "the message is lost, the console closed");
+    make_console();
+    fault::fail("write", 1, EIO);
+    tty_log_msg("lost");
+    tty_log_msg("text");
+    EXPECT_EQ(console(), "text");
+}
+
 TEST_F(Console, ShortWritesAreCompleted)
 {
     fault_row("tty_log_msg", "write", "short", "nothing", "",

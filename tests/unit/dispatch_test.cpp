@@ -13,6 +13,7 @@
 #include <algorithm>
 
 #include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
 #include "tests/support/wait.h"
 #include "vc/accept.h"
 #include "vc/list.h"
@@ -290,8 +291,62 @@ TEST_F(DispatchTest, a_failure_after_the_record_gives_clean_and_echo)
     }
 }
 
+// What the inetd hears of a line that could not be used.
+TEST_F(DispatchTest, a_session_without_memory_is_refused_and_its_socket_closed)
+{
+    fault_row("vc_deal_msg", "calloc", "ENOMEM", "0",
+              "vc: client alloc fail\r\n",
+              "the socket closed; the inetd hears 0x002 once");
+    fault_row("vc_deal_msg", "posix_openpt", "ENOSPC", "0",
+              "vc: client alloc fail\r\n",
+              "the socket closed; the inetd hears 0x002 once");
+    add(plain(AF_INET, 23, nullptr, 6));
+    for (const char *call : {"calloc", "posix_openpt"}) {
+        const int fd = connection();
+        fault::fail(call, 1, call[0] == 'c' ? ENOMEM : ENOSPC);
+        EXPECT_EQ(deal(assignment(300, fd, 23)), 0);
+        fault::reset();
+        EXPECT_FALSE(is_open(fd));
+        EXPECT_EQ(vc_child_at(300), nullptr);
+        const auto records = sent();
+        ASSERT_EQ(records.size(), 1u);
+        EXPECT_EQ(records[0].vc_flag, 0x002u);
+        EXPECT_EQ(records[0].sockfd, fd);
+        EXPECT_TRUE(logged("vc: client alloc fail\r\n"));
+    }
+}
+
+TEST_F(DispatchTest, a_session_without_process_is_cleaned_and_refused)
+{
+    fault_row("vc_deal_msg", "fork", "EAGAIN", "0", "vc: client alloc fail\r\n",
+              "the socket closed; the inetd hears 0x002 twice");
+    fault_row("vc_deal_msg", "socketpair", "ENFILE", "0",
+              "vc: client alloc fail\r\n",
+              "the socket closed; the inetd hears 0x002 twice");
+    add(plain(AF_INET, 23, nullptr, 6));
+    for (const char *call : {"fork", "socketpair"}) {
+        const int fd = connection();
+        fault::fail(call, 1, call[0] == 'f' ? EAGAIN : ENFILE);
+        EXPECT_EQ(deal(assignment(300, fd, 23)), 0);
+        fault::reset();
+        EXPECT_FALSE(is_open(fd));
+        EXPECT_EQ(vc_child_at(300), nullptr);
+        const auto records = sent();
+        ASSERT_EQ(records.size(), 2u);
+        EXPECT_EQ(records[0].vc_flag, 0x002u);
+        EXPECT_EQ(records[1].vc_flag, 0x002u);
+        EXPECT_TRUE(logged("vc: client alloc fail\r\n"));
+    }
+    // The next one gets its session.
+    EXPECT_EQ(deal(assignment(300, connection(), 23)), 0);
+    EXPECT_NE(vc_child_at(300), nullptr);
+}
+
 TEST_F(DispatchTest, an_answer_that_cannot_be_sent_is_logged_only)
 {
+    fault_row("vc_deal_msg", "write", "EPIPE", "0",
+              "vc:send msg fail, vc_flag: %x, error: %s\r\n",
+              "the session; the inetd does not hear of it");
     add(plain(AF_INET, 23, nullptr, 6));
     fault::fail("write", 1, EPIPE, 1, fault::only_fd(inetd_fd_));
     EXPECT_EQ(deal(assignment(300, connection(), 23)), 0);
@@ -476,6 +531,8 @@ TEST_F(DispatchTest, a_service_stopped_during_its_permit_stays_stopped)
 
 TEST_F(DispatchTest, a_listener_that_fails_is_answered_and_loses_the_inetd)
 {
+    fault_row("vc_deal_msg", "listen", "EADDRINUSE", "-1", "",
+              "the listeners of the protocol closed; the inetd hears 0x010");
     add(plain(AF_INET, 23, nullptr, 6));
     add(plain(AF_INET, 24, nullptr, 6));
     add(plain(AF_INET, 25, nullptr, 1));
@@ -504,6 +561,8 @@ TEST_F(DispatchTest, a_listener_that_fails_is_answered_and_loses_the_inetd)
 
 TEST_F(DispatchTest, protocols_5_and_11_fail_together)
 {
+    fault_row("vc_deal_msg", "listen", "EADDRINUSE", "-1", "",
+              "the listeners of protocols 5 and 11 closed");
     for (const int failing : {5, 11}) {
         add(plain(AF_INET, 100 + failing, nullptr, 5));
         add(plain(AF_INET, 200 + failing, nullptr, 11));
@@ -535,6 +594,7 @@ TEST_F(DispatchTest, protocols_5_and_11_do_not_fail_with_another)
 
 TEST_F(DispatchTest, sessions_survive_a_listener_that_fails)
 {
+    fault_row("vc_deal_msg", "listen", "EADDRINUSE", "-1", "", "the sessions");
     add(plain(AF_INET, 23, nullptr, 6));
     open_session(300, 23);
     fault::fail("listen", 1, EADDRINUSE);
@@ -544,6 +604,8 @@ TEST_F(DispatchTest, sessions_survive_a_listener_that_fails)
 
 TEST_F(DispatchTest, a_failure_answer_that_cannot_be_sent_is_logged)
 {
+    fault_row("vc_deal_msg", "write", "EPIPE", "-1, as a listen had failed",
+              "vc:send msg fail, vc_flag: %x, error: %s\r\n", "");
     add(plain(AF_INET, 23, nullptr, 6));
     fault::fail("listen", 1, EADDRINUSE);
     fault::fail("write", 1, EPIPE, 1, fault::only_fd(inetd_fd_));
@@ -600,6 +662,8 @@ TEST_F(DispatchTest, a_second_path_permit_keeps_the_first_listener)
 
 TEST_F(DispatchTest, a_path_that_fails_is_answered_and_left_open)
 {
+    fault_row("vc_deal_msg", "listen", "EADDRINUSE", "-1", "",
+              "the old listener stays open; the inetd hears 0x100");
     const std::string name = path("/s");
     add(plain(AF_UNIX, 0, name.c_str(), 7));
     add(plain(AF_UNIX, 0, "/elsewhere", 7));
@@ -619,6 +683,29 @@ TEST_F(DispatchTest, a_path_that_fails_is_answered_and_left_open)
     EXPECT_EQ(service(0)->listen_fd, listener);
     EXPECT_TRUE(is_open(listener));
     EXPECT_EQ(service(1)->flags, SRV_ANNOUNCED);
+}
+
+TEST_F(DispatchTest, without_a_socket_both_kinds_of_permit_fail)
+{
+    fault_row("vc_deal_msg", "socket", "EMFILE", "-1",
+              "vc: open socket failed, errno=%d %s\r\n",
+              "the service unannounced; the inetd hears 0x010 or 0x100");
+    const std::string name = path("/s");
+    add(plain(AF_INET, 23, nullptr, 6));
+    add(plain(AF_UNIX, 0, name.c_str(), 7));
+    service(0)->flags = SRV_ANNOUNCED;
+    service(1)->flags = SRV_ANNOUNCED;
+    fault::fail("socket", 1, EMFILE, 2);
+    EXPECT_EQ(deal(permit(AF_INET, 23, 6)), -1);
+    EXPECT_TRUE(logged("vc: open socket failed, errno=" + number(EMFILE) + " " +
+                       strerror(EMFILE) + "\r\n"));
+    EXPECT_EQ(deal(path_permit(name, 7)), -1);
+    const auto records = sent();
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0].vc_flag, 0x010u);
+    EXPECT_EQ(records[1].vc_flag, 0x100u);
+    EXPECT_EQ(service(0)->flags, 0u);
+    EXPECT_EQ(service(1)->flags, 0u);
 }
 
 TEST_F(DispatchTest, a_path_without_terminator_is_refused)
@@ -701,6 +788,8 @@ TEST_F(DispatchTest, a_delete_of_another_process_resets_all_the_same)
 
 TEST_F(DispatchTest, a_short_record_resets_everything)
 {
+    fault_row("vc_deal_msg", "recv", "short", "-1",
+              "vc: recv fail ret %d, err[%d]:%s\n", "no session");
     add(plain(AF_INET, 23, nullptr, 6));
     open_session(300, 23);
     messages();
@@ -742,6 +831,8 @@ TEST_F(DispatchTest, the_reset_ends_sessions_then_listeners_then_accepts)
 
 TEST_F(DispatchTest, the_end_of_the_stream_is_a_lost_connection)
 {
+    fault_row("vc_deal_msg", "recv", "end of file", "-1",
+              "vc: recv fail ret %d, err[%d]:%s\n", "");
     add(plain(AF_INET, 23, nullptr, 6));
     shutdown(far_end_, SHUT_WR);
     EXPECT_EQ(vc_deal_msg(inetd_fd_), -1);
@@ -750,11 +841,37 @@ TEST_F(DispatchTest, the_end_of_the_stream_is_a_lost_connection)
 
 TEST_F(DispatchTest, a_receive_error_is_a_lost_connection)
 {
+    fault_row("vc_deal_msg", "recv", "ECONNRESET", "-1",
+              "vc: recv fail ret %d, err[%d]:%s\n", "");
     add(plain(AF_INET, 23, nullptr, 6));
     fault::fail("recv", 1, ECONNRESET);
     EXPECT_EQ(vc_deal_msg(inetd_fd_), -1);
     EXPECT_EQ(messages()[1], "vc: recv fail ret -1, err[" + number(ECONNRESET) +
                                  "]:" + strerror(ECONNRESET) + "\n");
+}
+
+// Nothing is received a second time: what interrupts or delays the call loses
+// the connection, too.
+TEST_F(DispatchTest, an_interrupted_receive_is_a_lost_connection_too)
+{
+    fault_row("vc_deal_msg", "recv", "EINTR, EAGAIN", "-1",
+              "vc: recv fail ret %d, err[%d]:%s\n",
+              "every listener closed, every service unannounced");
+    for (const int error : {EINTR, EAGAIN}) {
+        add(plain(AF_INET, 23, nullptr, 6));
+        const int listener = dup(0);
+        service(0)->listen_fd = listener;
+        service(0)->flags = SRV_ANNOUNCED;
+        messages();
+        fault::fail("recv", 1, error);
+        EXPECT_EQ(vc_deal_msg(inetd_fd_), -1);
+        fault::reset();
+        EXPECT_EQ(messages()[1], "vc: recv fail ret -1, err[" + number(error) +
+                                     "]:" + strerror(error) + "\n");
+        EXPECT_FALSE(is_open(listener));
+        EXPECT_EQ(service(0)->flags, 0u);
+        vc_service_del(23);
+    }
 }
 
 TEST_F(DispatchTest, the_reset_clears_flags_but_keeps_protocol_11_closed)
@@ -771,6 +888,9 @@ TEST_F(DispatchTest, the_reset_clears_flags_but_keeps_protocol_11_closed)
 
 TEST_F(DispatchTest, the_reset_logs_each_listener_it_closes)
 {
+    fault_row("vc_deal_msg", "close", "EIO", "-1, as at any reset",
+              "(vc:%d):%s close listen fd(%d) failed, err %s.\r\n",
+              "the listener's number is kept");
     add(plain(AF_INET, 23, nullptr, 6));
     add(plain(AF_INET, 24, nullptr, 6));
     const int good = dup(0);

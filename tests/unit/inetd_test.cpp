@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
 #include "vc/read_set.h"
 #include "vc_fixture.h"
 
@@ -74,12 +75,16 @@ TEST_F(InetdTest, the_send_buffer_is_4096_bytes)
 
 TEST_F(InetdTest, an_absent_inetd_is_reported)
 {
+    fault_row("vc_connect", "connect", "ENOENT", "-1 and the errno",
+              "vc: sock fail, err %s\n", "the socket closed");
     expect_failure(ENOENT, std::string("vc: sock fail, err ") +
                                strerror(ENOENT) + "\n");
 }
 
 TEST_F(InetdTest, an_inetd_that_does_not_listen_is_reported)
 {
+    fault_row("vc_connect", "connect", "ECONNREFUSED", "-1 and the errno",
+              "vc: sock fail, err %s\n", "the socket closed");
     listen_as_inetd();
     close(listener_);
     listener_ = -1;
@@ -89,6 +94,8 @@ TEST_F(InetdTest, an_inetd_that_does_not_listen_is_reported)
 
 TEST_F(InetdTest, a_socket_that_cannot_be_made_is_reported)
 {
+    fault_row("vc_connect", "socket", "EMFILE", "-1 and the errno",
+              "vc: sock create fail, err %s\n", "");
     fault::fail("socket", 1, EMFILE);
     expect_failure(EMFILE, std::string("vc: sock create fail, err ") +
                                strerror(EMFILE) + "\n");
@@ -96,9 +103,39 @@ TEST_F(InetdTest, a_socket_that_cannot_be_made_is_reported)
 
 TEST_F(InetdTest, a_buffer_that_cannot_be_set_is_reported)
 {
+    fault_row("vc_connect", "setsockopt", "ENOBUFS", "-1 and the errno",
+              "vc:set sndbuf %d error: %s.\n", "the socket closed");
     fault::fail("setsockopt", 1, ENOBUFS);
     expect_failure(ENOBUFS, std::string("vc:set sndbuf 4096 error: ") +
                                 strerror(ENOBUFS) + ".\n");
+}
+
+TEST_F(InetdTest, an_interrupted_connection_is_a_failure)
+{
+    fault_row("vc_connect", "connect", "EINTR, EAGAIN", "-1 and the errno",
+              "vc: sock fail, err %s\n", "the socket closed");
+    listen_as_inetd();
+    for (const int error : {EINTR, EAGAIN}) {
+        fault::fail("connect", 1, error);
+        expect_failure(error, std::string("vc: sock fail, err ") +
+                                  strerror(error) + "\n");
+    }
+}
+
+TEST_F(InetdTest, settings_of_the_connection_that_fail_are_ignored)
+{
+    fault_row("vc_connect", "fcntl", "EIO", "the connection", "", "");
+    fault_row("vc_connect", "ioctl", "EIO", "the connection", "", "");
+    listen_as_inetd();
+    fault::fail("fcntl", 1, EIO, 1, fault::only_what(F_SETFD));
+    fault::fail("ioctl", 1, EIO);
+    const int fd = vc_connect();
+    EXPECT_GE(fd, 0);
+    // It was asked for when the socket was made, too.
+    fault::reset();
+    EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
+    EXPECT_TRUE(messages().empty());
+    close(fd);
 }
 
 TEST_F(InetdTest, a_path_that_does_not_fit_is_reported)

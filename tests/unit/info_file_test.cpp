@@ -258,6 +258,15 @@ TEST_F(ReadLine, ErrorBeforeTheFirstByteGivesZero)
     EXPECT_EQ(tty_log(), messages());
 }
 
+TEST_F(ReadLine, FailuresOfTheFlagCallsAreIgnored)
+{
+    fault_row("tty_read_line", "fcntl", "EIO", "the whole line", "", "");
+    open_with("one\n");
+    fault::fail("fcntl", 1, EIO, 2);
+    EXPECT_EQ(read_line(), 4);
+    EXPECT_EQ(fault::calls("fcntl"), 2);
+}
+
 class NextPiece : public ReadLine
 {
 };

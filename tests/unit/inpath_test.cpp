@@ -14,6 +14,7 @@
 #include <algorithm>
 
 #include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
 #include "tests/support/wait.h"
 #include "vc/session.h"
 #include "vc_fixture.h"
@@ -217,6 +218,8 @@ TEST_F(InpathTest, descriptor_0_is_one_like_others)
 
 TEST_F(InpathTest, alloc_without_memory_fails)
 {
+    fault_row("vc_inpath_alloc_func", "calloc", "ENOMEM", "-1", "",
+              "no record");
     fault::fail("calloc", 1, ENOMEM);
     EXPECT_EQ(alloc(300), -1);
     EXPECT_EQ(sessions(), 0);
@@ -250,6 +253,7 @@ TEST_F(InpathTest, write_moves_the_other_way)
 
 TEST_F(InpathTest, nothing_pending_is_no_failure)
 {
+    fault_row("vc_inpath_transfer_msg", "read", "EAGAIN", "0", "", "");
     ASSERT_EQ(alloc(300), 0);
     EXPECT_EQ(vc_inpath_read_func(300), 0);
     EXPECT_EQ(vc_inpath_write_func(300), 0);
@@ -295,6 +299,8 @@ TEST_F(InpathTest, the_first_record_of_a_line_counts)
 
 TEST_F(InpathTest, a_client_that_closes_fails_the_next_read)
 {
+    fault_row("vc_inpath_transfer_msg", "read", "end of file", "-1",
+              "vc: %s %s %d fail %s\r\n", "");
     ASSERT_EQ(alloc(300), 0);
     ASSERT_TRUE(type(client_[1], "last"));
     shutdown(client_[1], SHUT_WR);
@@ -329,6 +335,8 @@ TEST_F(InpathTest, negative_descriptors_are_refused)
 
 TEST_F(InpathTest, a_failed_write_ends_the_transfer)
 {
+    fault_row("vc_inpath_transfer_msg", "write", "EIO", "-1",
+              "vc: %s %s %d fail %s\r\n", "");
     ASSERT_TRUE(type(client_[1], "text"));
     fault::fail("write", 1, EIO, 1, fault::only_fd(master_fd_));
     EXPECT_EQ(vc_inpath_transfer_msg(sockfd_, master_fd_), -1);
@@ -339,6 +347,8 @@ TEST_F(InpathTest, a_failed_write_ends_the_transfer)
 
 TEST_F(InpathTest, a_failed_read_ends_the_transfer)
 {
+    fault_row("vc_inpath_transfer_msg", "read", "EIO", "-1",
+              "vc: %s %s %d fail %s\r\n", "");
     fault::fail("read", 1, EIO, 1, fault::only_fd(sockfd_));
     EXPECT_EQ(vc_inpath_transfer_msg(sockfd_, master_fd_), -1);
     EXPECT_EQ(messages(),
@@ -349,6 +359,8 @@ TEST_F(InpathTest, a_failed_read_ends_the_transfer)
 // The relay logs errno after the callback has failed.
 TEST_F(InpathTest, a_log_that_cannot_be_opened_keeps_the_reason)
 {
+    fault_row("vc_inpath_transfer_msg", "open", "EMFILE",
+              "the errno of the read or write that failed", "", "");
     fault::fail("open", 1, EMFILE, fault::ALWAYS,
                 fault::only_path(".vc_dump.txt"));
     fault::fail("read", 1, EIO, 1, fault::only_fd(sockfd_));
@@ -363,8 +375,21 @@ TEST_F(InpathTest, a_log_that_cannot_be_opened_keeps_the_reason)
 
 TEST_F(InpathTest, an_interrupted_read_is_done_again)
 {
+    fault_row("vc_inpath_transfer_msg", "read", "EINTR", "0", "",
+              "all bytes moved");
     ASSERT_TRUE(type(client_[1], "text"));
     fault::fail("read", 1, EINTR, 3, fault::only_fd(sockfd_));
+    EXPECT_EQ(vc_inpath_transfer_msg(sockfd_, master_fd_), 0);
+    EXPECT_EQ(arrived(terminal_[1]), "text");
+}
+
+TEST_F(InpathTest, a_short_or_interrupted_write_is_completed)
+{
+    fault_row("vc_inpath_transfer_msg", "write", "short, EINTR", "0", "",
+              "all bytes moved");
+    ASSERT_TRUE(type(client_[1], "text"));
+    fault::shorten("write", 1, 1, 1, fault::only_fd(master_fd_));
+    fault::fail("write", 2, EINTR, 2, fault::only_fd(master_fd_));
     EXPECT_EQ(vc_inpath_transfer_msg(sockfd_, master_fd_), 0);
     EXPECT_EQ(arrived(terminal_[1]), "text");
 }
@@ -554,6 +579,9 @@ TEST_F(InpathTest, the_console_does_not_inherit_the_sessions_descriptors)
 
 TEST_F(InpathTest, a_console_that_cannot_be_found_is_reported)
 {
+    fault_row("vc_inpath_shell_func", "execvp", "ENOENT",
+              "the child ends with status 0",
+              "vc: can't execute program, %s not found, err: %s\n", "");
     int status = -1;
     setenv("PATH", "/nonexistent", 1);
     EXPECT_EQ(shell(300, "/dev/pts/9", &status),
@@ -585,6 +613,12 @@ TEST_F(InpathTest, a_shell_that_ends_runs_the_exit_handlers)
 
 TEST_F(InpathTest, without_memory_for_the_arguments_nothing_is_executed)
 {
+    fault_row("vc_inpath_shell_func", "strdup", "ENOMEM",
+              "the child ends with status 0", "vc:tel_shell_func over\n",
+              "nothing executed");
+    fault_row("vc_inpath_shell_func", "malloc", "ENOMEM",
+              "the child ends with status 0", "vc:tel_shell_func over\n",
+              "nothing executed");
     int status = -1;
     install_console("exit 3");
     EXPECT_EQ(shell(300, "/dev/pts/9", &status,
@@ -609,6 +643,9 @@ TEST_F(InpathTest, without_memory_for_the_arguments_nothing_is_executed)
 
 TEST_F(InpathTest, without_memory_for_the_peer_the_child_ends_at_once)
 {
+    fault_row("vc_inpath_shell_func", "malloc", "ENOMEM",
+              "the child ends with status 0", "",
+              "nothing executed, nothing logged");
     int status = -1;
     vc_child child = {};
     child.sockfd = sockfd_;

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
 #include "tests/support/wait.h"
 #include "vc/service.h"
 #include "vc/session.h"
@@ -482,6 +483,9 @@ TEST_F(ListenControlTest, an_inetd_on_descriptor_0_is_told)
 
 TEST_F(ListenControlTest, a_port_update_that_cannot_be_told_stops_there)
 {
+    fault_row("vc_service_update_port", "write", "EPIPE", "-1",
+              "vc:%s write vc_fd %d fail, err:%s.\n",
+              "services before it moved, it and the later ones as they were");
     add(plain(AF_INET, 23, nullptr, 0));
     add(plain(AF_INET6, 23, nullptr, 0));
     add(plain(30, 23, nullptr, 0));
@@ -543,6 +547,7 @@ TEST_F(ListenControlTest, tos_is_for_the_first_service_even_without_listener)
 
 TEST_F(ListenControlTest, tos_without_service_family_or_listener_fails)
 {
+    fault_row("vc_tos_set", "setsockopt", "EBADF", "-1", "", "");
     add(plain(AF_INET, 23, nullptr, 6));
     add(plain(AF_UNIX, 0, "/run/x", 7));
     errno = 0;

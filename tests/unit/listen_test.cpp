@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
 #include "vc/service.h"
 #include "vc_fixture.h"
 
@@ -248,6 +249,10 @@ TEST_F(ListenTest, services_are_announced_in_order_of_registration)
 
 TEST_F(ListenTest, a_failed_announcement_resets_every_listener)
 {
+    fault_row(
+        "vc_open_listen", "write", "EPIPE", "-1",
+        "vc:%s write vc_fd %d fail, err:%s.\n",
+        "every listener closed, every service unannounced, the lock free");
     add(plain(AF_INET, 23, nullptr, 6));
     add(plain(AF_INET, 24, nullptr, 6));
     add(plain(AF_INET, 25, nullptr, 6));
@@ -280,6 +285,10 @@ TEST_F(ListenTest, a_failed_announcement_resets_every_listener)
 
 TEST_F(ListenTest, a_listener_that_cannot_be_closed_is_kept)
 {
+    fault_row("vc_open_listen", "close", "EIO",
+              "-1, as the announcement had failed",
+              "(vc:%d):%s close listen fd(%d) failed, err %s.\r\n",
+              "the listener's number is kept");
     add(plain(AF_INET, 23, nullptr, 6));
     const int listener = dup(0);
     service(0)->listen_fd = listener;
@@ -298,12 +307,26 @@ TEST_F(ListenTest, a_listener_that_cannot_be_closed_is_kept)
 
 TEST_F(ListenTest, services_announced_before_the_failure_are_forgotten_too)
 {
+    fault_row("vc_open_listen", "write", "EPIPE", "-1", "",
+              "services announced before it are unannounced too");
     add(plain(AF_INET, 23, nullptr, 6));
     add(plain(AF_INET, 24, nullptr, 6));
     fault::fail("write", 2, EPIPE, 1, fault::only_fd(inetd_fd_));
     EXPECT_LT(vc_open_listen(inetd_fd_), 0);
     EXPECT_EQ(service(0)->flags, 0u);
     EXPECT_EQ(service(1)->flags, 0u);
+}
+
+TEST_F(ListenTest, a_short_or_interrupted_announcement_is_completed)
+{
+    fault_row("vc_open_listen", "write", "short, EINTR", "0", "",
+              "the inetd hears of the service once");
+    add(plain(AF_INET, 23, nullptr, 6));
+    fault::shorten("write", 1, 1, 1, fault::only_fd(inetd_fd_));
+    fault::fail("write", 2, EINTR, 1, fault::only_fd(inetd_fd_));
+    EXPECT_EQ(vc_open_listen(inetd_fd_), 0);
+    EXPECT_EQ(sent().size(), 1u);
+    EXPECT_EQ(service(0)->flags, SRV_ANNOUNCED);
 }
 
 TEST_F(ListenTest, a_null_permit_is_refused)
@@ -398,6 +421,25 @@ TEST_F(ListenTest, a_unix_listener_replaces_a_stale_socket_file)
     close(fd);
 }
 
+TEST_F(ListenTest, a_stale_socket_file_that_cannot_be_removed_fails_the_bind)
+{
+    fault_row("vc_listen", "unlink", "EACCES", "-1",
+              "vc: bind %ssocket failed, sk=%d/ret=%d/errno=%d,%s\r\n",
+              "the stale file; the socket closed");
+    const std::string name = path("/s");
+    const tty_cmsg msg = permit(AF_UNIX, 0);
+    support::spill(name, "");
+    fault::fail("unlink", 1, EACCES);
+    EXPECT_EQ(vc_listen(&msg, name.c_str()), -1);
+    const std::string end = "/ret=-1/errno=" + std::to_string(EADDRINUSE) +
+                            "," + strerror(EADDRINUSE) + "\r\n";
+    const auto texts = messages();
+    ASSERT_FALSE(texts.empty());
+    EXPECT_EQ(texts.back().find("vc: bind socket failed, sk="), 0u);
+    EXPECT_EQ(texts.back().substr(texts.back().size() - end.size()), end);
+    EXPECT_TRUE(support::exists(name));
+}
+
 TEST_F(ListenTest, a_path_of_63_characters_is_taken_and_64_refused)
 {
     std::string name = path("/");
@@ -484,6 +526,8 @@ TEST_F(ListenTest, a_tipc_listener_is_bound_to_its_name_sequence)
 
 TEST_F(ListenTest, a_socket_that_cannot_be_made_is_reported)
 {
+    fault_row("vc_listen", "socket", "EMFILE", "-1",
+              "vc: open socket failed, errno=%d %s\r\n", "");
     const tty_cmsg msg = permit(AF_INET, 1);
     fault::fail("socket", 1, EMFILE);
     EXPECT_EQ(vc_listen(&msg, nullptr), -1);
@@ -493,6 +537,9 @@ TEST_F(ListenTest, a_socket_that_cannot_be_made_is_reported)
 
 TEST_F(ListenTest, close_on_exec_that_fails_fails_the_listener)
 {
+    fault_row("vc_listen", "fcntl", "EINVAL", "-1",
+              "vc: fcntl socket fd failed, errno=%d %s\r\n",
+              "the socket closed");
     const tty_cmsg msg = permit(AF_INET, 1);
     fault::fail("fcntl", 1, EINVAL, 1, fault::only_what(F_SETFD));
     EXPECT_EQ(vc_listen(&msg, nullptr), -1);
@@ -514,6 +561,11 @@ class ListenOption : public ListenTest,
 
 TEST_P(ListenOption, failure_is_logged_and_fatal_or_not)
 {
+    fault_row("vc_listen", "setsockopt", "ENOBUFS",
+              "-1; the descriptor, if it was the VRF option or a path's first "
+              "SO_REUSEADDR",
+              "vc:set %s fd %d error: %s.\n",
+              "the socket closed, when it is -1");
     const OptionCase &option = GetParam();
     const std::string name = path("/s");
     tty_cmsg msg =
@@ -564,6 +616,9 @@ class ListenBind : public ListenTest,
 
 TEST_P(ListenBind, failure_is_logged_and_closes_the_socket)
 {
+    fault_row("vc_listen", "bind", "EADDRINUSE", "-1",
+              "vc: bind %ssocket failed, sk=%d/ret=%d/errno=%d,%s\r\n",
+              "the socket closed");
     const int family = GetParam().family;
     const std::string name = path("/s");
     const tty_cmsg msg = permit(family, 1);
@@ -587,6 +642,7 @@ INSTANTIATE_TEST_SUITE_P(Each, ListenBind,
 
 TEST_F(ListenTest, a_port_in_use_fails_the_bind)
 {
+    fault_row("vc_listen", "bind", "EADDRINUSE", "-1", "", "the socket closed");
     const int port = unused_port(AF_INET);
     const tty_cmsg msg = permit(AF_INET, port);
     const int fd = vc_listen(&msg, nullptr);
@@ -597,6 +653,9 @@ TEST_F(ListenTest, a_port_in_use_fails_the_bind)
 
 TEST_F(ListenTest, listen_that_fails_is_reported)
 {
+    fault_row("vc_listen", "listen", "EADDRINUSE", "-1",
+              "vc: listen socket failed, sk=%d/ret=%d/errno=%d %s\r\n",
+              "the socket closed");
     const tty_cmsg msg = permit(AF_INET, unused_port(AF_INET));
     fault::fail("listen", 1, EADDRINUSE);
     EXPECT_EQ(vc_listen(&msg, nullptr), -1);

@@ -292,6 +292,10 @@ TEST_F(LockFailure, OfEachStepIsToldOnTheConsoleAndTriedAgain)
 
 TEST_F(LockFailure, MessageCarriesTheTextOfErrno)
 {
+    fault_row("tty_lib_lock_init", "pthread_mutex_init", "ENOMEM",
+              "nothing: it is tried again",
+              "%s(line %d:pid %d:tid:%d): lock init err:%s\r\n",
+              "the line has the text of errno, not of the result");
     make_console();
     fault::fail("pthread_mutex_init", 1, ENOMEM);
     errno = EAGAIN;

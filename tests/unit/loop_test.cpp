@@ -15,6 +15,7 @@
 #include <functional>
 
 #include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
 #include "tests/support/wait.h"
 #include "vc_fixture.h"
 
@@ -105,6 +106,9 @@ static void note_pause()
 
 TEST_F(LoopTest, a_wait_that_fails_is_logged_and_followed_by_a_pause)
 {
+    fault_row("vc_service_start", "select", "ENOMEM",
+              "the loop goes on, after a pause",
+              "vc: select error, ret:%d, error:%s.\r\n", "");
     run_loop([] {
         fault::fail("select", 1, ENOMEM, 3);
         fault::run("usleep", 1, note_pause, fault::ALWAYS);
@@ -118,6 +122,8 @@ TEST_F(LoopTest, a_wait_that_fails_is_logged_and_followed_by_a_pause)
 
 TEST_F(LoopTest, an_interrupted_wait_and_a_bad_descriptor_say_nothing)
 {
+    fault_row("vc_service_start", "select", "EINTR, EBADF",
+              "the loop goes on at once", "", "");
     run_loop([] {
         fault::fail("select", 1, EINTR);
         fault::fail("select", 2, EBADF);
@@ -226,6 +232,9 @@ TEST_F(LoopTest, a_number_that_cannot_be_taken_back_is_done_without)
 
 TEST_F(LoopTest, a_first_announcement_that_fails_renews_the_connection)
 {
+    fault_row("vc_service_start", "write", "EPIPE",
+              "the loop goes on, after a pause", "",
+              "the connection to the inetd is made anew");
     run_loop([] {
         fault::fail("write", 1, EPIPE, 1, fault::only_path("socket:"));
         fault::run("usleep", 1, note_pause, fault::ALWAYS);
@@ -246,6 +255,9 @@ TEST_F(LoopTest, a_first_announcement_that_fails_renews_the_connection)
 // port update in between runs into.
 TEST_F(LoopTest, a_later_announcement_that_fails_leaves_the_number)
 {
+    fault_row("vc_service_start", "write", "EPIPE",
+              "the loop goes on, after a pause", "",
+              "the closed connection's number, until the new one is made");
     run_loop([] {
         // Between the two announcements of the first turn.
         fault::run(
@@ -274,6 +286,8 @@ TEST_F(LoopTest, a_later_announcement_that_fails_leaves_the_number)
 
 TEST_F(LoopTest, watched_descriptors_are_made_blocking)
 {
+    fault_row("vc_service_start", "select", "EINTR", "the loop goes on at once",
+              "", "watched descriptors are made blocking again");
     run_loop([] {
         fault::run(
             "waitpid", 1,

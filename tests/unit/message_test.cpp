@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
 #include "vc_fixture.h"
 
 using MessageTest = VcTest;
@@ -100,6 +101,8 @@ TEST_F(MessageTest, a_record_is_sent_whole_in_blocking_mode)
 
 TEST_F(MessageTest, a_record_written_in_pieces_arrives_whole)
 {
+    fault_row("vc_msg_send", "write", "short", "156", "",
+              "the whole record sent");
     tty_cmsg msg = {};
     msg.ttyno = 77;
     fault::shorten("write", 1, 10, 5, fault::only_fd(inetd_fd_));
@@ -109,10 +112,41 @@ TEST_F(MessageTest, a_record_written_in_pieces_arrives_whole)
 
 TEST_F(MessageTest, a_send_that_fails_leaves_the_error)
 {
+    fault_row("vc_msg_send", "write", "EPIPE", "-1 and the errno", "", "");
     tty_cmsg msg = {};
     fault::fail("write", 1, EPIPE, 1, fault::only_fd(inetd_fd_));
     EXPECT_LT(vc_msg_send(inetd_fd_, &msg), 0);
     EXPECT_EQ(errno, EPIPE);
+}
+
+TEST_F(MessageTest, an_interrupted_send_is_completed)
+{
+    fault_row("vc_msg_send", "write", "EINTR, EAGAIN", "156", "",
+              "the whole record sent");
+    tty_cmsg msg = {};
+    for (const int error : {EINTR, EAGAIN}) {
+        fault::shorten("write", 1, 100, 1, fault::only_fd(inetd_fd_));
+        fault::fail("write", 2, error, 3, fault::only_fd(inetd_fd_));
+        EXPECT_EQ(vc_msg_send(inetd_fd_, &msg), 156);
+        fault::reset();
+        EXPECT_EQ(sent().size(), 1u);
+    }
+}
+
+TEST_F(MessageTest, a_mode_that_cannot_be_set_is_ignored)
+{
+    fault_row("vc_set_bk", "ioctl", "ENOTTY", "nothing", "",
+              "the record is sent and received all the same");
+    tty_cmsg msg = {};
+    msg.ttyno = 77;
+    fault::fail("ioctl", 1, ENOTTY, 2);
+    EXPECT_EQ(vc_msg_send(inetd_fd_, &msg), 156);
+    ASSERT_EQ(sent().size(), 1u);
+    ASSERT_TRUE(give(msg));
+    tty_cmsg received = {};
+    EXPECT_EQ(vc_msg_recv(inetd_fd_, &received), 156);
+    EXPECT_EQ(received.ttyno, 77);
+    EXPECT_EQ(fault::calls("ioctl"), 2);
 }
 
 TEST_F(MessageTest, a_record_is_received_without_waiting)

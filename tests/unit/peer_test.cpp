@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
 #include "vc/session.h"
 #include "vc_fixture.h"
 
@@ -157,6 +158,9 @@ TEST_F(PeerTest, a_real_connection_shows_its_address)
 
 TEST_F(PeerTest, a_peer_that_cannot_be_asked_is_logged_and_left_out)
 {
+    fault_row("vc_service_peer", "getpeername", "ENOTCONN",
+              "the label without an address",
+              "vc: getpeername(%d) fail(%d), errno=%d %s\n", "");
     session(260, 4, 77);
     fault::fail("getpeername", 1, ENOTCONN);
     EXPECT_EQ(peer(260), "vty2");

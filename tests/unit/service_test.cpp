@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
 #include "tests/support/wait.h"
 #include "vc/list.h"
 #include "vc/session.h"
@@ -503,6 +504,9 @@ TEST_F(ServiceTest, services_come_and_go_from_several_threads)
 
 TEST_F(ServiceTest, no_memory_for_the_node_is_reported_and_nothing_kept)
 {
+    fault_row("vc_service_reg", "calloc", "ENOMEM", "-1",
+              "vc: malloc fail, srv == NULL\n",
+              "nothing registered, the lock free");
     ASSERT_EQ(registered(plain(AF_INET, 23, nullptr, 6)), 0);
     fault::fail("calloc", 1, ENOMEM);
     EXPECT_EQ(registered(plain(AF_INET, 24, nullptr, 6)), -1);
@@ -515,6 +519,9 @@ TEST_F(ServiceTest, no_memory_for_the_node_is_reported_and_nothing_kept)
 
 TEST_F(ServiceTest, no_memory_for_the_path_is_reported_and_nothing_kept)
 {
+    fault_row("vc_service_reg", "strdup", "ENOMEM", "-1",
+              "vc: strdup fail, reg->listen_path == NULL\n",
+              "nothing registered, the lock free");
     ASSERT_EQ(registered(plain(AF_INET, 23, nullptr, 6)), 0);
     fault::fail("strdup", 1, ENOMEM);
     EXPECT_EQ(registered(plain(AF_UNIX, 0, "/tmp/x", 7)), -1);
@@ -526,6 +533,10 @@ TEST_F(ServiceTest, no_memory_for_the_path_is_reported_and_nothing_kept)
 
 TEST_F(ServiceTest, a_lock_that_cannot_be_made_ends_the_process_with_0)
 {
+    fault_row("vc_service_reg", "pthread_rwlockattr_init", "ENOMEM",
+              "the process ends with status 0", "", "");
+    fault_row("vc_service_reg", "pthread_rwlock_init", "ENOMEM",
+              "the process ends with status 0", "", "");
     for (const char *call :
          {"pthread_rwlockattr_init", "pthread_rwlock_init"}) {
         const pid_t pid = fork();

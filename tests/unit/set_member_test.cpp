@@ -654,6 +654,26 @@ TEST_F(Set, FileThatCannotBeReadToItsEndIsLeftUntouched)
     EXPECT_TRUE(unlocked());
 }
 
+TEST_F(Set, TemporaryFileOfAFailedReadStaysWhenItCannotBeRemoved)
+{
+    fault_row("tty_set_member", "unlink", "EROFS", "-1, as a read had failed",
+              "%s(ttyno %d:pid %d:tid %d): failed in func: %s, line: %d member "
+              "%s save buf %s\n",
+              "the old content and the temporary file; the lock released");
+    store("HOME=old\r\n");
+    fault::fail("read", 1, EIO, fault::ALWAYS, fault::only_path(".tty_info_"));
+    fault::fail("unlink", 1, EROFS);
+    EXPECT_EQ(set("HOME", "new"), -1);
+    EXPECT_EQ(log(), messages({failure("member HOME save buf new")}));
+    EXPECT_EQ(content(), "HOME=old\r\n");
+    EXPECT_TRUE(support::exists(temporary()));
+    EXPECT_TRUE(unlocked());
+    // The next set takes the file over.
+    fault::reset();
+    EXPECT_EQ(set("HOME", "new"), 0);
+    EXPECT_EQ(content(), "HOME=new\r\n");
+}
+
 TEST_F(Set, SingleReadErrorsDoNotLoseALine)
 {
     fault_row("tty_set_member", "read", "EIO", "0", "", "the new content");

@@ -11,6 +11,7 @@
 #include <atomic>
 
 #include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
 #include "tests/support/wait.h"
 #include "vc/session.h"
 #include "vc_fixture.h"
@@ -210,6 +211,9 @@ TEST_F(SignalsTest, errno_is_the_same_after_the_handler)
 
 TEST_F(SignalsTest, an_interrupted_wait_is_logged_and_repeated)
 {
+    fault_row("vc_handle_sigchld", "waitpid", "EINTR", "nothing",
+              "telnetd: sigchld signal capture %d, errno(%d)\n",
+              "the child is reaped, its session marked");
     const pid_t pid = ending_child(0);
     const vc_child *child = session(300, pid);
     fault::fail("waitpid", 1, EINTR);
@@ -237,6 +241,9 @@ TEST_F(SignalsTest, the_loops_check_tears_the_session_down)
 
 TEST_F(SignalsTest, the_loops_check_repeats_after_an_interruption)
 {
+    fault_row("vc_check_child", "waitpid", "EINTR", "nothing",
+              "vc: child %d is captured, errno(%d): %s\n",
+              "the child is reaped, its session torn down");
     const pid_t pid = ending_child(0);
     session(300, pid);
     fault::fail("waitpid", 1, EINTR);
@@ -257,6 +264,7 @@ TEST_F(SignalsTest, the_loops_check_does_not_call_the_exit_callback)
 
 TEST_F(SignalsTest, the_loops_check_without_children_says_nothing)
 {
+    fault_row("vc_check_child", "waitpid", "ECHILD", "nothing", "", "");
     vc_check_child();
     EXPECT_TRUE(messages().empty());
 }

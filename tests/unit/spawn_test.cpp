@@ -16,6 +16,7 @@
 #include <fstream>
 
 #include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
 #include "tests/support/wait.h"
 #include "vc/service.h"
 #include "vc/session.h"
@@ -144,6 +145,8 @@ TEST_F(SpawnTest, a_taken_line_is_refused_and_left_running)
 
 TEST_F(SpawnTest, without_memory_nothing_is_done)
 {
+    fault_row("vc_child_alloc", "calloc", "ENOMEM", "a null pointer",
+              "vc: malloc fail, err:%s.\r\n", "the socket is the caller's");
     fault::fail("calloc", 1, ENOMEM);
     expect_refusal(300, std::string("vc: malloc fail, err:") +
                             strerror(ENOMEM) + ".\r\n");
@@ -151,6 +154,9 @@ TEST_F(SpawnTest, without_memory_nothing_is_done)
 
 TEST_F(SpawnTest, a_master_that_cannot_be_opened_is_named_dev_ptmx)
 {
+    fault_row("vc_child_alloc", "posix_openpt", "ENOSPC", "a null pointer",
+              "vc: can't open master pty: %s, fdm %d, err:%s.\r\n",
+              "the socket is the caller's");
     fault::fail("posix_openpt", 1, ENOSPC);
     expect_refusal(300, std::string("vc: can't open master pty: /dev/ptmx, fdm "
                                     "-1, err:") +
@@ -159,6 +165,15 @@ TEST_F(SpawnTest, a_master_that_cannot_be_opened_is_named_dev_ptmx)
 
 TEST_F(SpawnTest, each_step_of_the_master_has_its_number_and_errno)
 {
+    fault_row("vc_ptym_open", "grantpt", "EACCES", "-2 and the errno",
+              "vc: can't open master pty: %s, fdm %d, err:%s.\r\n",
+              "the master closed");
+    fault_row("vc_ptym_open", "unlockpt", "EACCES", "-3 and the errno",
+              "vc: can't open master pty: %s, fdm %d, err:%s.\r\n",
+              "the master closed");
+    fault_row("vc_ptym_open", "ptsname_r", "EACCES", "-4 and the errno",
+              "vc: can't open master pty: %s, fdm %d, err:%s.\r\n",
+              "the master closed");
     const struct {
         const char *call;
         int number;
@@ -202,6 +217,8 @@ TEST_F(SpawnTest, a_slaves_name_is_cut_to_its_buffer)
 
 TEST_F(SpawnTest, a_slave_that_cannot_be_opened_gives_minus_5)
 {
+    fault_row("vc_ptys_open", "open", "ENOENT", "-5",
+              "vc: vc ptys open %s error, err:%s.\n", "");
     EXPECT_EQ(vc_ptys_open("/nowhere/0"), -5);
     EXPECT_EQ(messages(), (std::vector<std::string>{
                               std::string("vc: vc ptys open /nowhere/0 "
@@ -242,6 +259,14 @@ TEST_F(SpawnTest, a_new_masters_settings)
 
 TEST_F(SpawnTest, settings_that_fail_are_logged_and_ignored)
 {
+    fault_row("vc_set_noecho", "tcgetattr", "EIO", "nothing",
+              "vc: set noecho tcgetattr fail, err:%s.\r\n",
+              "the session starts");
+    fault_row("vc_set_noecho", "tcsetattr", "EIO", "nothing",
+              "vc: set noecho tcsetattr fail, err:%s.\r\n",
+              "the session starts");
+    fault_row("vc_child_alloc", "tcgetattr", "EIO", "the session",
+              "vc: can't get attr %d, error:%s\n", "the session starts");
     fault::fail("tcgetattr", 1, EIO, 2);
     ASSERT_NE(start(300), nullptr);
     fault::reset();
@@ -376,6 +401,10 @@ TEST_F(SpawnTest, the_release_pair_is_closed_on_exec)
 
 TEST_F(SpawnTest, a_pair_that_cannot_be_made_ends_the_session)
 {
+    fault_row("vc_child_alloc", "socketpair", "EMFILE",
+              "a null pointer, and -1 for the socket",
+              "(vc:%d):%s socketpair failed, err: %s\r\n",
+              "the inetd hears that the line is clean");
     int sockfd = connection();
     fault::fail("socketpair", 1, EMFILE);
     EXPECT_EQ(vc_child_alloc(300, &sockfd, 23, "", inetd_fd_), nullptr);
@@ -388,6 +417,11 @@ TEST_F(SpawnTest, a_pair_that_cannot_be_made_ends_the_session)
 
 TEST_F(SpawnTest, a_fork_that_fails_ends_the_session_and_leaks_nothing)
 {
+    fault_row("vc_child_alloc", "fork", "EAGAIN",
+              "a null pointer, and -1 for the socket",
+              "vc: fork error, err:%s.\r\n",
+              "the slot is free, all descriptors closed; the inetd hears that "
+              "the line is clean");
     fault::fail("fork", 1, EAGAIN);
     expect_teardown(300, std::string("vc: fork error, err:") +
                              strerror(EAGAIN) + ".\r\n");
@@ -395,6 +429,11 @@ TEST_F(SpawnTest, a_fork_that_fails_ends_the_session_and_leaks_nothing)
 
 TEST_F(SpawnTest, a_release_into_a_broken_pipe_ends_the_session)
 {
+    fault_row("vc_child_alloc", "write", "EPIPE",
+              "a null pointer, and -1 for the socket",
+              "vc: tel-main proc, sockfd=%d, line=%d\n",
+              "the slot is free, all descriptors closed; the inetd hears that "
+              "the line is clean");
     // Nobody kills the child that this leaves.
     vc_service_del(23);
     vc_reg reg = plain(AF_INET, 23, nullptr, 6);
@@ -408,6 +447,7 @@ TEST_F(SpawnTest, a_release_into_a_broken_pipe_ends_the_session)
 
 TEST_F(SpawnTest, a_release_that_fails_otherwise_keeps_the_session)
 {
+    fault_row("vc_child_alloc", "write", "EIO", "the session", "", "");
     int sockfd = connection();
     fault::fail("write", 1, EIO, 1, fault::only_path("socket:"));
     const vc_child *child = vc_child_alloc(300, &sockfd, 23, "", inetd_fd_);
@@ -562,6 +602,8 @@ TEST_F(ChildTest, ttydev_is_stored)
 
 TEST_F(ChildTest, ttydev_that_cannot_be_stored_is_logged)
 {
+    fault_row("vc_child_proc", "tty_setenv", "EISDIR",
+              "the session program runs", "vc: %s set dev %s fail\n", "");
     make_directories();
     ASSERT_EQ(mkdir(path("/mng/tty/.tty_info_300.lock").c_str(), 0777), 0);
     run_proc(shell_ok);
@@ -581,6 +623,25 @@ TEST_F(ChildTest, a_monitored_line_gets_a_link)
                        sizeof target - 1),
               0);
     EXPECT_EQ(target, slave_);
+}
+
+TEST_F(ChildTest, a_link_that_cannot_be_made_is_done_without)
+{
+    fault_row("vc_child_proc", "symlink", "EIO", "the session program runs", "",
+              "no link");
+    fault_row("vc_child_proc", "unlink", "EIO", "the session program runs", "",
+              "the old link");
+    make_directories();
+    ASSERT_EQ(mkdir(path("/mng/tty/monitor").c_str(), 0777), 0);
+    ASSERT_EQ(tty_setenv(300, "MONITOR", "1"), 0);
+    EXPECT_EQ(run_proc(shell_ok, "symlink"), 1 << 8);
+    EXPECT_EQ(result(), "ran");
+    EXPECT_FALSE(support::exists(path("/mng/tty/monitor/300")));
+    unlink(path("/result").c_str());
+    support::spill(path("/mng/tty/monitor/300"), "old");
+    EXPECT_EQ(run_proc(shell_ok, "unlink"), 1 << 8);
+    EXPECT_EQ(result(), "ran");
+    EXPECT_EQ(support::slurp(path("/mng/tty/monitor/300")), "old");
 }
 
 TEST_F(ChildTest, an_unmonitored_line_gets_none)
@@ -636,6 +697,8 @@ TEST_F(ChildTest, a_monitor_path_that_does_not_fit_is_logged)
 
 TEST_F(ChildTest, a_session_that_cannot_be_started_ends_with_1)
 {
+    fault_row("vc_child_proc", "setsid", "EIO", "the child ends with status 1",
+              "vc: setid error, err:%s.\n", "the session program has not run");
     EXPECT_EQ(run_proc(shell_ok, "setsid"), 1 << 8);
     EXPECT_TRUE(child_says(std::string("vc: setid error, err:") +
                            strerror(EIO) + ".\n"));
@@ -644,6 +707,8 @@ TEST_F(ChildTest, a_session_that_cannot_be_started_ends_with_1)
 
 TEST_F(ChildTest, a_slave_that_cannot_be_opened_ends_the_child_with_1)
 {
+    fault_row("vc_child_proc", "open", "ENOENT", "the child ends with status 1",
+              "vc: can't open slave pty: %s, error %d\n", "");
     vc_child child = {};
     child.ttyno = 300;
     char slave[20];
@@ -660,6 +725,9 @@ TEST_F(ChildTest, a_slave_that_cannot_be_opened_ends_the_child_with_1)
 
 TEST_F(ChildTest, settings_that_cannot_be_read_are_left_alone)
 {
+    fault_row("vc_child_proc", "tcgetattr", "EIO", "the session program runs",
+              "vc: can't get attr %d, error:%s\n",
+              "the terminal's own settings");
     EXPECT_EQ(run_proc(shell_ok, "tcgetattr"), 1 << 8);
     EXPECT_TRUE(child_says("vc: can't get attr "));
     EXPECT_EQ(result(), "ran");
@@ -667,6 +735,8 @@ TEST_F(ChildTest, settings_that_cannot_be_read_are_left_alone)
 
 TEST_F(ChildTest, settings_that_cannot_be_set_are_logged)
 {
+    fault_row("vc_child_proc", "tcsetattr", "EIO", "the session program runs",
+              "vc: child proc set tcsetattr fail, error:%s\n", "");
     EXPECT_EQ(run_proc(shell_ok, "tcsetattr"), 1 << 8);
     EXPECT_TRUE(
         child_says(std::string("vc: child proc set tcsetattr fail, error:") +
@@ -676,6 +746,8 @@ TEST_F(ChildTest, settings_that_cannot_be_set_are_logged)
 
 TEST_F(ChildTest, a_terminal_that_cannot_be_taken_ends_the_child_with_1)
 {
+    fault_row("vc_child_proc", "ioctl", "EIO", "the child ends with status 1",
+              "vc: TIOCSCTTY error\n", "the session program has not run");
     EXPECT_EQ(run_proc(shell_ok, "ioctl"), 1 << 8);
     EXPECT_TRUE(child_says("vc: TIOCSCTTY error\n"));
     EXPECT_FALSE(support::exists(path("/result")));
@@ -683,6 +755,9 @@ TEST_F(ChildTest, a_terminal_that_cannot_be_taken_ends_the_child_with_1)
 
 TEST_F(ChildTest, a_stream_that_cannot_be_replaced_ends_the_child_with_1)
 {
+    fault_row("vc_child_proc", "dup2", "EIO", "the child ends with status 1",
+              "vc: dup2 error in %s, err:%s.\n",
+              "the session program has not run");
     const char *names[] = {"stdin", "stdout", "stderr"};
     for (int stream = 0; stream < 3; stream++) {
         EXPECT_EQ(run_proc(shell_ok, "dup2", stream + 1), 1 << 8);
@@ -741,6 +816,8 @@ TEST_F(ChildTest, types_of_terminals_by_protocol)
 
 TEST_F(ChildTest, a_variable_that_cannot_be_set_is_logged_with_its_value)
 {
+    fault_row("vc_child_setenvs", "setenv", "ENOMEM", "nothing",
+              "vc: setenvs(%d)=%s fail\n", "");
     vc_child child = {};
     child.ttyno = 300;
     fault::fail("setenv", 1, ENOMEM);
@@ -753,6 +830,9 @@ TEST_F(ChildTest, a_variable_that_cannot_be_set_is_logged_with_its_value)
 
 TEST_F(ChildTest, the_child_is_released_and_closes_the_listeners)
 {
+    fault_row("vc_child_alloc", "close", "EIO", "the session",
+              "(vc:%d):%s close listen fd(%d) failed, err %s.\r\n",
+              "the listener that could be closed stays open in the daemon");
     const int good = dup(0);
     const int bad = dup(0);
     add(plain(AF_INET, 24, nullptr, 6));
@@ -775,6 +855,36 @@ TEST_F(ChildTest, the_child_is_released_and_closes_the_listeners)
     EXPECT_TRUE(is_open(good));
     close(good);
     close(bad);
+}
+
+TEST_F(ChildTest, a_death_signal_that_cannot_be_asked_for_is_done_without)
+{
+    fault_row("vc_child_alloc", "prctl", "EINVAL", "the session", "",
+              "the session program runs");
+    vc_service_del(23);
+    vc_reg reg = plain(AF_INET, 23, nullptr, 6);
+    reg.shell_func = shell_ok;
+    add(reg);
+    fault::fail("prctl", 1, EINVAL);
+    ASSERT_NE(start(300), nullptr);
+    EXPECT_TRUE(support::wait_until([&] {
+        return support::exists(path("/result")) && result() == "ran";
+    }));
+}
+
+TEST_F(ChildTest, an_interrupted_look_for_the_release_is_repeated)
+{
+    fault_row("vc_child_alloc", "read", "EINTR", "the session", "",
+              "the session program runs");
+    vc_service_del(23);
+    vc_reg reg = plain(AF_INET, 23, nullptr, 6);
+    reg.shell_func = shell_ok;
+    add(reg);
+    fault::fail("read", 1, EINTR, 2, fault::only_path("socket:"));
+    ASSERT_NE(start(300), nullptr);
+    EXPECT_TRUE(support::wait_until([&] {
+        return support::exists(path("/result")) && result() == "ran";
+    }));
 }
 
 TEST_F(ChildTest, the_child_dies_with_its_parent_and_ignores_hangups)
@@ -800,6 +910,9 @@ TEST_F(ChildTest, the_child_dies_with_its_parent_and_ignores_hangups)
 
 TEST_F(ChildTest, a_child_that_is_never_released_gives_up_with_0)
 {
+    fault_row("vc_child_alloc", "read", "EAGAIN",
+              "the child ends with status 0",
+              "(vc:%d): %s father process don't notify.\r\n", "");
     const pid_t pid = fork();
     if (pid == 0) {
         fault::result("fork", 1, 0);

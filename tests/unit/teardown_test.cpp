@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
 #include "vc/relay.h"
 #include "vc/signals.h"
 #include "vc_fixture.h"
@@ -136,6 +137,8 @@ TEST_F(TeardownTest, a_session_without_pid_is_ended_without_a_signal)
 
 TEST_F(TeardownTest, the_child_is_killed_when_the_cache_file_is_absent)
 {
+    fault_row("vc_child_kill", "access", "ENOENT", "nothing", "",
+              "the session's process is sent SIGKILL instead of SIGHUP");
     vc_child *child = session(300);
     const pid_t pid = sleeper();
     vc_child_set_pid(child, pid);
@@ -152,6 +155,24 @@ TEST_F(TeardownTest, the_child_is_hung_up_when_the_cache_file_exists)
     vc_child_set_pid(child, pid);
     vc_child_kill(child);
     EXPECT_EQ(ending_signal(pid), SIGHUP);
+}
+
+TEST_F(TeardownTest, a_process_that_cannot_be_signalled_does_not_stop_it)
+{
+    fault_row("vc_child_kill", "kill", "ESRCH, EPERM", "nothing", "",
+              "the slot is free; the inetd hears that the line is clean");
+    for (const int error : {ESRCH, EPERM}) {
+        vc_child *child = session(300);
+        const pid_t pid = sleeper();
+        vc_child_set_pid(child, pid);
+        fault::fail("kill", 1, error);
+        vc_child_kill(child);
+        fault::reset();
+        EXPECT_EQ(vc_child_at(300), nullptr);
+        EXPECT_EQ(sent().size(), 1u);
+        kill(pid, SIGTERM);
+        EXPECT_EQ(ending_signal(pid), SIGTERM);
+    }
 }
 
 TEST_F(TeardownTest, a_cache_path_that_does_not_fit_counts_as_absent)
@@ -222,6 +243,8 @@ TEST_F(TeardownTest, the_connection_is_made_blocking_for_the_record)
 
 TEST_F(TeardownTest, a_broken_pipe_ends_the_attempts)
 {
+    fault_row("vc_child_kill", "write", "EPIPE", "nothing", "",
+              "the slot is free");
     vc_child *child = session(300);
     fault::fail("write", 1, EPIPE, fault::ALWAYS, fault::only_fd(inetd_fd_));
     vc_child_kill(child);
@@ -230,8 +253,26 @@ TEST_F(TeardownTest, a_broken_pipe_ends_the_attempts)
     EXPECT_EQ(vc_child_at(300), nullptr);
 }
 
+TEST_F(TeardownTest, a_short_or_interrupted_record_is_completed)
+{
+    fault_row("vc_child_kill", "write", "short, EINTR", "nothing", "",
+              "the inetd hears once that the line is clean");
+    vc_child *child = session(300);
+    fault::shorten("write", 1, 100, 1, fault::only_fd(inetd_fd_));
+    fault::fail("write", 2, EINTR, 1, fault::only_fd(inetd_fd_));
+    const int pauses = fault::watch("usleep");
+    vc_child_kill(child);
+    EXPECT_EQ(fault::seen(pauses), 0);
+    EXPECT_EQ(sent().size(), 1u);
+    EXPECT_EQ(vc_child_at(300), nullptr);
+}
+
 TEST_F(TeardownTest, other_errors_are_retried_every_100_ms)
 {
+    fault_row("vc_child_kill", "write", "EIO",
+              "nothing, after a pause for each failure",
+              "vc: resend to qv-tty-admin, error: %s\n",
+              "the inetd hears of the line once");
     vc_child *child = session(300);
     fault::fail("write", 1, EIO, 3, fault::only_fd(inetd_fd_));
     const int pauses = fault::watch("usleep");
@@ -248,6 +289,8 @@ TEST_F(TeardownTest, other_errors_are_retried_every_100_ms)
 
 TEST_F(TeardownTest, a_descriptor_that_is_none_is_given_up_after_a_while)
 {
+    fault_row("vc_child_kill", "write", "EBADF", "nothing", "",
+              "the slot is free");
     vc_child *child = session(300);
     fault::fail("write", 1, EBADF, fault::ALWAYS, fault::only_fd(inetd_fd_));
     vc_child_kill(child);
@@ -257,6 +300,8 @@ TEST_F(TeardownTest, a_descriptor_that_is_none_is_given_up_after_a_while)
 
 TEST_F(TeardownTest, a_number_that_became_a_listener_is_given_up_too)
 {
+    fault_row("vc_child_kill", "write", "ENOTCONN", "nothing", "",
+              "the slot is free");
     vc_child *child = session(300);
     fault::fail("write", 1, ENOTCONN, fault::ALWAYS, fault::only_fd(inetd_fd_));
     vc_child_kill(child);

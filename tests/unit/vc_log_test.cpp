@@ -7,6 +7,7 @@
 #include <algorithm>
 
 #include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
 #include "tests/support/privroot.h"
 #include "vc_fixture.h"
 
@@ -86,6 +87,8 @@ TEST_F(VcLogTest, a_file_of_one_byte_more_is_emptied_first)
 
 TEST_F(VcLogTest, a_missing_directory_drops_the_message)
 {
+    fault_row("vc_debug_msg", "open", "ENOENT", "nothing", "",
+              "the line is lost; nothing in the system log");
     rmdir(path("/mng/tty").c_str());
     vc_debug_msg("lost\n");
     EXPECT_TRUE(g_syslog.empty());
@@ -93,6 +96,9 @@ TEST_F(VcLogTest, a_missing_directory_drops_the_message)
 
 TEST_F(VcLogTest, another_failure_reaches_the_system_log)
 {
+    fault_row("vc_debug_msg", "open", "EMFILE", "nothing",
+              "VC: %d %s open file %s fail, err:%d.\r\n",
+              "the line is in the system log, behind this one");
     const std::string name = path("/mng/tty/.vc_dump.txt");
     fault::fail("open", 1, EMFILE);
     vc_debug_msg("kept %d\n", 5);
@@ -112,6 +118,8 @@ TEST_F(VcLogTest, another_failure_reaches_the_system_log)
 
 TEST_F(VcLogTest, a_write_that_fails_is_not_reported)
 {
+    fault_row("vc_debug_msg", "write", "ENOSPC", "nothing", "",
+              "the line is lost; nothing in the system log");
     fault::fail("write", 1, ENOSPC);
     vc_debug_msg("lost\n");
     EXPECT_TRUE(g_syslog.empty());
