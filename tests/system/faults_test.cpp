@@ -46,7 +46,7 @@ static const FaultCase CASES[] = {
      "vc: recv fail ret -1, err[104]:"},
     {"an_inetd_that_resets_again", "recvfrom:error=ECONNRESET:when=1..3", 3,
      "vc: recv fail ret -1, err[104]:"},
-    {"every_third_write_interrupted", "write:error=EINTR:when=1+3", 20, ""},
+    {"every_third_write_interrupted", "write:error=EINTR:when=1+3", 5, ""},
     {"waits_interrupted", "?select,?pselect6:error=EINTR:when=1..50", 50, ""},
     {"waits_on_a_bad_descriptor", "?select,?pselect6:error=EBADF:when=1..50",
      50, ""},
