@@ -457,6 +457,15 @@ TEST_F(Get, InterruptedReadsAreRepeated)
     }
 }
 
+TEST_F(Get, InterruptedLockIsRepeated)
+{
+    fault_row("tty_get_member", "fcntl", "EINTR", "the value", "", "");
+    store("HOME=one\r\n");
+    fault::fail("fcntl", 1, EINTR, 50, fault::only_what(F_SETLKW));
+    EXPECT_EQ(get("HOME"), "one");
+    EXPECT_EQ(tty_log(), messages());
+}
+
 TEST_F(Get, DoesNotChangeTheCreationMask)
 {
     store("HOME=one\r\n");

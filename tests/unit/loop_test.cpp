@@ -251,6 +251,91 @@ TEST_F(LoopTest, a_first_announcement_that_fails_renews_the_connection)
               2);
 }
 
+TEST_F(LoopTest, an_inetd_that_cannot_be_reached_is_tried_again)
+{
+    fault_row("vc_service_start", "socket", "EMFILE",
+              "the loop goes on, after a pause",
+              "vc: connect inetd fail, errno:%d, %s\n", "");
+    fault_row("vc_service_start", "connect", "ECONNREFUSED",
+              "the loop goes on, after a pause",
+              "vc: connect inetd fail, errno:%d, %s\n", "");
+    run_loop([] {
+        fault::fail("socket", 1, EMFILE, 2);
+        fault::fail("connect", 1, ECONNREFUSED, 2);
+        fault::run("usleep", 1, note_pause, 4);
+    });
+    EXPECT_TRUE(says("(vc:" + std::to_string(pid_) +
+                     "): after vc_open_listen ret 0\n"));
+    const auto failed = [](int error) {
+        return "vc: connect inetd fail, errno:" + std::to_string(error) + ", " +
+               strerror(error) + "\n";
+    };
+    EXPECT_TRUE(says(failed(EMFILE), 2));
+    EXPECT_TRUE(says(failed(ECONNREFUSED), 2));
+    EXPECT_TRUE(says("test: pause\n", 4));
+    EXPECT_EQ(after(failed(EMFILE)), "test: pause\n");
+}
+
+TEST_F(LoopTest, a_record_that_cannot_be_read_renews_the_connection)
+{
+    fault_row("vc_service_start", "recv", "ECONNRESET",
+              "the loop goes on, after a pause",
+              "(vc:%d):%s before close fd %d.\r\n",
+              "every service is announced again, on a new connection");
+    run_loop([] {
+        fault::fail("recv", 1, ECONNRESET);
+        fault::run("usleep", 1, note_pause, 1);
+    });
+    const int first = accept(inetd_, nullptr, nullptr);
+    const tty_cmsg record = {};
+    ASSERT_EQ(send(first, &record, sizeof record, MSG_NOSIGNAL),
+              static_cast<ssize_t>(sizeof record));
+    EXPECT_TRUE(says("test: pause\n"));
+    EXPECT_TRUE(says(
+        "(vc:" + std::to_string(pid_) + "): after vc_open_listen ret 0\n", 2));
+    EXPECT_TRUE(says("vc:add port:23, sock_type:2, protocol:6.\n", 2));
+    EXPECT_TRUE(says("vc:add port:24, sock_type:2, protocol:6.\n", 2));
+    EXPECT_NE(after("vc: recv fail ret -1, err[104]:"), "");
+    const std::string closing =
+        "(vc:" + std::to_string(pid_) + "):vc_service_start before close fd ";
+    const auto texts = loop_messages();
+    EXPECT_EQ(std::count_if(texts.begin(), texts.end(),
+                            [&](const std::string &text) {
+                                return text.find(closing) == 0;
+                            }),
+              1);
+    close(first);
+}
+
+static int g_moves;
+
+// Something else has taken the old number meanwhile.
+TEST_F(LoopTest, a_connection_that_cannot_be_moved_keeps_its_number)
+{
+    fault_row("vc_service_start", "fcntl", "EMFILE", "the loop goes on", "",
+              "the new connection has another number than the old one");
+    run_loop([] {
+        fault::fail("write", 1, EPIPE, 1, fault::only_path("socket:"));
+        fault::run(
+            "usleep", 1,
+            [] {
+                static_cast<void>(!open("/dev/null", O_RDONLY | O_CLOEXEC));
+            },
+            1);
+        g_moves = fault::watch("fcntl", fault::only_what(F_DUPFD_CLOEXEC));
+        fault::fail("fcntl", 1, EMFILE, 1, fault::only_what(F_DUPFD_CLOEXEC));
+        fault::run(
+            "select", 1,
+            [] {
+                vc_debug_msg("test: moves %d\n", fault::seen(g_moves));
+            },
+            1);
+    });
+    EXPECT_TRUE(says("test: moves 1\n"));
+    EXPECT_TRUE(says("(vc:" + std::to_string(pid_) +
+                     "): after vc_open_listen ret 0\n"));
+}
+
 // The number stays on show until the next connection has announced, which a
 // port update in between runs into.
 TEST_F(LoopTest, a_later_announcement_that_fails_leaves_the_number)

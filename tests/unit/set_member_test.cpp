@@ -695,6 +695,24 @@ TEST_F(Set, InterruptedReadsAreRepeated)
     }
 }
 
+TEST_F(Set, InterruptedWritesAndLocksAreRepeated)
+{
+    fault_row("tty_set_member", "write", "EINTR, EAGAIN", "0", "",
+              "the new content");
+    fault_row("tty_set_member", "fcntl", "EINTR", "0", "", "the new content");
+    for (const int error : {EINTR, EAGAIN}) {
+        store("HOME=old\r\nTERM=t\r\n");
+        fault::shorten("write", 1, 3, 1, fault::only_path(".tmp"));
+        fault::fail("write", 2, error, 50, fault::only_path(".tmp"));
+        fault::fail("fcntl", 1, EINTR, 50, fault::only_what(F_SETLKW));
+        EXPECT_EQ(set("HOME", "new"), 0);
+        fault::reset();
+        EXPECT_EQ(content(), "HOME=new\r\nTERM=t\r\n");
+        EXPECT_EQ(tty_log(), messages());
+        EXPECT_TRUE(unlocked());
+    }
+}
+
 TEST_F(Set, TracesTheLockAndANewKey)
 {
     trace_on();
