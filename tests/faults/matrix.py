@@ -20,7 +20,7 @@ import sys
 import tempfile
 
 FACES = (("tty", "The line library"), ("vc", "The session service"),
-         ("common", "Both"))
+         ("common", "What both are built with"))
 TEST_LIMIT = 25
 AT_A_TIME = 2
 OTHER_ERRORS = re.compile(r"short|end of file|result -?\d+")
@@ -67,8 +67,8 @@ class Sources:
                 r"^[a-z][^\n;=(]*?[ *](\w+)\([^;{]*?\)\n\{", text, re.M):
             self.definitions.setdefault(found[1], name)
         for run in re.finditer(rf"(?:{self.LITERAL}\s*)+", text):
-            parts = re.findall(self.LITERAL, run[0])
-            self.literals.add("".join(parts))
+            texts = re.findall(self.LITERAL, run[0])
+            self.literals.add("".join(texts))
 
 
 def instances(program, test):
@@ -156,9 +156,9 @@ def check_row(row, sources):
         complain(f"{test}: {function}() is not in the sources")
     if not re.search(rf"\b{re.escape(call)}\(", sources.text):
         complain(f"{test}: {call}() is not called in the sources")
-    for part in error.split(", "):
-        if not hasattr(errno, part) and not OTHER_ERRORS.fullmatch(part):
-            complain(f"{test}: there is no error {part}")
+    for each in error.split(", "):
+        if not hasattr(errno, each) and not OTHER_ERRORS.fullmatch(each):
+            complain(f"{test}: there is no error {each}")
     if log and log not in sources.literals:
         complain(f'{test}: no source says "{log}"')
 
