@@ -504,8 +504,7 @@ TEST_F(AdminOperationTest, a_file_that_cannot_be_opened_enables_nothing)
 
 TEST_F(AdminOperationTest, a_directory_in_place_of_the_file_enables_nothing)
 {
-    fault_row("tty_get_service", "fscanf", "EISDIR", "0", "",
-              "the file closed");
+    fault_row("tty_get_service", "read", "EISDIR", "0", "", "the file closed");
     ASSERT_EQ(mkdir(path("/mng/tty/.service_cur.txt").c_str(), 0777), 0);
     EXPECT_EQ(tty_get_service(4), 0);
     // It can be opened for reading, which is all that is asked of it.

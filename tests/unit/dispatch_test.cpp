@@ -582,6 +582,8 @@ TEST_F(DispatchTest, protocols_5_and_11_fail_together)
 
 TEST_F(DispatchTest, protocols_5_and_11_do_not_fail_with_another)
 {
+    fault_row("vc_deal_msg", "listen", "EADDRINUSE", "-1", "",
+              "the listeners of other protocols");
     add(plain(AF_INET, 23, nullptr, 5));
     const int kept = dup(0);
     service(0)->listen_fd = kept;

@@ -218,6 +218,8 @@ TEST_F(LoopTest, a_number_that_is_taken_meanwhile_is_not_taken_back)
 
 TEST_F(LoopTest, a_number_that_cannot_be_taken_back_is_done_without)
 {
+    fault_row("take_old_number", "fcntl", "EMFILE", "the new number", "",
+              "older sessions do not reach the inetd");
     run_loop([] {
         lose_connection_and_number();
         fault::fail("fcntl", 1, EMFILE, 1, fault::only_what(F_DUPFD_CLOEXEC));
