@@ -9,6 +9,8 @@
 constexpr int FIRST_LINE = 258;
 constexpr int LAST_LINE = 1148;
 constexpr int LOOK_MS = 20;
+constexpr std::chrono::milliseconds SETTLE_TIME{300};
+constexpr std::chrono::milliseconds GIVE_UP_TIME{3000};
 
 // One record in so many is answered with more than it asked for.
 constexpr unsigned int TEASE_ONE_IN = 12;
@@ -17,7 +19,8 @@ constexpr unsigned int HARM_ONE_IN = 2500;
 constexpr int RARE_NUMBER = 48;
 constexpr unsigned int RARE_NUMBERS = 16;
 
-ChaosInetd::ChaosInetd(unsigned int seed) : random_(seed)
+ChaosInetd::ChaosInetd(unsigned int seed, int services)
+    : services_(services), random_(seed)
 {
 }
 
@@ -57,28 +60,56 @@ void ChaosInetd::run()
     }
 }
 
-// A new connection comes after the reset of the old one: nothing of it is
-// left, neither sessions nor waiting clients.
+// Sessions can be relied on once every listener has been open for a moment. A
+// child that was being killed when the old ones were closed may have kept them
+// until then: clients that came in there are lost with it, and a new listener
+// beside it could not be opened, which has cost other services theirs. In that
+// case only a new connection helps.
+bool ChaosInetd::settle(int permits, Clock::time_point began)
+{
+    if (epoch_ % 2 == 0) {
+        return true;
+    }
+    const auto age = Clock::now() - began;
+    if (permits >= services_ && age > SETTLE_TIME) {
+        epoch_++;
+    }
+    return epoch_ % 2 == 0 || age < GIVE_UP_TIME;
+}
+
+// A connection that was ended here has been followed by a reset: nothing of it
+// is left. One that the daemon has ended, because a listener could not be
+// opened, leaves its sessions on their lines.
 void ChaosInetd::serve(InetdConnection *connection)
 {
-    free_lines_.clear();
-    for (int line = FIRST_LINE; line <= LAST_LINE; line++) {
-        free_lines_.insert(line);
+    const auto began = Clock::now();
+    int permits = 0;
+
+    if (ended_here_) {
+        free_lines_.clear();
+        for (int line = FIRST_LINE; line <= LAST_LINE; line++) {
+            free_lines_.insert(line);
+        }
     }
-    epoch_ += epoch_ % 2;
-    while (!ending_ && !restarting_) {
+    ended_here_ = true;
+    while (!ending_ && !restarting_ && settle(permits, began)) {
         if (connection->silent(LOOK_MS)) {
             continue;
         }
         const auto record = connection->receive();
         if (!record) {
+            ended_here_ = false;
             break;
         }
+        permits +=
+            (record->vc_flag & (VC_FLAG_PORT_PERMIT | VC_FLAG_PATH_PERMIT)) != 0
+                ? 1
+                : 0;
         answer(connection, *record);
         if (!calm_ && roll(TEASE_ONE_IN) == 0) {
             tease(connection, *record);
         }
-        if (!calm_ && roll(HARM_ONE_IN) == 0) {
+        if (!calm_ && epoch_ % 2 == 0 && roll(HARM_ONE_IN) == 0) {
             epoch_++;
             harm(connection);
             return;
@@ -110,8 +141,11 @@ void ChaosInetd::answer(InetdConnection *connection, const tty_cmsg &record)
         give_line(connection, record);
         break;
     case VC_FLAG_CLIENT_CLEAR:
-        free_lines_.insert(record.ttyno);
-        cleans_++;
+        // A refused assignment names its client; that line is taken.
+        if (record.accept_id == 0) {
+            free_lines_.insert(record.ttyno);
+            cleans_++;
+        }
         break;
     default:
         break;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <random>
 #include <set>
 #include <thread>
@@ -12,7 +13,8 @@
 class ChaosInetd
 {
   public:
-    explicit ChaosInetd(unsigned int seed);
+    // For a daemon with so many services.
+    ChaosInetd(unsigned int seed, int services);
     ~ChaosInetd();
     ChaosInetd(const ChaosInetd &) = delete;
     ChaosInetd &operator=(const ChaosInetd &) = delete;
@@ -42,8 +44,11 @@ class ChaosInetd
     }
 
   private:
+    using Clock = std::chrono::steady_clock;
+
     void run();
     void serve(InetdConnection *connection);
+    bool settle(int permits, Clock::time_point began);
     void answer(InetdConnection *connection, const tty_cmsg &record);
     void give_line(InetdConnection *connection, const tty_cmsg &report);
     void tease(InetdConnection *connection, const tty_cmsg &record);
@@ -51,9 +56,11 @@ class ChaosInetd
     unsigned int roll(unsigned int sides);
 
     FakeInetd inetd_;
+    const int services_;
     std::minstd_rand random_;
     std::set<int> free_lines_;
     tty_cmsg last_assigned_ = {};
+    bool ended_here_ = true;
     std::atomic<bool> ending_{false};
     std::atomic<bool> calm_{false};
     std::atomic<bool> restarting_{false};

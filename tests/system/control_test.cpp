@@ -19,6 +19,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int HAMMER_SECONDS = 20;
 constexpr int CLIENTS = 8;
+constexpr PortRange OWN_PORTS = {2000, 4000};
 constexpr int WAKE_UPS = 5000;
 
 static void add(const vc_reg &reg)
@@ -120,9 +121,9 @@ class ControlTest : public SystemTest
     void SetUp() override
     {
         SystemTest::SetUp();
-        port_ = free_port(AF_INET);
-        moving_ports_[0] = free_port(AF_INET);
-        moving_ports_[1] = free_port(AF_INET);
+        port_ = free_port(AF_INET, OWN_PORTS);
+        moving_ports_[0] = free_port(AF_INET, OWN_PORTS);
+        moving_ports_[1] = free_port(AF_INET, OWN_PORTS);
         paths_ = {path("/seven"), path("/nine"), path("/ten")};
     }
 

@@ -386,12 +386,12 @@ Session log_in(InetdConnection *connection, const std::function<int()> &connect)
 
 // Below the numbers that the kernel hands out, and other ones in each of the
 // tests that run side by side.
-int free_port(int family)
+int free_port(int family, const PortRange &range)
 {
     static int next;
 
     for (;;) {
-        const int port = 10000 + (getpid() * 16 + next++) % 22000;
+        const int port = range.first + (getpid() * 16 + next++) % range.count;
         const int fd = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
         const Address address = loopback(family, port);
         const bool free =

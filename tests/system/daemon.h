@@ -82,8 +82,15 @@ bool process_runs(pid_t pid);
 // A client's socket; -1 on failure. Ports are on the loopback.
 int connect_port(int family, int port);
 int connect_path(const std::string &unix_path);
-// A port of the family that nobody listens on now.
-int free_port(int family);
+// A port of the family that nobody listens on now. A test that comes back to
+// its ports after having left them for a while takes a range that no other
+// test uses, or it meets another's daemon there.
+struct PortRange {
+    int first;
+    int count;
+};
+constexpr PortRange USUAL_PORTS = {10000, 22000};
+int free_port(int family, const PortRange &range = USUAL_PORTS);
 // A client on line 300 of the daemon's only listener.
 struct Session {
     int client = -1; // -1 when it did not come that far

@@ -27,7 +27,9 @@
 
 using Clock = std::chrono::steady_clock;
 
+constexpr int SERVICES = 4;
 constexpr int CLIENT_THREADS = 12;
+constexpr PortRange OWN_PORTS = {6000, 4000};
 constexpr long MEMORY_NOISE_KIB = 128;
 constexpr int LINES_MOST = 8;
 constexpr int LINE_LENGTH_MOST = 600;
@@ -148,9 +150,9 @@ class SoakTest : public SystemTest
     void SetUp() override
     {
         SystemTest::SetUp();
-        port4_ = free_port(AF_INET);
-        direct_port_ = free_port(AF_INET);
-        port6_ = free_port(AF_INET6);
+        port4_ = free_port(AF_INET, OWN_PORTS);
+        direct_port_ = free_port(AF_INET, OWN_PORTS);
+        port6_ = free_port(AF_INET6, OWN_PORTS);
         path_ = path("/s");
     }
 
@@ -172,7 +174,7 @@ class SoakTest : public SystemTest
 
     int connect_somewhere(unsigned int where) const
     {
-        switch (where % 4) {
+        switch (where % SERVICES) {
         case 0:
             return connect_port(AF_INET, port4_);
         case 1:
@@ -375,7 +377,8 @@ class SoakTest : public SystemTest
         EXPECT_TRUE(all_answer());
     }
 
-    // Proportional set size in KiB.
+    // Its anonymous memory in KiB, whether or not the test still shares it: a
+    // share changes with what the test does.
     static long memory_of(pid_t pid)
     {
         std::ifstream file("/proc/" + std::to_string(pid) + "/smaps_rollup");
@@ -383,7 +386,7 @@ class SoakTest : public SystemTest
         long size = -1;
 
         while (file >> word) {
-            if (word == "Pss:" && file >> size) {
+            if (word == "Anonymous:" && file >> size) {
                 break;
             }
         }
@@ -436,7 +439,7 @@ class SoakTest : public SystemTest
 
     bool all_answer() const
     {
-        for (unsigned int where = 0; where < 4; where++) {
+        for (unsigned int where = 0; where < SERVICES; where++) {
             int client = -1;
             if (!eventually([&] {
                     client = connect_somewhere(where);
@@ -475,7 +478,7 @@ TEST_F(SoakTest, the_daemon_is_afterwards_what_it_was_before)
         setting("TTYLINE_SOAK_SEED", static_cast<int>(getpid())));
     const int seconds = setting("TTYLINE_SOAK_SECONDS", 30);
     printf("seed %u\n", seed);
-    ChaosInetd inetd(seed);
+    ChaosInetd inetd(seed, SERVICES);
     g_session_program = program_on_terminal;
     Daemon daemon([&] {
         register_all();
