@@ -212,6 +212,14 @@ class ControlTest : public SystemTest
         }
     }
 
+    // A permit that came after the stop has opened a path all the same, and a
+    // second one has taken its name away.
+    static void open_again()
+    {
+        open_paths(false);
+        open_paths(true);
+    }
+
     int port_ = 0;
     int moving_ports_[2] = {};
     std::vector<std::string> paths_;
@@ -237,7 +245,8 @@ TEST_F(ControlTest, four_threads_change_listeners_while_sessions_run)
             while (!file_exists(path("/open"))) {
                 usleep(1000);
             }
-            open_paths(true);
+            open_again();
+            make_file(path("/opened"));
         }).detach();
     });
     inetd.start();
@@ -277,10 +286,13 @@ TEST_F(ControlTest, four_threads_change_listeners_while_sessions_run)
     // opening begins with none on its way.
     make_file(path("/stop"));
     ASSERT_TRUE(sooner_or_later(clients[0], [&] {
-        return file_exists(path("/stopped")) && inetd.everything_taken();
+        return file_exists(path("/stopped")) && inetd.everything_answered();
     }));
     EXPECT_TRUE(echoes(clients[0]));
     make_file(path("/open"));
+    ASSERT_TRUE(eventually([&] {
+        return file_exists(path("/opened"));
+    }));
     EXPECT_TRUE(all_listen(clients[0])) << "a service was lost";
     for (const int client : clients) {
         EXPECT_TRUE(echoes(client));
@@ -312,7 +324,8 @@ TEST_F(ControlTest, five_thousand_wake_ups_do_not_end_the_daemon)
             while (!file_exists(path("/open"))) {
                 usleep(1000);
             }
-            open_paths(true);
+            open_again();
+            make_file(path("/opened"));
         }).detach();
     });
     inetd.start();
@@ -323,9 +336,12 @@ TEST_F(ControlTest, five_thousand_wake_ups_do_not_end_the_daemon)
     // may have come twice.
     ASSERT_TRUE(eventually([&] {
         kill(daemon.pid(), SIGHUP);
-        return file_exists(path("/stopped")) && inetd.everything_taken();
+        return file_exists(path("/stopped")) && inetd.everything_answered();
     }));
     make_file(path("/open"));
+    ASSERT_TRUE(eventually([&] {
+        return file_exists(path("/opened"));
+    }));
     int client = -1;
     EXPECT_TRUE(eventually([&] {
         kill(daemon.pid(), SIGHUP);

@@ -186,7 +186,8 @@ void AnsweringInetd::run()
         connections_++;
         current_fd_ = connection.fd();
         while (!ending_) {
-            if (connection.silent(LOOK_MS)) {
+            idle_ = connection.silent(LOOK_MS);
+            if (idle_) {
                 continue;
             }
             const auto record = connection.receive();
@@ -199,12 +200,16 @@ void AnsweringInetd::run()
     }
 }
 
-bool AnsweringInetd::everything_taken() const
+bool AnsweringInetd::everything_answered() const
 {
     const int fd = current_fd_;
-    int unread = -1;
+    int to_read = -1;
+    int not_taken = -1;
 
-    return fd >= 0 && ioctl(fd, SIOCOUTQ, &unread) == 0 && unread == 0;
+    // In this order: what is not in the queue any more makes it busy until
+    // the answer is in the other one.
+    return fd >= 0 && ioctl(fd, FIONREAD, &to_read) == 0 && to_read == 0 &&
+           idle_ && ioctl(fd, SIOCOUTQ, &not_taken) == 0 && not_taken == 0;
 }
 
 void AnsweringInetd::answer(InetdConnection *connection, const tty_cmsg &record)

@@ -90,8 +90,8 @@ class AnsweringInetd
     {
         return connections_;
     }
-    // Whether the daemon has taken every record that was sent to it.
-    bool everything_taken() const;
+    // Whether every request has its answer and the daemon has taken them all.
+    bool everything_answered() const;
 
   private:
     void run();
@@ -100,6 +100,8 @@ class AnsweringInetd
     FakeInetd inetd_;
     std::set<int> free_lines_;
     std::atomic<bool> ending_{false};
+    // Waiting for a record, and none had come when it looked.
+    std::atomic<bool> idle_{false};
     std::atomic<int> cleans_{0};
     std::atomic<int> connections_{0};
     std::atomic<int> current_fd_{-1};
