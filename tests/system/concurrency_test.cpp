@@ -12,13 +12,6 @@
 
 constexpr int CHANGES = 200;
 
-static void add(const vc_reg &reg)
-{
-    if (vc_service_reg(&reg) != 0) {
-        _exit(98);
-    }
-}
-
 // Forty sessions, one after the other, while the daemon's threads are at work;
 // all of them carry data and are reported clean.
 static void expect_sessions(const AnsweringInetd &inetd, int port,
@@ -44,7 +37,7 @@ TEST_F(SystemTest, services_come_and_go_while_sessions_run)
     AnsweringInetd inetd;
     const int port = free_port(AF_INET);
     Daemon daemon([&] {
-        add(relaying(AF_INET, port, nullptr, 6));
+        must_register(relaying(AF_INET, port, nullptr, 6));
         for (int t = 0; t < 3; t++) {
             std::thread([t, this] {
                 const std::string name = path("/s" + std::to_string(t));
@@ -75,8 +68,8 @@ TEST_F(SystemTest, listeners_stop_and_open_while_sessions_run)
     // A path: a permit that comes twice is no failure there.
     const std::string other = path("/s");
     Daemon daemon([&] {
-        add(relaying(AF_INET, port, nullptr, 6));
-        add(relaying(AF_UNIX, 0, other.c_str(), 7));
+        must_register(relaying(AF_INET, port, nullptr, 6));
+        must_register(relaying(AF_UNIX, 0, other.c_str(), 7));
         std::thread([] {
             while (__atomic_load_n(&g_vc_tty_socket, __ATOMIC_RELAXED) < 0) {
                 usleep(1000);

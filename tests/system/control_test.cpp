@@ -22,13 +22,6 @@ constexpr int CLIENTS = 8;
 constexpr PortRange OWN_PORTS = {2000, 4000};
 constexpr int WAKE_UPS = 5000;
 
-static void add(const vc_reg &reg)
-{
-    if (vc_service_reg(&reg) != 0) {
-        _exit(98);
-    }
-}
-
 static void await_loop()
 {
     while (__atomic_load_n(&g_vc_tty_socket, __ATOMIC_RELAXED) < 0) {
@@ -129,11 +122,11 @@ class ControlTest : public SystemTest
 
     void register_all() const
     {
-        add(relaying(AF_INET, port_, nullptr, 6));
-        add(relaying(AF_INET, moving_ports_[0], nullptr, 1));
-        add(relaying(AF_UNIX, 0, paths_[0].c_str(), 7));
-        add(relaying(AF_UNIX, 0, paths_[1].c_str(), 9));
-        add(relaying(AF_UNIX, 0, paths_[2].c_str(), 10));
+        must_register(relaying(AF_INET, port_, nullptr, 6));
+        must_register(relaying(AF_INET, moving_ports_[0], nullptr, 1));
+        must_register(relaying(AF_UNIX, 0, paths_[0].c_str(), 7));
+        must_register(relaying(AF_UNIX, 0, paths_[1].c_str(), 9));
+        must_register(relaying(AF_UNIX, 0, paths_[2].c_str(), 10));
     }
 
     // Four threads, each with the operations of services of its own: what one
@@ -195,11 +188,9 @@ class ControlTest : public SystemTest
     {
         return sooner_or_later(client, [&] {
             for (const std::string &name : paths_) {
-                const int fd = connect_path(name);
-                if (fd < 0) {
+                if (!path_listens(name)) {
                     return false;
                 }
-                close(fd);
             }
             return listens(port_) && listens(moving_ports_[0]);
         });
@@ -311,7 +302,7 @@ TEST_F(ControlTest, five_thousand_wake_ups_do_not_end_the_daemon)
     AnsweringInetd inetd;
     const std::string done = path("/done");
     Daemon daemon([&] {
-        add(relaying(AF_UNIX, 0, paths_[0].c_str(), 7));
+        must_register(relaying(AF_UNIX, 0, paths_[0].c_str(), 7));
         std::thread([done, this] {
             await_loop();
             for (int i = 0; i < WAKE_UPS; i++) {

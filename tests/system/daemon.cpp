@@ -309,6 +309,13 @@ vc_reg relaying(int family, int port, const char *unix_path, uint32_t protocol)
     return reg;
 }
 
+void must_register(const vc_reg &reg)
+{
+    if (vc_service_reg(&reg) != 0) {
+        _exit(98);
+    }
+}
+
 struct Address {
     sockaddr_storage storage = {};
     socklen_t length = 0;
@@ -360,6 +367,16 @@ int connect_path(const std::string &unix_path)
         return -1;
     }
     return fd;
+}
+
+bool path_listens(const std::string &unix_path)
+{
+    const int fd = connect_path(unix_path);
+
+    if (fd >= 0) {
+        close(fd);
+    }
+    return fd >= 0;
 }
 
 Session log_in(InetdConnection *connection, const std::function<int()> &connect)

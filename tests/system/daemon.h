@@ -69,6 +69,9 @@ bool eventually(const std::function<bool()> &condition);
 // session program echoes its input with "> " before each line.
 vc_reg relaying(int family, int port, const char *unix_path, uint32_t protocol);
 
+// Registers a service in the daemon's process, or ends that.
+void must_register(const vc_reg &reg);
+
 // What the session program of relaying() does instead, set before the fork of
 // the daemon: runs in the session child on the terminal.
 extern int (*g_session_program)(int ttyno, const char *ttydev);
@@ -82,6 +85,8 @@ bool process_runs(pid_t pid);
 // A client's socket; -1 on failure. Ports are on the loopback.
 int connect_port(int family, int port);
 int connect_path(const std::string &unix_path);
+// Whether somebody listens on the path; the connection is closed again.
+bool path_listens(const std::string &unix_path);
 // A port of the family that nobody listens on now. A test that comes back to
 // its ports after having left them for a while takes a range that no other
 // test uses, or it meets another's daemon there.

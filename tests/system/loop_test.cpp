@@ -16,13 +16,6 @@
 
 using Clock = std::chrono::steady_clock;
 
-static void add(const vc_reg &reg)
-{
-    if (vc_service_reg(&reg) != 0) {
-        _exit(98);
-    }
-}
-
 TEST_F(SystemTest, without_a_service_the_start_fails_at_once)
 {
     FakeInetd inetd;
@@ -34,7 +27,7 @@ TEST_F(SystemTest, without_a_service_the_start_fails_at_once)
 TEST_F(SystemTest, without_an_inetd_two_lines_are_logged_per_attempt)
 {
     Daemon daemon([] {
-        add(relaying(AF_INET, 23, nullptr, 6));
+        must_register(relaying(AF_INET, 23, nullptr, 6));
     });
     const std::string pid = std::to_string(daemon.pid());
     EXPECT_TRUE(logged("(vc:" + pid + "): connect inetd vc_fd -1\n", 3));
@@ -48,7 +41,7 @@ TEST_F(SystemTest, without_an_inetd_two_lines_are_logged_per_attempt)
 TEST_F(SystemTest, an_inetd_that_comes_late_is_found)
 {
     Daemon daemon([] {
-        add(relaying(AF_INET, 23, nullptr, 6));
+        must_register(relaying(AF_INET, 23, nullptr, 6));
     });
     ASSERT_TRUE(logged("vc: connect inetd fail"));
     FakeInetd inetd;
@@ -64,10 +57,10 @@ TEST_F(SystemTest, every_service_is_announced_once)
 {
     FakeInetd inetd;
     Daemon daemon([] {
-        add(relaying(AF_INET, 23, nullptr, 6));
-        add(relaying(AF_INET6, 23, nullptr, 6));
-        add(relaying(AF_UNIX, 0, "/run/nowhere/x", 7));
-        add(relaying(AF_INET, 24, nullptr, 11));
+        must_register(relaying(AF_INET, 23, nullptr, 6));
+        must_register(relaying(AF_INET6, 23, nullptr, 6));
+        must_register(relaying(AF_UNIX, 0, "/run/nowhere/x", 7));
+        must_register(relaying(AF_INET, 24, nullptr, 11));
     });
     InetdConnection connection = inetd.accept();
     for (const int family : {2, 10, 1}) {
@@ -83,7 +76,7 @@ TEST_F(SystemTest, a_lost_inetd_is_reconnected_and_told_everything_again)
     FakeInetd inetd;
     const int port = free_port(AF_INET);
     Daemon daemon([&] {
-        add(relaying(AF_INET, port, nullptr, 6));
+        must_register(relaying(AF_INET, port, nullptr, 6));
     });
     size_t before = 0;
     for (int round = 0; round < 3; round++) {
@@ -109,7 +102,7 @@ TEST_F(SystemTest, a_short_record_ends_the_connection)
 {
     FakeInetd inetd;
     Daemon daemon([] {
-        add(relaying(AF_INET, 23, nullptr, 6));
+        must_register(relaying(AF_INET, 23, nullptr, 6));
     });
     InetdConnection connection = inetd.accept();
     ASSERT_TRUE(connection.receive());
@@ -126,7 +119,7 @@ TEST_F(SystemTest, after_a_listener_failed_the_inetd_is_told_and_reconnected)
     FakeInetd inetd;
     const int port = free_port(AF_INET);
     Daemon daemon([&] {
-        add(relaying(AF_INET, port, nullptr, 6));
+        must_register(relaying(AF_INET, port, nullptr, 6));
     });
     InetdConnection connection = inetd.accept();
     auto request = connection.receive();
@@ -148,7 +141,7 @@ TEST_F(SystemTest, clients_without_a_line_are_dropped_with_the_connection)
     FakeInetd inetd;
     const std::string name = path("/s");
     Daemon daemon([&] {
-        add(relaying(AF_UNIX, 0, name.c_str(), 7));
+        must_register(relaying(AF_UNIX, 0, name.c_str(), 7));
     });
     InetdConnection connection = inetd.accept();
     const auto request = connection.receive();
@@ -200,7 +193,7 @@ TEST_F(SystemTest, a_session_older_than_the_connection_reports_its_end)
         reg.alloc_func = give_spare_back;
         reg.read_func = nothing;
         reg.write_func = nothing;
-        add(reg);
+        must_register(reg);
     });
     InetdConnection connection = inetd.accept();
     const auto request = connection.receive();
@@ -250,8 +243,8 @@ TEST_F(SystemTest, one_connection_is_taken_per_turn_first_service_first)
     Daemon daemon([&] {
         vc_reg reg = relaying(AF_INET, first, nullptr, 6);
         reg.acl_func = wait_at_gate;
-        add(reg);
-        add(relaying(AF_INET, second, nullptr, 1));
+        must_register(reg);
+        must_register(relaying(AF_INET, second, nullptr, 1));
     });
     InetdConnection connection = inetd.accept();
     for (int i = 0; i < 2; i++) {
@@ -287,14 +280,14 @@ TEST_F(SystemTest, a_service_registered_while_the_loop_runs_is_announced)
     FakeInetd inetd;
     static std::thread other;
     Daemon daemon([] {
-        add(relaying(AF_INET, 23, nullptr, 6));
+        must_register(relaying(AF_INET, 23, nullptr, 6));
         other = std::thread([] {
             // The loop looks by itself at its next turn, which the signal
             // brings about at once.
             while (__atomic_load_n(&g_vc_tty_socket, __ATOMIC_RELAXED) < 0) {
                 usleep(1000);
             }
-            add(relaying(AF_INET, 24, nullptr, 6));
+            must_register(relaying(AF_INET, 24, nullptr, 6));
             kill(getpid(), SIGHUP);
         });
         other.detach();
@@ -316,7 +309,7 @@ TEST_F(SystemTest, hangups_wake_the_loop_and_do_not_end_it)
 {
     FakeInetd inetd;
     Daemon daemon([] {
-        add(relaying(AF_INET, 23, nullptr, 6));
+        must_register(relaying(AF_INET, 23, nullptr, 6));
     });
     InetdConnection connection = inetd.accept();
     ASSERT_TRUE(connection.receive());
@@ -336,7 +329,7 @@ TEST_F(SystemTest, quit_interrupt_and_pipe_signals_are_ignored)
 {
     FakeInetd inetd;
     Daemon daemon([] {
-        add(relaying(AF_INET, 23, nullptr, 6));
+        must_register(relaying(AF_INET, 23, nullptr, 6));
     });
     InetdConnection connection = inetd.accept();
     ASSERT_TRUE(connection.receive());
@@ -353,8 +346,8 @@ TEST_F(SystemTest, a_protocol_opened_by_the_daemon_is_announced_at_once)
 {
     FakeInetd inetd;
     Daemon daemon([] {
-        add(relaying(AF_INET, 23, nullptr, 6));
-        add(relaying(AF_INET, 24, nullptr, 11));
+        must_register(relaying(AF_INET, 23, nullptr, 6));
+        must_register(relaying(AF_INET, 24, nullptr, 11));
         std::thread([] {
             while (__atomic_load_n(&g_vc_tty_socket, __ATOMIC_RELAXED) < 0) {
                 usleep(1000);
@@ -404,7 +397,7 @@ TEST_F(SystemTest, a_step_with_data_left_over_is_called_again_until_done)
         vc_reg reg = relaying(AF_INET, port, nullptr, 6);
         reg.read_func = leave_some;
         reg.alloc_func = remember;
-        add(reg);
+        must_register(reg);
     });
     InetdConnection connection = inetd.accept();
     const Session session = log_in(&connection, [&] {
@@ -436,7 +429,7 @@ TEST_F(SystemTest, a_step_that_fails_when_tried_again_ends_its_session)
         vc_reg reg = relaying(AF_INET, port, nullptr, 6);
         reg.read_func = leave_some_then_fail;
         reg.alloc_func = remember;
-        add(reg);
+        must_register(reg);
     });
     InetdConnection connection = inetd.accept();
     const Session session = log_in(&connection, [&] {
@@ -473,7 +466,7 @@ TEST_F(SystemTest, sessions_of_protocols_4_5_and_11_are_not_relayed)
     };
     for (const unsigned int protocol : {4u, 5u, 11u}) {
         Daemon daemon([&] {
-            add(relaying(AF_INET, port, nullptr, protocol));
+            must_register(relaying(AF_INET, port, nullptr, protocol));
             vc_deal_service_listen(true, static_cast<int>(protocol));
         });
         InetdConnection connection = inetd.accept();
@@ -504,8 +497,8 @@ TEST_F(SystemTest, sessions_of_protocols_3_and_8_are_not_relayed)
     };
     for (const unsigned int protocol : {3u, 8u}) {
         Daemon daemon([&] {
-            add(relaying(AF_INET, port, nullptr, 6));
-            add(relaying(AF_TIPC, tipc_port, nullptr, protocol));
+            must_register(relaying(AF_INET, port, nullptr, 6));
+            must_register(relaying(AF_TIPC, tipc_port, nullptr, protocol));
         });
         InetdConnection connection = inetd.accept();
         const auto request = connection.receive();
@@ -540,7 +533,7 @@ TEST_F(SystemTest, an_exited_program_is_torn_down_before_the_next_wait)
         return 0;
     };
     Daemon daemon([&] {
-        add(relaying(AF_INET, port, nullptr, 4));
+        must_register(relaying(AF_INET, port, nullptr, 4));
     });
     InetdConnection connection = inetd.accept();
     const Session session = log_in(&connection, [&] {
@@ -564,8 +557,8 @@ TEST_F(SystemTest, with_protocol_10_first_children_are_reaped_by_the_loop)
         return 0;
     };
     Daemon daemon([&] {
-        add(relaying(AF_UNIX, 0, "/run/nowhere/x", 10));
-        add(relaying(AF_INET, port, nullptr, 6));
+        must_register(relaying(AF_UNIX, 0, "/run/nowhere/x", 10));
+        must_register(relaying(AF_INET, port, nullptr, 6));
     });
     InetdConnection connection = inetd.accept();
     ASSERT_TRUE(connection.receive());
@@ -611,7 +604,7 @@ TEST_F(SystemTest, after_a_stale_interruption_nothing_is_tried_again)
         reg.read_func = leave_some_with_stale_errno;
         reg.write_func = nothing;
         reg.alloc_func = remember;
-        add(reg);
+        must_register(reg);
     });
     InetdConnection connection = inetd.accept();
     const Session session = log_in(&connection, [&] {
@@ -662,7 +655,7 @@ TEST_F(SystemTest, output_left_over_is_tried_again_until_done)
         vc_reg reg = relaying(AF_UNIX, 0, name.c_str(), 7);
         reg.write_func = leave_some_output;
         reg.alloc_func = remember_master;
-        add(reg);
+        must_register(reg);
     });
     InetdConnection connection = inetd.accept();
     const Session session = log_in(&connection, [&] {
@@ -678,7 +671,7 @@ TEST_F(SystemTest, an_idle_loop_sleeps)
 {
     FakeInetd inetd;
     Daemon daemon([] {
-        add(relaying(AF_INET, 23, nullptr, 6));
+        must_register(relaying(AF_INET, 23, nullptr, 6));
     });
     InetdConnection connection = inetd.accept();
     ASSERT_TRUE(connection.receive());
@@ -696,7 +689,7 @@ TEST_F(SystemTest, a_line_for_a_closed_descriptor_does_not_stop_the_others)
     FakeInetd inetd;
     const std::string name = path("/s");
     Daemon daemon([&] {
-        add(relaying(AF_UNIX, 0, name.c_str(), 7));
+        must_register(relaying(AF_UNIX, 0, name.c_str(), 7));
     });
     InetdConnection connection = inetd.accept();
     const Session session = log_in(&connection, [&] {
@@ -738,7 +731,7 @@ TEST_F(SystemTest, a_line_without_a_connection_runs_until_it_is_cleared)
     FakeInetd inetd;
     const std::string name = path("/s");
     Daemon daemon([&] {
-        add(relaying(AF_UNIX, 0, name.c_str(), 7));
+        must_register(relaying(AF_UNIX, 0, name.c_str(), 7));
     });
     InetdConnection connection = inetd.accept();
     ASSERT_TRUE(connection.receive());

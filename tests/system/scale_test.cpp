@@ -39,10 +39,7 @@ TEST_F(SystemTest, all_1056_lines_carry_data_both_ways_at_once)
     const std::string name = path("/s");
     raise_limit();
     Daemon daemon([&] {
-        const vc_reg reg = relaying(AF_UNIX, 0, name.c_str(), 7);
-        if (vc_service_reg(&reg) != 0) {
-            _exit(98);
-        }
+        must_register(relaying(AF_UNIX, 0, name.c_str(), 7));
     });
     InetdConnection connection = inetd.accept();
     ASSERT_TRUE(connection.permit(*connection.receive()));

@@ -162,14 +162,10 @@ class SoakTest : public SystemTest
         direct.alloc_func = note_connection;
         direct.kill_func = nothing_to_kill;
         direct.shell_func = program_on_connection;
-        const vc_reg all[] = {relaying(AF_INET, port4_, nullptr, 6),
-                              relaying(AF_INET6, port6_, nullptr, 2),
-                              relaying(AF_UNIX, 0, path_.c_str(), 7), direct};
-        for (const vc_reg &reg : all) {
-            if (vc_service_reg(&reg) != 0) {
-                _exit(98);
-            }
-        }
+        must_register(relaying(AF_INET, port4_, nullptr, 6));
+        must_register(relaying(AF_INET6, port6_, nullptr, 2));
+        must_register(relaying(AF_UNIX, 0, path_.c_str(), 7));
+        must_register(direct);
     }
 
     int connect_somewhere(unsigned int where) const

@@ -177,13 +177,6 @@ static vc_reg service(uint32_t protocol, int port, const Name &name)
     return reg;
 }
 
-static void must_register(const vc_reg &reg)
-{
-    if (vc_service_reg(&reg) != 0) {
-        _exit(98);
-    }
-}
-
 // The record's bytes, put together from the places of its fields.
 class Bytes
 {
