@@ -377,7 +377,7 @@ FAULT_WRAP(int, bind, (int fd, const struct sockaddr *to, socklen_t len),
            (fd, to, len), about_fd(fd))
 FAULT_WRAP(int, listen, (int fd, int backlog), (fd, backlog), about_fd(fd))
 FAULT_WRAP(int, connect, (int fd, const struct sockaddr *to, socklen_t len),
-           (fd, to, len), about_fd(fd))
+           (fd, to, len), about_fd(fd, len))
 FAULT_WRAP(int, accept, (int fd, struct sockaddr *peer, socklen_t *len),
            (fd, peer, len), about_fd(fd))
 FAULT_WRAP(int, close, (int fd), (fd), about_fd(fd))

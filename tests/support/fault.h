@@ -16,8 +16,8 @@ struct filter {
     const char *path = nullptr;
     int fd = -1;
     // The number that says what the call is to do: the flags of open(), the
-    // command of fcntl(), the request of ioctl(), the signal, the how of
-    // pthread_sigmask().
+    // command of fcntl(), the request of ioctl(), the length of connect()'s
+    // address, the signal, the how of pthread_sigmask().
     long what = -1;
 };
 

@@ -74,6 +74,15 @@ TEST_F(AdminChannelTest, connect_reaches_the_socket_in_the_runtime_directory)
     close(fd);
 }
 
+TEST_F(AdminChannelTest, the_address_has_its_full_110_bytes)
+{
+    start();
+    const int calls = fault::watch("connect", fault::only_what(110));
+    const int fd = ttylib_connect();
+    EXPECT_EQ(fault::seen(calls), 1);
+    close(fd);
+}
+
 TEST_F(AdminChannelTest, the_send_buffer_is_8192_bytes)
 {
     start();

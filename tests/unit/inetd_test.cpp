@@ -61,6 +61,15 @@ TEST_F(InetdTest, the_connection_is_blocking_and_closed_on_exec)
     close(fd);
 }
 
+TEST_F(InetdTest, the_length_of_the_address_is_not_that_of_the_path)
+{
+    listen_as_inetd();
+    const int calls = fault::watch("connect", fault::only_what(110));
+    const int fd = vc_connect();
+    EXPECT_EQ(fault::seen(calls), 1);
+    close(fd);
+}
+
 TEST_F(InetdTest, the_send_buffer_is_4096_bytes)
 {
     listen_as_inetd();
