@@ -627,7 +627,9 @@ TEST_F(Ttylined, RunningOutOfDescriptorsIsSurvivedWithoutSpinning)
               std::string::npos);
     const int tries = count_lines(run.out, "accept: Too many", 1000);
     EXPECT_GE(tries, 1);
-    EXPECT_LE(tries, 10);
+    /* Five a second, and those that were not read before; thousands if it
+       did not pause. */
+    EXPECT_LE(tries, 100);
     EXPECT_TRUE(settled(clients.front()));
 
     /* All that waited are served once the others leave. */
