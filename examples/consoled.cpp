@@ -25,6 +25,7 @@
 #include <getopt.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <new>
 #include <string>
 #include <syslog.h>
 #include <unistd.h>
@@ -65,7 +66,7 @@ static int alloc_line(int ttyno, int inetd_fd, int sockfd, int master_fd)
     if (ttyno < 0 || ttyno >= TTY_LINES || g_lines[ttyno] != nullptr) {
         return -1;
     }
-    line *l = static_cast<line *>(calloc(1, sizeof(line)));
+    line *l = new (std::nothrow) line();
     if (l == nullptr) {
         return -1;
     }
@@ -131,7 +132,7 @@ static int kill_line(int ttyno)
         discard_input(l->sockfd);
     }
     g_lines[ttyno] = nullptr;
-    free(l);
+    delete l;
     return 0;
 }
 

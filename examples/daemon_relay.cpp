@@ -2,10 +2,12 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <time.h>
 #include <unistd.h>
+#include <utility>
 
 /* After so much in one step the other lines get their turn. */
 static constexpr size_t step_bytes = 4 * relay_capacity;
@@ -13,6 +15,9 @@ static constexpr int step_wait_ms = 5;
 static constexpr int64_t linger_ms = 2000;
 static constexpr size_t drain_bytes = size_t{512} * 1024;
 static constexpr int64_t drain_ms = 200;
+
+/* The buffer that goes from one relay to the next; one of them may have it. */
+static std::unique_ptr<char[]> g_spare;
 
 /* Changes whenever some relay has moved bytes or has waited. */
 static uint64_t g_progress;
@@ -50,7 +55,7 @@ static size_t flush(relay &r, int sink)
     size_t written = 0;
 
     while (relay_pending(r) > 0 && r.sink_error == 0) {
-        ssize_t n = write(sink, r.bytes + r.start, relay_pending(r));
+        ssize_t n = write(sink, &r.bytes[r.start], relay_pending(r));
         if (n < 0) {
             r.sink_error = final_error(errno);
             break;
@@ -64,20 +69,46 @@ static size_t flush(relay &r, int sink)
 static void compact(relay &r)
 {
     if (r.start > 0) {
-        memmove(r.bytes, r.bytes + r.start, relay_pending(r));
+        memmove(&r.bytes[0], &r.bytes[r.start], relay_pending(r));
         r.end -= r.start;
         r.start = 0;
     }
 }
 
+static bool take_buffer(relay &r)
+{
+    if (!r.bytes) {
+        r.bytes = std::move(g_spare);
+    }
+    if (!r.bytes) {
+        r.bytes.reset(new (std::nothrow) char[relay_capacity]);
+    }
+    return r.bytes != nullptr;
+}
+
+static void leave_buffer(relay &r)
+{
+    if (relay_pending(r) > 0) {
+        return;
+    }
+    if (!g_spare) {
+        g_spare = std::move(r.bytes);
+    }
+    r.bytes.reset();
+}
+
 /* A full buffer leaves the source alone, so that its writer feels it. */
 static size_t fill(relay &r, int source)
 {
+    if (!take_buffer(r)) {
+        r.source_error = ENOMEM;
+        return 0;
+    }
     compact(r);
     if (r.source_ended || r.source_error != 0 || r.end == relay_capacity) {
         return 0;
     }
-    ssize_t n = read(source, r.bytes + r.end, relay_capacity - r.end);
+    ssize_t n = read(source, &r.bytes[r.end], relay_capacity - r.end);
     if (n < 0) {
         r.source_error = final_error(errno);
         return 0;
@@ -100,6 +131,7 @@ size_t relay_move(relay &r, int source, int sink, size_t max_bytes)
         }
         moved += count;
     }
+    leave_buffer(r);
     if (moved > 0) {
         g_progress++;
     }

@@ -13,22 +13,24 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 constexpr size_t relay_capacity = 16384;
 
 /*
  * What was read and not yet written stands in bytes[start] to bytes[end - 1].
- * A zeroed record is an empty relay.
+ * A relay has no buffer while nothing is pending, which is nearly always:
+ * idle sessions cost next to nothing.
  */
 struct relay {
-    size_t start;
-    size_t end;
-    bool source_ended;      /* end of file: nothing more will come */
-    int source_error;       /* errno of a read that failed for good, or 0 */
-    int sink_error;         /* errno of a write that failed for good, or 0 */
-    int64_t give_up_at;     /* an ended source on a stuck sink; else 0 */
-    uint64_t progress_seen; /* see relay_step() */
-    char bytes[relay_capacity];
+    size_t start = 0;
+    size_t end = 0;
+    bool source_ended = false; /* end of file: nothing more will come */
+    int source_error = 0;      /* errno of a read that failed for good, or 0 */
+    int sink_error = 0;        /* errno of a write that failed for good, or 0 */
+    int64_t give_up_at = 0;    /* an ended source on a stuck sink; else 0 */
+    uint64_t progress_seen = 0; /* see relay_step() */
+    std::unique_ptr<char[]> bytes;
 };
 
 inline size_t relay_pending(const relay &r)

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <new>
 #include <random>
 #include <string>
 #include <sys/ioctl.h>
@@ -14,6 +15,32 @@
 #include <termios.h>
 #include <unistd.h>
 #include <vector>
+
+/* That of the buffers, which the daemon asks for without an exception. */
+static bool g_no_memory;
+
+void *operator new[](size_t size, const std::nothrow_t &) noexcept
+{
+    return g_no_memory ? nullptr : malloc(size);
+}
+
+void operator delete[](void *memory) noexcept
+{
+    free(memory);
+}
+
+void operator delete[](void *memory, size_t) noexcept
+{
+    free(memory);
+}
+
+void *operator new[](size_t size)
+{
+    if (void *memory = malloc(size)) {
+        return memory;
+    }
+    abort();
+}
 
 namespace
 {
@@ -97,7 +124,7 @@ class Relay : public testing::Test
 
     link source;
     link sink;
-    relay r = {};
+    relay r;
 };
 
 TEST_F(Relay, HandsEverythingOverWhenBothSidesAreFast)
@@ -105,6 +132,34 @@ TEST_F(Relay, HandsEverythingOverWhenBothSidesAreFast)
     source.send("hello");
     EXPECT_EQ(0, step());
     EXPECT_EQ("hello", sink.receive());
+}
+
+TEST_F(Relay, HoldsABufferOnlyWhileSomethingIsPending)
+{
+    source.send("hello");
+    EXPECT_EQ(0, step());
+    EXPECT_EQ(nullptr, r.bytes);
+    block(sink);
+    source.send("later");
+    EXPECT_EQ(5, step());
+    EXPECT_NE(nullptr, r.bytes);
+    while (sink.receive().find("later") == std::string::npos) {
+        ASSERT_GE(step(), 0);
+    }
+    EXPECT_EQ(nullptr, r.bytes);
+}
+
+TEST_F(Relay, EndsTheSessionWhenThereIsNoMemoryForABuffer)
+{
+    relay other;
+    block(sink);
+    source.send("takes the buffer that others have left");
+    EXPECT_LT(0, step());
+    source.send("hello");
+    g_no_memory = true;
+    EXPECT_EQ(-1, relay_step(other, source.relay_end, sink.relay_end));
+    g_no_memory = false;
+    EXPECT_EQ(ENOMEM, other.source_error);
 }
 
 TEST_F(Relay, LosesAndReordersNothingWhenBothSidesAreSlow)
