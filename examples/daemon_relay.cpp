@@ -11,6 +11,11 @@
 
 /* After so much in one step the other lines get their turn. */
 static constexpr size_t step_bytes = 4 * relay_capacity;
+/*
+ * A read that brings less is a keystroke or its echo, and has most likely
+ * emptied the source: another one to make sure would be for nothing.
+ */
+static constexpr size_t bulk_bytes = 256;
 static constexpr int step_wait_ms = 5;
 static constexpr int64_t linger_ms = 2000;
 static constexpr size_t drain_bytes = size_t{512} * 1024;
@@ -97,18 +102,15 @@ static void leave_buffer(relay &r)
     r.bytes.reset();
 }
 
-/* A full buffer leaves the source alone, so that its writer feels it. */
-static size_t fill(relay &r, int source)
+static bool can_read(const relay &r)
 {
-    if (!take_buffer(r)) {
-        r.source_error = ENOMEM;
-        return 0;
-    }
-    compact(r);
-    if (r.source_ended || r.source_error != 0 || r.end == relay_capacity) {
-        return 0;
-    }
+    return !r.source_ended && r.source_error == 0 && r.end < relay_capacity;
+}
+
+static size_t read_once(relay &r, int source)
+{
     ssize_t n = read(source, &r.bytes[r.end], relay_capacity - r.end);
+
     if (n < 0) {
         r.source_error = final_error(errno);
         return 0;
@@ -118,18 +120,40 @@ static size_t fill(relay &r, int source)
     return static_cast<size_t>(n);
 }
 
+/*
+ * A terminal gives its output in pieces of a page at most: they are put
+ * together, as a call to the peer costs much more than one of these. A full
+ * buffer leaves the source alone, so that its writer feels it.
+ */
+static size_t fill(relay &r, int source)
+{
+    size_t total = 0;
+    size_t count = bulk_bytes;
+
+    if (!take_buffer(r)) {
+        r.source_error = ENOMEM;
+        return 0;
+    }
+    compact(r);
+    while (count >= bulk_bytes && can_read(r)) {
+        count = read_once(r, source);
+        total += count;
+    }
+    return total;
+}
+
 size_t relay_move(relay &r, int source, int sink, size_t max_bytes)
 {
     set_nonblocking(source);
     set_nonblocking(sink);
     size_t moved = flush(r, sink);
     while (moved < max_bytes) {
-        size_t count = fill(r, source);
-        count += flush(r, sink);
-        if (count == 0) {
+        size_t got = fill(r, source);
+        size_t written = flush(r, sink);
+        moved += got + written;
+        if (got < bulk_bytes) {
             break;
         }
-        moved += count;
     }
     leave_buffer(r);
     if (moved > 0) {

@@ -40,10 +40,10 @@ inline size_t relay_pending(const relay &r)
 
 /*
  * Moves bytes from source to sink until one of them would block, the source
- * has ended, an error is final, or max_bytes were read and written together
- * (it may become one buffer more). Never waits; leaves both descriptors in
- * non-blocking mode. Returns the bytes read plus the bytes written: 0 says
- * that neither side can do anything now.
+ * brings but a few, it has ended, an error is final, or max_bytes were read and
+ * written together (it may become two buffers more). Never waits; leaves both
+ * descriptors in non-blocking mode. Returns the bytes read plus the bytes
+ * written: 0 says that neither side can do anything now.
  */
 size_t relay_move(relay &r, int source, int sink, size_t max_bytes);
 
