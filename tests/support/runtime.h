@@ -21,6 +21,8 @@ bool exists(const std::string &path);
 // from; a test failure when they do not have their form.
 std::string without_stamp(const std::string &line);
 std::string without_stamp_and_pid(const std::string &line, pid_t pid);
+// Source line numbers in a message become "N".
+std::string unlined(const std::string &message);
 
 // The lines of a dump file, each with its own line end ("\n" or "\r\n").
 // Empty when there is no file.

@@ -283,7 +283,7 @@ TEST_F(LockFailure, OfEachStepIsToldOnTheConsoleAndTriedAgain)
             tty_lib_lock();
             tty_lib_unlock();
             return fault::calls(step) == 2 &&
-                   unlined(console()) == message(EAGAIN);
+                   support::unlined(console()) == message(EAGAIN);
         });
         EXPECT_EQ(status, 0) << step;
     }
@@ -300,7 +300,7 @@ TEST_F(LockFailure, MessageCarriesTheTextOfErrno)
     fault::fail("pthread_mutex_init", 1, ENOMEM);
     errno = EAGAIN;
     tty_lib_lock_init();
-    EXPECT_EQ(unlined(console()), message(EAGAIN));
+    EXPECT_EQ(support::unlined(console()), message(EAGAIN));
 }
 
 TEST_F(LockFailure, OfTheAttributesSkipsWhatIsBehindThem)

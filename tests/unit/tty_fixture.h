@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -23,18 +22,10 @@ inline std::string ids(const char *function, unsigned int ttyno)
            "): ";
 }
 
-// Source line numbers in a message become "N".
-inline std::string unlined(const std::string &message)
-{
-    static const std::regex line("([( ])line(:?) [1-9][0-9]*");
-
-    return std::regex_replace(message, line, "$1line$2 N");
-}
-
 inline std::vector<std::string> unlined(std::vector<std::string> messages)
 {
     for (std::string &message : messages) {
-        message = unlined(message);
+        message = support::unlined(message);
     }
     return messages;
 }
