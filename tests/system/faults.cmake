@@ -10,6 +10,7 @@ target_link_libraries(system_faults_test PRIVATE program system_support)
 target_compile_definitions(system_faults_test PRIVATE
     FAULT_DAEMON="$<TARGET_FILE:fault_daemon>")
 add_dependencies(system_faults_test fault_daemon)
+ttyline_test_headers(fault_daemon system_faults_test)
 gtest_discover_tests(system_faults_test
     PROPERTIES TIMEOUT 120
     DISCOVERY_MODE PRE_TEST)

@@ -13,5 +13,6 @@ target_compile_definitions(ttyctl_test PRIVATE
 target_link_libraries(ttyctl_test PRIVATE
     tty_static ttyline_options GTest::gtest_main)
 add_dependencies(ttyctl_test ttyctl)
+ttyline_test_headers(ttyctl_test)
 gtest_discover_tests(ttyctl_test
     PROPERTIES TIMEOUT 120 DISCOVERY_MODE PRE_TEST)

@@ -14,5 +14,6 @@ target_compile_definitions(ttylined_test PRIVATE
 target_link_libraries(ttylined_test PRIVATE
     tty_static ttyline_options GTest::gtest_main)
 add_dependencies(ttylined_test ttylined)
+ttyline_test_headers(ttylined_test)
 gtest_discover_tests(ttylined_test
     PROPERTIES TIMEOUT 60 DISCOVERY_MODE PRE_TEST)

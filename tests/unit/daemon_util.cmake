@@ -7,6 +7,7 @@ target_include_directories(daemon_util_test PRIVATE
     ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
 target_link_libraries(daemon_util_test PRIVATE
     GTest::gtest_main ttyline_options)
+ttyline_test_headers(daemon_util_test)
 gtest_discover_tests(daemon_util_test
     PROPERTIES TIMEOUT 30
     DISCOVERY_MODE PRE_TEST)
@@ -24,6 +25,7 @@ add_executable(daemon_control_test
 target_include_directories(daemon_control_test PRIVATE ${PROJECT_SOURCE_DIR})
 target_link_libraries(daemon_control_test PRIVATE
     vc_static tty_static GTest::gtest_main ttyline_options)
+ttyline_test_headers(daemon_control_test)
 gtest_discover_tests(daemon_control_test
     PROPERTIES TIMEOUT 30
     DISCOVERY_MODE PRE_TEST)
