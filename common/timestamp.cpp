@@ -8,7 +8,7 @@
 inline namespace TTYLINE_FACE
 {
 
-constexpr int FIRST_YEAR = 1970;
+constexpr unsigned int FIRST_YEAR = 1970;
 // The calendar repeats after 400 years; whole cycles are dropped first, so
 // that the farthest time costs no more steps than a near one.
 constexpr long DAYS_PER_CYCLE = 146097;
@@ -24,11 +24,23 @@ int tty_is_leap_year(unsigned int year)
     return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0 ? 1 : 0;
 }
 
-// Takes whole years off days and returns the year that the rest lies in.
+static unsigned int leap_days_before(unsigned int year)
+{
+    const unsigned int last = year - 1;
+
+    return last / 4 - last / 100 + last / 400;
+}
+
+// Takes whole years off days and returns the year that the rest lies in. At
+// least as many have passed as if all were leap years; they go at once, as
+// this runs for every line of a log.
 static unsigned int take_years(int *days)
 {
-    unsigned int year = FIRST_YEAR;
+    const unsigned int passed = static_cast<unsigned int>(*days) / 366;
+    unsigned int year = FIRST_YEAR + passed;
 
+    *days -= static_cast<int>(365 * passed + leap_days_before(year) -
+                              leap_days_before(FIRST_YEAR));
     for (;;) {
         const int length = 365 + tty_is_leap_year(year);
         if (*days < length) {
