@@ -36,11 +36,19 @@ static bool console_wanted(void)
            access(path, F_OK) == 0;
 }
 
-static void write_line(int level, const char *line)
+// Asked before the line is made: nearly every trace is dropped.
+static bool dropped(int level)
 {
-    if (level == TRACE_LEVEL && access(TRACE_SWITCH, F_OK) != 0) {
-        return;
-    }
+    return level == TRACE_LEVEL && access(TRACE_SWITCH, F_OK) != 0;
+}
+
+static void write_line(const char *fmt, va_list args)
+{
+    char line[LINE_SIZE] = {};
+    const time_t now = time(nullptr);
+
+    const size_t stamp = strlen(tty_ctime_r(&now, line));
+    (void)vsnprintf(line + stamp, sizeof line - stamp, fmt, args);
     if (!dump(line) && console_wanted()) {
         tty_log_msg("%s", line);
     }
@@ -50,15 +58,12 @@ void tty_debug_msg(int level, const char *fmt, ...)
 {
     // Callers log a failure and go on to look at its errno.
     const int saved_errno = errno;
-    char line[LINE_SIZE] = {};
-    const time_t now = time(nullptr);
     va_list args;
 
-    const size_t stamp = strlen(tty_ctime_r(&now, line));
-    va_start(args, fmt);
-    (void)vsnprintf(line + stamp, sizeof line - stamp, fmt, args);
-    va_end(args);
-
-    write_line(level, line);
+    if (!dropped(level)) {
+        va_start(args, fmt);
+        write_line(fmt, args);
+        va_end(args);
+    }
     errno = saved_errno;
 }
