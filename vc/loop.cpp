@@ -262,19 +262,23 @@ static bool take_readable(read_set *set, int fd)
 
 // A session that began in this turn is not looked at: its descriptors were not
 // in the set, but a listener that another thread has closed meanwhile may have
-// left their numbers there.
-static void relay_readable(loop_state *loop)
+// left their numbers there. ready is how many descriptors were readable, the
+// sessions' and others: once that many have been taken no line has one left.
+static void relay_readable(loop_state *loop, int ready)
 {
-    for (int ttyno = 0; ttyno < TTY_LINES; ttyno++) {
+    for (int ttyno = 0; ttyno < TTY_LINES && ready > 0; ttyno++) {
         vc_child *child = vc_child_at(ttyno);
         if (child == nullptr || !child->watched) {
             continue;
         }
-        if (take_readable(&loop->set, child->sockfd) &&
-            !relay_in(loop, ttyno, child, "in")) {
-            continue;
+        if (take_readable(&loop->set, child->sockfd)) {
+            ready--;
+            if (!relay_in(loop, ttyno, child, "in")) {
+                continue;
+            }
         }
         if (take_readable(&loop->set, child->master_fd)) {
+            ready--;
             relay_out(loop, ttyno, child, "out");
         }
     }
@@ -302,7 +306,7 @@ static void iterate(loop_state *loop)
         return;
     }
     accept_one(loop);
-    relay_readable(loop);
+    relay_readable(loop, ready);
 }
 
 int vc_service_start(void)

@@ -10,15 +10,8 @@
 #include <sched.h>
 #include <stdlib.h>
 
-#include <atomic>
-
-static std::atomic<vc_child *> g_vc_childs[TTY_LINES];
+std::atomic<vc_child *> g_vc_childs[TTY_LINES];
 static std::atomic<int> handlers_inside{0};
-
-vc_child *vc_child_at(int ttyno)
-{
-    return g_vc_childs[ttyno].load(std::memory_order_acquire);
-}
 
 void vc_child_install(int ttyno, vc_child *child)
 {
@@ -61,11 +54,6 @@ int vc_child_pid(const vc_child *child)
 void vc_child_set_pid(vc_child *child, int pid)
 {
     __atomic_store_n(&child->pid, pid, __ATOMIC_RELEASE);
-}
-
-bool vc_child_exited(const vc_child *child)
-{
-    return __atomic_load_n(&child->exited, __ATOMIC_RELAXED) != 0;
 }
 
 void vc_child_set_exited(vc_child *child)

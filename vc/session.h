@@ -1,6 +1,8 @@
 // The table of sessions: one slot per line.
 #pragma once
 
+#include <atomic>
+
 #include <ttyline/vc.h>
 
 // One running session. Belongs to the loop's thread, but for two fields that
@@ -19,8 +21,15 @@ struct vc_child {
     bool watched; // was in the read set of the loop's current turn
 };
 
-// The slot of a line, 0 to TTY_LINES - 1; null when it is empty.
-vc_child *vc_child_at(int ttyno);
+extern std::atomic<vc_child *> g_vc_childs[TTY_LINES];
+
+// The slot of a line, 0 to TTY_LINES - 1; null when it is empty. The loop asks
+// for every line twice in each turn, so this is read in place.
+inline vc_child *vc_child_at(int ttyno)
+{
+    return g_vc_childs[ttyno].load(std::memory_order_acquire);
+}
+
 void vc_child_install(int ttyno, vc_child *child);
 
 // Empties the slot of a session and frees its record. Waits for a SIGCHLD
@@ -35,7 +44,10 @@ vc_child *vc_child_of_pid(int pid);
 // The fields that the SIGCHLD handler shares with the loop.
 int vc_child_pid(const vc_child *child);
 void vc_child_set_pid(vc_child *child, int pid);
-bool vc_child_exited(const vc_child *child);
+inline bool vc_child_exited(const vc_child *child)
+{
+    return __atomic_load_n(&child->exited, __ATOMIC_RELAXED) != 0;
+}
 void vc_child_set_exited(vc_child *child);
 
 // Brackets a handler's use of the table: a record that it found stays

@@ -181,11 +181,15 @@ TEST_F(InetdTest, the_address_has_110_bytes_and_108_of_path)
 TEST(ReadSetTest, a_cleared_set_holds_nothing)
 {
     static read_set set;
-    memset(&set, 0xff, sizeof set);
-    read_set_clear(&set);
-    EXPECT_EQ(set.highest, -1);
-    for (int fd = 0; fd < READ_SET_SIZE; fd++) {
-        ASSERT_FALSE(read_set_has(&set, fd));
+    for (const int highest : {0, 63, 64, 1023, 1024, READ_SET_SIZE - 1}) {
+        for (int fd = 0; fd <= highest; fd++) {
+            read_set_add(&set, fd);
+        }
+        read_set_clear(&set);
+        EXPECT_EQ(set.highest, -1);
+        for (int fd = 0; fd < READ_SET_SIZE; fd++) {
+            ASSERT_FALSE(read_set_has(&set, fd)) << highest;
+        }
     }
 }
 
