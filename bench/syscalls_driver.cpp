@@ -369,12 +369,31 @@ static far_ends make_sessions(int count)
     return far;
 }
 
-// Wakes the loop a few times, types one key and answers it, and ends it.
-static void stimulate(pid_t loop, int sessions, const far_ends &far)
+// A key through the loop to the terminal.
+static bool type_key(const far_ends &far)
+{
+    char byte = 'k';
+
+    return write(far.client, &byte, 1) == 1 &&
+           read(far.terminal, &byte, 1) == 1;
+}
+
+// And its echo back: another turn, however late the loop is.
+static bool echo_key(const far_ends &far)
+{
+    char byte = 'k';
+
+    return type_key(far) && write(far.terminal, &byte, 1) == 1 &&
+           read(far.client, &byte, 1) == 1;
+}
+
+// Wakes the loop a few times, types one key and answers it, and ends it: with
+// the next key, which says that the turn of the echo has come to its end.
+[[noreturn]] static void stimulate(pid_t loop, int sessions,
+                                   const far_ends &far)
 {
     const auto step =
         STEP_US + STEP_PER_SESSION_US * static_cast<useconds_t>(sessions);
-    char byte = 'k';
 
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     for (int i = 0; i < 2; i++) {
@@ -382,13 +401,7 @@ static void stimulate(pid_t loop, int sessions, const far_ends &far)
         kill(loop, SIGHUP);
     }
     usleep(step);
-    if (far.client >= 0) {
-        static_cast<void>(!write(far.client, &byte, 1));
-        static_cast<void>(!read(far.terminal, &byte, 1));
-        usleep(step);
-        static_cast<void>(!write(far.terminal, &byte, 1));
-        usleep(step);
-    }
+    static_cast<void>(sessions > 0 && echo_key(far) && type_key(far));
     kill(loop, SIGKILL);
     _exit(0);
 }
@@ -397,12 +410,8 @@ static void stimulate(pid_t loop, int sessions, const far_ends &far)
 // loop without a session is ended.
 [[noreturn]] static void type_keys(pid_t loop, const far_ends &far)
 {
-    char byte = 'k';
-
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    while (
-        write(far.client, &byte, 1) == 1 && read(far.terminal, &byte, 1) == 1 &&
-        write(far.terminal, &byte, 1) == 1 && read(far.client, &byte, 1) == 1) {
+    while (echo_key(far)) {
     }
     kill(loop, SIGKILL);
     _exit(0);
