@@ -387,15 +387,28 @@ static bool echo_key(const far_ends &far)
            read(far.client, &byte, 1) == 1;
 }
 
+// The loop then has its connection and is in its first turn.
+static void await_announcement(int inetd)
+{
+    const int connection = accept(inetd, nullptr, nullptr);
+    tty_cmsg record;
+
+    if (recv(connection, &record, sizeof record, MSG_WAITALL) !=
+        sizeof record) {
+        fail("announcement");
+    }
+}
+
 // Wakes the loop a few times, types one key and answers it, and ends it: with
 // the next key, which says that the turn of the echo has come to its end.
-[[noreturn]] static void stimulate(pid_t loop, int sessions,
+[[noreturn]] static void stimulate(pid_t loop, int inetd, int sessions,
                                    const far_ends &far)
 {
     const auto step =
         STEP_US + STEP_PER_SESSION_US * static_cast<useconds_t>(sessions);
 
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    await_announcement(inetd);
     for (int i = 0; i < 2; i++) {
         usleep(step);
         kill(loop, SIGHUP);
@@ -425,7 +438,7 @@ static void run_loop(int sessions)
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
     mkdir(runtime_path("/mng/tty/inetd").c_str(), 0700);
-    listen_at(runtime_path("/mng/tty/inetd/.qv_inetd"));
+    const int inetd = listen_at(runtime_path("/mng/tty/inetd/.qv_inetd"));
     const vc_reg reg = describe(23);
     vc_service_reg(&reg);
     const far_ends far = make_sessions(sessions);
@@ -434,7 +447,7 @@ static void run_loop(int sessions)
         if (keys_wanted > 0) {
             type_keys(loop, far);
         }
-        stimulate(loop, sessions, far);
+        stimulate(loop, inetd, sessions, far);
     }
     vc_service_start();
 }
