@@ -42,13 +42,8 @@ static bool dropped(int level)
     return level == TRACE_LEVEL && access(TRACE_SWITCH, F_OK) != 0;
 }
 
-static void write_line(const char *fmt, va_list args)
+static void write_line(const char *line)
 {
-    char line[LINE_SIZE] = {};
-    const time_t now = time(nullptr);
-
-    const size_t stamp = strlen(tty_ctime_r(&now, line));
-    (void)vsnprintf(line + stamp, sizeof line - stamp, fmt, args);
     if (!dump(line) && console_wanted()) {
         tty_log_msg("%s", line);
     }
@@ -61,9 +56,13 @@ void tty_debug_msg(int level, const char *fmt, ...)
     va_list args;
 
     if (!dropped(level)) {
+        char line[LINE_SIZE] = {};
+        const time_t now = time(nullptr);
+        const size_t stamp = strlen(tty_ctime_r(&now, line));
         va_start(args, fmt);
-        write_line(fmt, args);
+        (void)vsnprintf(line + stamp, sizeof line - stamp, fmt, args);
         va_end(args);
+        write_line(line);
     }
     errno = saved_errno;
 }
