@@ -53,10 +53,10 @@ void tty_debug_msg(int level, const char *fmt, ...)
 {
     // Callers log a failure and go on to look at its errno.
     const int saved_errno = errno;
-    va_list args;
 
     if (!dropped(level)) {
         char line[LINE_SIZE] = {};
+        va_list args;
         const time_t now = time(nullptr);
         const size_t stamp = strlen(tty_ctime_r(&now, line));
         va_start(args, fmt);
