@@ -6,6 +6,14 @@ target_compile_options(ttyline_options INTERFACE
     $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
     $<$<BOOL:${TTYLINE_WERROR}>:-Werror>)
 
+# Where a long has 32 bits the C library looks at no file whose size, time or
+# inode number needs more, unless it is told to: the time will in 2038, and a
+# dump file would grow without end.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  target_compile_definitions(ttyline_options INTERFACE
+      _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+endif()
+
 if(TTYLINE_SANITIZE)
   target_compile_options(ttyline_options INTERFACE
       -fsanitize=${TTYLINE_SANITIZE} -fno-sanitize-recover=all

@@ -3,6 +3,7 @@
 // logs must not take.
 #include "common/timestamp.h"
 
+#include <inttypes.h>
 #include <stdio.h>
 
 inline namespace TTYLINE_FACE
@@ -73,9 +74,9 @@ char *tty_ctime_r(const time_t *t, char *out)
     if (out == nullptr) {
         return nullptr;
     }
-    const long now = *t;
+    const int64_t now = *t;
     if (now < 0) {
-        (void)snprintf(out, TTY_STAMP_SIZE, "%ld ", now);
+        (void)snprintf(out, TTY_STAMP_SIZE, "%" PRId64 " ", now);
         return out;
     }
 

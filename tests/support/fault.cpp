@@ -24,6 +24,29 @@
 #include <atomic>
 #include <type_traits>
 
+// Where a long has 32 bits the headers turn calls that know times or offsets
+// into others, which are what is to be wrapped.
+#if __SIZEOF_LONG__ < 8
+#define __real_open __real_open64
+#define __wrap_open __wrap_open64
+#define __real_truncate __real_truncate64
+#define __wrap_truncate __wrap_truncate64
+#define __real_ftruncate __real_ftruncate64
+#define __wrap_ftruncate __wrap_ftruncate64
+#define __real_select __real___select64
+#define __wrap_select __wrap___select64
+#define __real_setsockopt __real___setsockopt64
+#define __wrap_setsockopt __wrap___setsockopt64
+#define __real_fcntl __real___fcntl_time64
+#define __wrap_fcntl __wrap___fcntl_time64
+#define __real_ioctl __real___ioctl_time64
+#define __wrap_ioctl __wrap___ioctl_time64
+#define __real_prctl __real___prctl_time64
+#define __wrap_prctl __wrap___prctl_time64
+#define __real_stat __real___stat64_time64
+#define __wrap_stat __wrap___stat64_time64
+#endif
+
 namespace fault
 {
 
@@ -377,7 +400,7 @@ FAULT_WRAP(int, bind, (int fd, const struct sockaddr *to, socklen_t len),
            (fd, to, len), about_fd(fd))
 FAULT_WRAP(int, listen, (int fd, int backlog), (fd, backlog), about_fd(fd))
 FAULT_WRAP(int, connect, (int fd, const struct sockaddr *to, socklen_t len),
-           (fd, to, len), about_fd(fd, len))
+           (fd, to, len), about_fd(fd, static_cast<long>(len)))
 FAULT_WRAP(int, accept, (int fd, struct sockaddr *peer, socklen_t *len),
            (fd, peer, len), about_fd(fd))
 FAULT_WRAP(int, close, (int fd), (fd), about_fd(fd))

@@ -94,6 +94,24 @@ TEST_F(DumpFile, Of1048577BytesIsEmptiedBeforeTheLine)
     EXPECT_EQ(support::slurp(file), "one\n");
 }
 
+TEST_F(DumpFile, LargerThan4GibibytesIsEmptiedToo)
+{
+    support::spill(file, "");
+    ASSERT_EQ(truncate(file.c_str(), 0x100000005), 0);
+    EXPECT_EQ(append("one\n"), 0);
+    EXPECT_EQ(support::slurp(file), "one\n");
+}
+
+TEST_F(DumpFile, WrittenAfter2038IsEmptiedToo)
+{
+    constexpr time_t IN_2040 = 2208988800;
+    const struct timespec times[2] = {{IN_2040, 0}, {IN_2040, 0}};
+    support::spill(file, std::string(1048577, 'x'));
+    ASSERT_EQ(utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
+    EXPECT_EQ(append("one\n"), 0);
+    EXPECT_EQ(support::slurp(file), "one\n");
+}
+
 TEST_F(DumpFile, Of1048576BytesIsNotEmptied)
 {
     support::spill(file, std::string(1048576, 'x'));

@@ -1,6 +1,5 @@
 #include "common/timestamp.h"
 
-#include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -63,7 +62,8 @@ TEST(Stamp, NegativeTimeIsTheNumberAndABlank)
 {
     EXPECT_EQ(stamp(-5), "-5 ");
     EXPECT_EQ(stamp(-1), "-1 ");
-    EXPECT_EQ(stamp(LONG_MIN), "-9223372036854775808 ");
+    EXPECT_EQ(stamp(std::numeric_limits<time_t>::min()),
+              "-9223372036854775808 ");
 }
 
 TEST(Stamp, FirstAndLastSecondOfEveryDayFrom1970To2400)
