@@ -175,7 +175,7 @@ static unsigned int read_mask(int fd)
     const ssize_t ignored = read(fd, text, sizeof text - 1);
     static_cast<void>(ignored);
     close(fd);
-    return static_cast<unsigned int>(strtoul(text, nullptr, 10));
+    return static_cast<unsigned int>(strtoull(text, nullptr, 10));
 }
 
 int tty_get_service(unsigned int service)

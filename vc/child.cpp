@@ -145,7 +145,7 @@ static bool monitored(int ttyno)
         vc_debug_msg("vc:%s sscanf return fail, errno[%d]:%s\n", FUNCTION,
                      errno, strerror(errno));
     }
-    return static_cast<int>(strtol(value, nullptr, 10)) != 0;
+    return static_cast<int>(strtoll(value, nullptr, 10)) != 0;
 }
 
 // A link by the line's number, for programs that watch the terminal.

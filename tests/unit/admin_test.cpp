@@ -474,6 +474,14 @@ TEST_F(AdminOperationTest, bit_31_is_a_service_too)
     EXPECT_EQ(tty_get_service(30), 0);
 }
 
+TEST_F(AdminOperationTest, of_a_number_that_is_too_large_32_bits_count)
+{
+    service_file("4294967300");
+    for (unsigned int service = 0; service < 32; service++) {
+        EXPECT_EQ(tty_get_service(service), service == 2 ? 1 : 0) << service;
+    }
+}
+
 TEST_F(AdminOperationTest, a_file_without_a_number_enables_nothing)
 {
     for (const char *content : {"", "none", "\n"}) {
