@@ -1,5 +1,6 @@
 #include "ttylined_request.h"
 
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 
@@ -11,6 +12,9 @@ struct item {
     uint32_t value;
 };
 static_assert(sizeof(item) == 8, "an item as it is sent");
+static_assert(offsetof(item, type) == 0, "type");
+static_assert(offsetof(item, length) == 2, "length");
+static_assert(offsetof(item, value) == 4, "value");
 
 static constexpr uint16_t item_ttyno = 0x0020;
 static constexpr uint16_t item_release = 0x1000;

@@ -5,6 +5,7 @@
 #include "tty/admin_channel.h"
 
 #include <errno.h>
+#include <stddef.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -28,6 +29,9 @@ struct admin_item {
     uint32_t value;
 };
 static_assert(sizeof(admin_item) == 8, "items are 8 bytes");
+static_assert(offsetof(admin_item, type) == 0, "type");
+static_assert(offsetof(admin_item, length) == 2, "length");
+static_assert(offsetof(admin_item, value) == 4, "value");
 
 // Guarded by the library lock.
 static int32_t g_tty_update_fd = -1;

@@ -49,6 +49,82 @@ TEST_F(MessageTest, each_field_has_its_offset_and_width)
     EXPECT_EQ(sizeof(tty_cmsg::path), 64u);
 }
 
+// The bytes of a record, put together by hand.
+struct wire {
+    uint8_t bytes[156] = {};
+
+    void put(size_t offset, uint32_t value)
+    {
+        memcpy(bytes + offset, &value, 4);
+    }
+
+    void fill(size_t offset, size_t length, uint8_t first)
+    {
+        for (size_t i = 0; i < length; i++) {
+            bytes[offset + i] = static_cast<uint8_t>(first + i);
+        }
+    }
+};
+
+static bool arrives_as(int from, int to, const tty_cmsg &msg,
+                       const wire &expected)
+{
+    uint8_t bytes[156] = {};
+
+    return vc_msg_send(from, &msg) == 156 &&
+           recv(to, bytes, sizeof bytes, MSG_DONTWAIT) == 156 &&
+           memcmp(bytes, expected.bytes, sizeof bytes) == 0;
+}
+
+TEST_F(MessageTest, the_fields_of_a_report_are_sent_as_their_bytes)
+{
+    tty_cmsg msg = {};
+    wire expected;
+    msg.vc_flag = 0x80000401;
+    msg.ttyno = 258;
+    msg.sockfd = 0x01020304;
+    msg.socktype = 10;
+    msg.port = 65535;
+    msg.protocol = 11;
+    msg.pid = 0x7ffffffe;
+    msg.peer_port = 0x1234;
+    msg.tos = -1;
+    msg.accept_id = -2;
+    for (uint8_t i = 0; i < 16; i++) {
+        msg.local_addr[i] = static_cast<uint8_t>(0xf0 + i);
+        msg.peer_addr[i] = static_cast<uint8_t>(0x70 + i);
+    }
+    memcpy(msg.path, "/\xc3\xbc", 3);
+    const uint32_t numbers[] = {0x80000401, 258, 0x01020304, 10,
+                                65535,      11,  0x7ffffffe, 0x1234};
+    for (size_t i = 0; i < 8; i++) {
+        expected.put(4 * i, numbers[i]);
+    }
+    expected.fill(36, 16, 0xf0);
+    expected.put(64, 0xffffffff);
+    expected.put(68, 0xfffffffe);
+    expected.fill(76, 16, 0x70);
+    memcpy(expected.bytes + 92, "/\xc3\xbc", 3);
+    EXPECT_TRUE(arrives_as(inetd_fd_, far_end_, msg, expected));
+}
+
+TEST_F(MessageTest, the_tipc_fields_are_sent_as_their_bytes)
+{
+    tty_cmsg msg = {};
+    wire expected;
+    msg.tipc_addrtype = 0x81020304;
+    msg.tipc_scope = -3;
+    msg.tipc_type = 0x82020304;
+    msg.tipc_lower = 0x83020304;
+    msg.tipc_upper = 0x84020304;
+    expected.put(44, 0x81020304);
+    expected.put(48, 0xfffffffd);
+    expected.put(52, 0x82020304);
+    expected.put(56, 0x83020304);
+    expected.put(60, 0x84020304);
+    EXPECT_TRUE(arrives_as(inetd_fd_, far_end_, msg, expected));
+}
+
 TEST_F(MessageTest, each_flag_has_its_bit)
 {
     EXPECT_EQ(VC_FLAG_CLIENT_ALLOC, 0x001u);
