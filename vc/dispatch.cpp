@@ -45,11 +45,9 @@ static void answer(int inetd_fd, tty_cmsg *msg, uint32_t vc_flag)
 
 static void kill_all_sessions(void)
 {
-    for (int ttyno = 0; ttyno < TTY_LINES; ttyno++) {
-        vc_child *child = vc_child_at(ttyno);
-        if (child != nullptr) {
-            vc_child_kill(child);
-        }
+    VC_FOR_EACH_SESSION_LINE(ttyno)
+    {
+        vc_child_kill(vc_child_at(ttyno));
     }
 }
 

@@ -108,11 +108,9 @@ static void watch(loop_state *loop, int fd)
 // Sessions whose process has ended are torn down on the way.
 static void watch_sessions(loop_state *loop)
 {
-    for (int ttyno = 0; ttyno < TTY_LINES; ttyno++) {
+    VC_FOR_EACH_SESSION_LINE(ttyno)
+    {
         vc_child *child = vc_child_at(ttyno);
-        if (child == nullptr) {
-            continue;
-        }
         if (vc_child_exited(child)) {
             vc_child_kill(child);
             continue;
@@ -188,11 +186,9 @@ static void relay_out(loop_state *loop, int ttyno, vc_child *child,
 static void retry_pending(loop_state *loop)
 {
     loop->pending = false;
-    for (int ttyno = 0; ttyno < TTY_LINES; ttyno++) {
+    VC_FOR_EACH_SESSION_LINE(ttyno)
+    {
         vc_child *child = vc_child_at(ttyno);
-        if (child == nullptr) {
-            continue;
-        }
         if (child->in_pending > 0 && !relay_in(loop, ttyno, child, "in1")) {
             continue;
         }
@@ -266,9 +262,13 @@ static bool take_readable(read_set *set, int fd)
 // sessions' and others: once that many have been taken no line has one left.
 static void relay_readable(loop_state *loop, int ready)
 {
-    for (int ttyno = 0; ttyno < TTY_LINES && ready > 0; ttyno++) {
+    VC_FOR_EACH_SESSION_LINE(ttyno)
+    {
+        if (ready == 0) {
+            break;
+        }
         vc_child *child = vc_child_at(ttyno);
-        if (child == nullptr || !child->watched) {
+        if (!child->watched) {
             continue;
         }
         if (take_readable(&loop->set, child->sockfd)) {

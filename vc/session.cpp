@@ -11,16 +11,26 @@
 #include <stdlib.h>
 
 std::atomic<vc_child *> g_vc_childs[TTY_LINES];
+std::atomic<unsigned long> g_vc_child_lines[VC_LINE_WORDS];
 static std::atomic<int> handlers_inside{0};
+
+static unsigned long bit_of(int ttyno)
+{
+    return 1UL << (ttyno % VC_LINES_PER_WORD);
+}
 
 void vc_child_install(int ttyno, vc_child *child)
 {
     g_vc_childs[ttyno].store(child, std::memory_order_release);
+    g_vc_child_lines[ttyno / VC_LINES_PER_WORD].fetch_or(bit_of(ttyno));
 }
 
 void vc_child_release(vc_child *child)
 {
-    g_vc_childs[child->ttyno].store(nullptr);
+    const int ttyno = child->ttyno;
+
+    g_vc_child_lines[ttyno / VC_LINES_PER_WORD].fetch_and(~bit_of(ttyno));
+    g_vc_childs[ttyno].store(nullptr);
     while (handlers_inside.load() != 0) {
         sched_yield();
     }
@@ -29,6 +39,9 @@ void vc_child_release(vc_child *child)
 
 void vc_child_clear_all(void)
 {
+    for (std::atomic<unsigned long> &lines : g_vc_child_lines) {
+        lines.store(0);
+    }
     for (std::atomic<vc_child *> &slot : g_vc_childs) {
         slot.store(nullptr);
     }

@@ -23,12 +23,40 @@ struct vc_child {
 
 extern std::atomic<vc_child *> g_vc_childs[TTY_LINES];
 
-// The slot of a line, 0 to TTY_LINES - 1; null when it is empty. The loop asks
-// for every line twice in each turn, so this is read in place.
+// The slot of a line, 0 to TTY_LINES - 1; null when it is empty.
 inline vc_child *vc_child_at(int ttyno)
 {
     return g_vc_childs[ttyno].load(std::memory_order_acquire);
 }
+
+// A bit per line, set while its slot is filled: the loop walks over the lines
+// twice in each turn, and most of them are empty.
+constexpr int VC_LINES_PER_WORD = 8 * sizeof(unsigned long);
+constexpr int VC_LINE_WORDS =
+    (TTY_LINES + VC_LINES_PER_WORD - 1) / VC_LINES_PER_WORD;
+extern std::atomic<unsigned long> g_vc_child_lines[VC_LINE_WORDS];
+
+// The first line from ttyno on that has a session; TTY_LINES when none has.
+// For the thread that changes the table.
+inline int vc_child_next(int ttyno)
+{
+    unsigned long wanted = ~0UL << (ttyno % VC_LINES_PER_WORD);
+
+    for (int word = ttyno / VC_LINES_PER_WORD; word < VC_LINE_WORDS; word++) {
+        const unsigned long lines =
+            g_vc_child_lines[word].load(std::memory_order_relaxed) & wanted;
+        if (lines != 0) {
+            return word * VC_LINES_PER_WORD + __builtin_ctzl(lines);
+        }
+        wanted = ~0UL;
+    }
+    return TTY_LINES;
+}
+
+// Sessions may end on the way, this one and others.
+#define VC_FOR_EACH_SESSION_LINE(ttyno)                                        \
+    for (int ttyno = vc_child_next(0); ttyno < TTY_LINES;                      \
+         ttyno = vc_child_next(ttyno + 1))
 
 void vc_child_install(int ttyno, vc_child *child);
 

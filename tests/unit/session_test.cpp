@@ -1,0 +1,92 @@
+#include "vc/session.h"
+
+#include <stdlib.h>
+
+#include <vector>
+
+#include <gtest/gtest.h>
+
+class SessionTableTest : public ::testing::Test
+{
+  protected:
+    void TearDown() override
+    {
+        VC_FOR_EACH_SESSION_LINE(ttyno)
+        {
+            vc_child_release(vc_child_at(ttyno));
+        }
+    }
+
+    static void install(int ttyno)
+    {
+        auto *child = static_cast<vc_child *>(calloc(1, sizeof(vc_child)));
+        child->ttyno = ttyno;
+        vc_child_install(ttyno, child);
+    }
+
+    static std::vector<int> lines()
+    {
+        std::vector<int> found;
+        VC_FOR_EACH_SESSION_LINE(ttyno)
+        {
+            found.push_back(ttyno);
+        }
+        return found;
+    }
+};
+
+TEST_F(SessionTableTest, a_walk_over_no_session_finds_none)
+{
+    EXPECT_TRUE(lines().empty());
+    EXPECT_EQ(vc_child_next(TTY_LINES - 1), TTY_LINES);
+    EXPECT_EQ(vc_child_next(TTY_LINES), TTY_LINES);
+}
+
+TEST_F(SessionTableTest, a_walk_finds_all_sessions_in_the_order_of_lines)
+{
+    const std::vector<int> filled = {0,  1,   31,  32,   63,
+                                     64, 127, 300, 1023, TTY_LINES - 1};
+    for (size_t i = filled.size(); i-- > 0;) {
+        install(filled[i]);
+    }
+    EXPECT_EQ(lines(), filled);
+}
+
+TEST_F(SessionTableTest, a_walk_finds_every_line_when_all_are_taken)
+{
+    for (int ttyno = 0; ttyno < TTY_LINES; ttyno++) {
+        install(ttyno);
+    }
+    const std::vector<int> found = lines();
+    ASSERT_EQ(found.size(), size_t{TTY_LINES});
+    for (int ttyno = 0; ttyno < TTY_LINES; ttyno++) {
+        EXPECT_EQ(found[size_t(ttyno)], ttyno);
+    }
+}
+
+TEST_F(SessionTableTest, a_session_that_ends_on_the_way_is_not_met)
+{
+    for (const int ttyno : {258, 300, 301, 400}) {
+        install(ttyno);
+    }
+    std::vector<int> met;
+    VC_FOR_EACH_SESSION_LINE(ttyno)
+    {
+        met.push_back(ttyno);
+        if (ttyno == 258) {
+            vc_child_release(vc_child_at(300));
+        }
+        vc_child_release(vc_child_at(ttyno));
+    }
+    EXPECT_EQ(met, (std::vector<int>{258, 301, 400}));
+    EXPECT_TRUE(lines().empty());
+}
+
+TEST_F(SessionTableTest, an_emptied_table_has_no_lines)
+{
+    vc_child session = {};
+    vc_child_install(300, &session);
+    vc_child_clear_all();
+    EXPECT_EQ(vc_child_at(300), nullptr);
+    EXPECT_TRUE(lines().empty());
+}
