@@ -53,10 +53,19 @@ inline int vc_child_next(int ttyno)
     return TTY_LINES;
 }
 
+// The next line with a session; lines stand close together more often than not.
+inline int vc_child_after(int ttyno)
+{
+    ttyno++;
+    return ttyno < TTY_LINES && vc_child_at(ttyno) != nullptr
+               ? ttyno
+               : vc_child_next(ttyno);
+}
+
 // Sessions may end on the way, this one and others.
 #define VC_FOR_EACH_SESSION_LINE(ttyno)                                        \
     for (int ttyno = vc_child_next(0); ttyno < TTY_LINES;                      \
-         ttyno = vc_child_next(ttyno + 1))
+         ttyno = vc_child_after(ttyno))
 
 void vc_child_install(int ttyno, vc_child *child);
 
