@@ -45,8 +45,8 @@ static void answer(int inetd_fd, tty_cmsg *msg, uint32_t vc_flag)
 
 static void kill_all_sessions(void)
 {
-    VC_FOR_EACH_SESSION_LINE(ttyno)
-    {
+    for (int ttyno = vc_child_next(0); ttyno < TTY_LINES;
+         ttyno = vc_child_after(ttyno)) {
         vc_child_kill(vc_child_at(ttyno));
     }
 }

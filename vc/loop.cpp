@@ -108,8 +108,8 @@ static void watch(loop_state *loop, int fd)
 // Sessions whose process has ended are torn down on the way.
 static void watch_sessions(loop_state *loop)
 {
-    VC_FOR_EACH_SESSION_LINE(ttyno)
-    {
+    for (int ttyno = vc_child_next(0); ttyno < TTY_LINES;
+         ttyno = vc_child_after(ttyno)) {
         vc_child *child = vc_child_at(ttyno);
         if (vc_child_exited(child)) {
             vc_child_kill(child);
@@ -186,8 +186,8 @@ static void relay_out(loop_state *loop, int ttyno, vc_child *child,
 static void retry_pending(loop_state *loop)
 {
     loop->pending = false;
-    VC_FOR_EACH_SESSION_LINE(ttyno)
-    {
+    for (int ttyno = vc_child_next(0); ttyno < TTY_LINES;
+         ttyno = vc_child_after(ttyno)) {
         vc_child *child = vc_child_at(ttyno);
         if (child->in_pending > 0 && !relay_in(loop, ttyno, child, "in1")) {
             continue;
@@ -262,8 +262,8 @@ static bool take_readable(read_set *set, int fd)
 // sessions' and others: once that many have been taken no line has one left.
 static void relay_readable(loop_state *loop, int ready)
 {
-    VC_FOR_EACH_SESSION_LINE(ttyno)
-    {
+    for (int ttyno = vc_child_next(0); ttyno < TTY_LINES;
+         ttyno = vc_child_after(ttyno)) {
         if (ready == 0) {
             break;
         }

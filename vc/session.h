@@ -53,7 +53,8 @@ inline int vc_child_next(int ttyno)
     return TTY_LINES;
 }
 
-// The next line with a session; lines stand close together more often than not.
+// The next line with a session, for a walk over all of them: the walk may end
+// sessions. Lines stand close together more often than not.
 inline int vc_child_after(int ttyno)
 {
     ttyno++;
@@ -61,11 +62,6 @@ inline int vc_child_after(int ttyno)
                ? ttyno
                : vc_child_next(ttyno);
 }
-
-// Sessions may end on the way, this one and others.
-#define VC_FOR_EACH_SESSION_LINE(ttyno)                                        \
-    for (int ttyno = vc_child_next(0); ttyno < TTY_LINES;                      \
-         ttyno = vc_child_after(ttyno))
 
 void vc_child_install(int ttyno, vc_child *child);
 

@@ -11,8 +11,8 @@ class SessionTableTest : public ::testing::Test
   protected:
     void TearDown() override
     {
-        VC_FOR_EACH_SESSION_LINE(ttyno)
-        {
+        for (int ttyno = vc_child_next(0); ttyno < TTY_LINES;
+             ttyno = vc_child_after(ttyno)) {
             vc_child_release(vc_child_at(ttyno));
         }
     }
@@ -27,8 +27,8 @@ class SessionTableTest : public ::testing::Test
     static std::vector<int> lines()
     {
         std::vector<int> found;
-        VC_FOR_EACH_SESSION_LINE(ttyno)
-        {
+        for (int ttyno = vc_child_next(0); ttyno < TTY_LINES;
+             ttyno = vc_child_after(ttyno)) {
             found.push_back(ttyno);
         }
         return found;
@@ -70,8 +70,8 @@ TEST_F(SessionTableTest, a_session_that_ends_on_the_way_is_not_met)
         install(ttyno);
     }
     std::vector<int> met;
-    VC_FOR_EACH_SESSION_LINE(ttyno)
-    {
+    for (int ttyno = vc_child_next(0); ttyno < TTY_LINES;
+         ttyno = vc_child_after(ttyno)) {
         met.push_back(ttyno);
         if (ttyno == 258) {
             vc_child_release(vc_child_at(300));
