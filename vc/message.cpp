@@ -3,7 +3,6 @@
 
 #include <stddef.h>
 #include <string.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include "common/io.h"
@@ -29,13 +28,6 @@ static_assert(offsetof(tty_cmsg, accept_id) == 68, "accept_id");
 static_assert(offsetof(tty_cmsg, reserved2) == 72, "reserved2");
 static_assert(offsetof(tty_cmsg, peer_addr) == 76, "peer_addr");
 static_assert(offsetof(tty_cmsg, path) == 92, "path");
-
-void vc_set_bk(int fd, bool block)
-{
-    int non_blocking = block ? 0 : 1;
-
-    ioctl(fd, FIONBIO, &non_blocking);
-}
 
 int vc_msg_send(int inetd_fd, const tty_cmsg *msg)
 {

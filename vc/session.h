@@ -17,8 +17,10 @@ struct vc_child {
     int32_t inetd_fd;  // the inetd connection that the line came from
     int32_t in_pending;
     int32_t out_pending;
-    vc_reg reg;   // copied; listen_path is shared with the service
     bool watched; // was in the read set of the loop's current turn
+    // Behind what every turn looks at, of which a processor fetches a line at
+    // a time. Copied; listen_path is shared with the service.
+    vc_reg reg;
 };
 
 extern std::atomic<vc_child *> g_vc_childs[TTY_LINES];
