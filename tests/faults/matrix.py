@@ -56,7 +56,7 @@ class Sources:
         self.text = ""
         self.literals = set()
         for face, _ in FACES:
-            for path in sorted((tree / face).glob("*.cpp")):
+            for path in sorted((tree / face).glob("*.[ch]*")):
                 self.read(path, f"{face}/{path.name}")
 
     def read(self, path, name):
