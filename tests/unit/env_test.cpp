@@ -432,23 +432,16 @@ TEST_F(EnvSignals, MaskAndLockAreAsBeforeAfterEveryRefusal)
 
 TEST_F(EnvSignals, MaskAndLockAreAsBeforeAfterEveryFailure)
 {
-    fault_row("tty_setenv", "open", "EIO", "", "",
-              "signal mask and lock as before, wherever it fails");
-    fault_row("tty_setenv", "fcntl", "EIO", "", "",
-              "signal mask and lock as before, wherever it fails");
-    fault_row("tty_setenv", "rename", "EIO", "", "",
-              "signal mask and lock as before, wherever it fails");
-    fault_row("tty_setenv", "read", "EIO", "", "",
-              "signal mask and lock as before, wherever it fails");
-    fault_row("tty_setenv", "write", "EIO", "", "",
-              "signal mask and lock as before, wherever it fails");
-    fault_row("tty_getenv", "open", "EIO", "", "",
-              "signal mask and lock as before, wherever it fails");
-    fault_row("tty_getenv", "fcntl", "EIO", "", "",
-              "signal mask and lock as before, wherever it fails");
-    fault_row("tty_getenv", "read", "EIO", "", "",
-              "signal mask and lock as before, wherever it fails");
-    const char *const calls[] = {"open", "fcntl", "rename", "read", "write"};
+    const char *const calls[] = {"open", "fcntl", "read", "rename", "write"};
+    for (const char *call : calls) {
+        fault_row("tty_setenv", call, "EIO", "", "",
+                  "signal mask and lock as before, wherever it fails");
+    }
+    // A get neither writes nor renames.
+    for (const char *call : {"open", "fcntl", "read"}) {
+        fault_row("tty_getenv", call, "EIO", "", "",
+                  "signal mask and lock as before, wherever it fails");
+    }
     for (const char *call : calls) {
         for (int nth = 1; nth <= 6; nth++) {
             fault::fail(call, nth, EIO, 1, fault::only_path(".tty_info_"));

@@ -515,6 +515,8 @@ class ChildTest : public SpawnTest
         return support::slurp(path("/result"));
     }
 
+    void expect_a_running_program();
+
     std::string slave_;
 };
 
@@ -527,6 +529,19 @@ static int shell_ok(int, const char *)
 {
     report("ran");
     return 0;
+}
+
+// A new session comes as far as its program.
+void ChildTest::expect_a_running_program()
+{
+    vc_service_del(23);
+    vc_reg reg = plain(AF_INET, 23, nullptr, 6);
+    reg.shell_func = shell_ok;
+    add(reg);
+    ASSERT_NE(start(300), nullptr);
+    EXPECT_TRUE(support::wait_until([&] {
+        return support::exists(path("/result")) && result() == "ran";
+    }));
 }
 
 TEST_F(ChildTest, a_shell_that_returns_ends_the_child_with_1)
@@ -862,30 +877,16 @@ TEST_F(ChildTest, a_death_signal_that_cannot_be_asked_for_is_done_without)
 {
     fault_row("vc_child_alloc", "prctl", "EINVAL", "the session", "",
               "the session program runs");
-    vc_service_del(23);
-    vc_reg reg = plain(AF_INET, 23, nullptr, 6);
-    reg.shell_func = shell_ok;
-    add(reg);
     fault::fail("prctl", 1, EINVAL);
-    ASSERT_NE(start(300), nullptr);
-    EXPECT_TRUE(support::wait_until([&] {
-        return support::exists(path("/result")) && result() == "ran";
-    }));
+    expect_a_running_program();
 }
 
 TEST_F(ChildTest, an_interrupted_look_for_the_release_is_repeated)
 {
     fault_row("vc_child_alloc", "read", "EINTR", "the session", "",
               "the session program runs");
-    vc_service_del(23);
-    vc_reg reg = plain(AF_INET, 23, nullptr, 6);
-    reg.shell_func = shell_ok;
-    add(reg);
     fault::fail("read", 1, EINTR, 2, fault::only_path("socket:"));
-    ASSERT_NE(start(300), nullptr);
-    EXPECT_TRUE(support::wait_until([&] {
-        return support::exists(path("/result")) && result() == "ran";
-    }));
+    expect_a_running_program();
 }
 
 TEST_F(ChildTest, the_child_dies_with_its_parent_and_ignores_hangups)
