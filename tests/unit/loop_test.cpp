@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -17,6 +18,7 @@
 #include "tests/support/fault.h"
 #include "tests/support/fault_row.h"
 #include "tests/support/wait.h"
+#include "vc/session.h"
 #include "vc_fixture.h"
 
 class LoopTest : public VcTest
@@ -159,6 +161,63 @@ TEST_F(LoopTest, a_wait_that_times_out_pauses_and_says_nothing)
     for (const std::string &text : loop_messages()) {
         EXPECT_EQ(text.find("vc: select error"), std::string::npos);
     }
+}
+
+// A session whose terminal has a byte, and its connection if that has input;
+// its callbacks take a byte and say so.
+static void add_readable_session(int ttyno, bool has_input)
+{
+    auto *child = static_cast<vc_child *>(calloc(1, sizeof(vc_child)));
+    int connection[2];
+    int terminal[2];
+
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, connection) != 0 ||
+        socketpair(AF_UNIX, SOCK_STREAM, 0, terminal) != 0 ||
+        (has_input && write(connection[1], "i", 1) != 1) ||
+        write(terminal[1], "o", 1) != 1) {
+        _exit(8);
+    }
+    child->ttyno = ttyno;
+    child->sockfd = connection[0];
+    child->master_fd = terminal[0];
+    child->inetd_fd = -1;
+    child->reg.protocol = 6;
+    child->reg.read_func = [](int line) {
+        char byte = 0;
+        vc_debug_msg("test: in %d\n", line);
+        return read(vc_child_at(line)->sockfd, &byte, 1) == 1 ? 0 : -1;
+    };
+    child->reg.write_func = [](int line) {
+        char byte = 0;
+        vc_debug_msg("test: out %d\n", line);
+        return read(vc_child_at(line)->master_fd, &byte, 1) == 1 ? 0 : -1;
+    };
+    vc_child_install(ttyno, child);
+}
+
+TEST_F(LoopTest, all_that_is_readable_is_moved_before_the_next_wait)
+{
+    run_loop([] {
+        add_readable_session(TTY_LINES - 1, false);
+        for (const int ttyno : {258, 259, 300, 1421}) {
+            add_readable_session(ttyno, true);
+        }
+        fault::run(
+            "select", 1,
+            [] {
+                vc_debug_msg("test: wait\n");
+            },
+            2);
+    });
+    ASSERT_TRUE(says("test: wait\n", 2));
+    std::string seen;
+    for (const std::string &text : loop_messages()) {
+        if (text.find("test: ") == 0) {
+            seen += text.substr(6);
+        }
+    }
+    EXPECT_EQ(seen, "wait\nin 258\nout 258\nin 259\nout 259\nin 300\n"
+                    "out 300\nin 1421\nout 1421\nout 1585\nwait\n");
 }
 
 // Loses the first connection, and its number to another file.
