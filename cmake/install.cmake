@@ -32,7 +32,7 @@ foreach(face IN ITEMS tty vc)
 endforeach()
 
 # Units of the example daemons, with the paths of this installation.
-if(TTYLINE_BUILD_EXAMPLES)
+if(TTYLINE_BUILD_PROGRAMS)
   foreach(unit IN ITEMS ttylined consoled)
     configure_file(systemd/ttyline-${unit}.service.in
         ttyline-${unit}.service @ONLY)

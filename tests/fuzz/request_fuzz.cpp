@@ -12,7 +12,7 @@
 
 #include <ttyline/tty.h>
 
-#include "examples/ttylined_request.h"
+#include "programs/ttylined/request.h"
 #include "tests/fuzz/fuzz.h"
 #include "tty/admin_channel.h"
 #include "tty/lock.h"

@@ -1,0 +1,256 @@
+#include "programs/rl-con/command.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include <ttyline/tty.h>
+
+#include "tty/keys.h"
+
+/*
+ * Name and value together. The store cuts a line at 1023 bytes: of a longer
+ * pair the line end would be lost, and the key after it with that.
+ */
+static constexpr size_t stored_max = 1020;
+static constexpr int value_size = 1024;
+static const char blanks[] = " \t";
+
+std::string printable(const std::string &text)
+{
+    std::string shown;
+    char code[8];
+
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == '\\') {
+            shown += "\\\\";
+        } else if (byte >= ' ' && byte <= '~') {
+            shown += c;
+        } else {
+            snprintf(code, sizeof code, "\\x%02x", unsigned{byte});
+            shown += code;
+        }
+    }
+    return shown;
+}
+
+static std::string trimmed(const std::string &text)
+{
+    const size_t first = text.find_first_not_of(blanks);
+
+    if (first == std::string::npos) {
+        return "";
+    }
+    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
+std::string take_word(std::string &text)
+{
+    text = trimmed(text);
+    const size_t end = text.find_first_of(blanks);
+    std::string word = text.substr(0, end);
+    text = end == std::string::npos ? "" : trimmed(text.substr(end));
+    return word;
+}
+
+/* Also of a word with a zero byte in it, which equals no key. */
+static bool key_known(const std::string &key)
+{
+    for (const char *known : tty_envs) {
+        if (key == known) {
+            return true;
+        }
+    }
+    printf("no such key: %s\n", printable(key).c_str());
+    return false;
+}
+
+/* False when nothing is stored, or nothing that can be read. */
+static bool read_key(const console &c, const char *key, std::string &value)
+{
+    char text[value_size];
+
+    if (tty_getenv(c.line, key, text, sizeof text) == nullptr) {
+        return false;
+    }
+    value = text;
+    return true;
+}
+
+static bool store_key(const console &c, const char *key,
+                      const std::string &value)
+{
+    if (value.find('\0') != std::string::npos) {
+        printf("a value cannot hold a zero byte\n");
+        return false;
+    }
+    if (strlen(key) + value.size() > stored_max) {
+        printf("too long: name and value have room for %zu bytes\n",
+               stored_max);
+        return false;
+    }
+    if (tty_setenv(c.line, key, value.c_str()) != 0) {
+        printf("cannot store %s\n", key);
+        return false;
+    }
+    return true;
+}
+
+static void show(const console &c, const std::string &arguments)
+{
+    bool any = false;
+    std::string value;
+
+    (void)arguments;
+    printf("line    %u\n", c.line);
+    printf("device  %s\n", printable(c.device).c_str());
+    printf("peer    %s\n", printable(c.peer).c_str());
+    for (const char *key : tty_envs) {
+        if (read_key(c, key, value)) {
+            printf("%s=%s\n", key, printable(value).c_str());
+            any = true;
+        }
+    }
+    if (!any) {
+        printf("no stored keys\n");
+    }
+}
+
+static void get(const console &c, const std::string &arguments)
+{
+    std::string value;
+
+    if (!key_known(arguments)) {
+        return;
+    }
+    if (read_key(c, arguments.c_str(), value)) {
+        printf("%s\n", printable(value).c_str());
+    } else {
+        printf("%s is not stored\n", arguments.c_str());
+    }
+}
+
+static void set(const console &c, const std::string &arguments)
+{
+    std::string value = arguments;
+    const std::string key = take_word(value);
+
+    if (key_known(key) && store_key(c, key.c_str(), value)) {
+        printf("stored\n");
+    }
+}
+
+static void reset(const console &c, const std::string &arguments)
+{
+    (void)arguments;
+    if (tty_reset_info(c.line) == 0) {
+        printf("reset\n");
+    } else {
+        printf("cannot reset all keys\n");
+    }
+}
+
+static void shell(const console &c, const std::string &arguments)
+{
+    (void)arguments;
+    if (!terminal_run_shell(c.term)) {
+        printf("cannot start a shell: %s\n", strerror(errno));
+    }
+}
+
+static void login(const console &c, const std::string &name)
+{
+    if (!store_key(c, "LOGNAME", name)) {
+        return;
+    }
+    if (tty_login_info_audit(c.line, true) == 0) {
+        printf("logged in\n");
+    } else {
+        printf("LOGNAME is stored, the login could not be reported\n");
+    }
+}
+
+static void help(const console &c, const std::string &arguments);
+
+struct command {
+    const char *name;
+    const char *arguments;
+    int least_words; /* after the name */
+    int most_words;
+    const char *purpose;
+    /* none: the console ends */
+    void (*run)(const console &, const std::string &);
+};
+
+static constexpr int any_number = -1;
+
+static const command commands[] = {
+    {"show", "", 0, 0, "line, device, peer and stored keys", show},
+    {"get", "KEY", 1, 1, "print the value of a key", get},
+    {"set", "KEY VALUE...", 2, any_number, "store a value", set},
+    {"reset", "", 0, 0, "put the keys back to those of a free line", reset},
+    {"shell", "", 0, 0, "run your shell on the line", shell},
+    {"login", "NAME", 1, 1, "store the user and report the login", login},
+    {"help", "", 0, 0, "print this", help},
+    {"exit", "", 0, 0, "leave the line", nullptr},
+};
+
+static void help(const console &c, const std::string &arguments)
+{
+    (void)c;
+    (void)arguments;
+    for (const command &known : commands) {
+        printf("%-6s%-13s %s\n", known.name, known.arguments, known.purpose);
+    }
+}
+
+static int count_words(std::string text)
+{
+    int count = 0;
+
+    while (!take_word(text).empty()) {
+        count++;
+    }
+    return count;
+}
+
+static bool words_fit(const command &known, const std::string &arguments)
+{
+    const int words = count_words(arguments);
+
+    return words >= known.least_words &&
+           (known.most_words == any_number || words <= known.most_words);
+}
+
+static const command *find_command(const std::string &name)
+{
+    for (const command &known : commands) {
+        if (name == known.name) {
+            return &known;
+        }
+    }
+    return nullptr;
+}
+
+bool run_command(const console &c, const std::string &line)
+{
+    std::string arguments = line;
+    const std::string name = take_word(arguments);
+
+    if (name.empty()) {
+        return true;
+    }
+    const command *known = find_command(name);
+    if (known == nullptr) {
+        printf("unknown command: %s (try help)\n", printable(name).c_str());
+    } else if (!words_fit(*known, arguments)) {
+        printf("usage: %s%s%s\n", known->name,
+               *known->arguments == '\0' ? "" : " ", known->arguments);
+    } else if (known->run == nullptr) {
+        return false;
+    } else {
+        known->run(c, arguments);
+    }
+    return true;
+}

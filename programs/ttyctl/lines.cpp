@@ -1,0 +1,283 @@
+/*
+ * The table of lines. Locked lines are put off until all others have been
+ * read and get what is left of one time for all of them, so that many locked
+ * lines cost no more than one.
+ */
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <list>
+#include <map>
+#include <set>
+#include <thread>
+
+#include <libsmartcols/libsmartcols.h>
+#include <unistd.h>
+
+#include "programs/ttyctl/guard.h"
+#include "programs/ttyctl/store.h"
+#include "programs/ttyctl/text.h"
+#include "programs/ttyctl/ttyctl.h"
+
+static constexpr int value_size = 1024;
+static constexpr std::chrono::milliseconds look_again(10);
+static const char clear_screen[] = "\033[H\033[2J";
+
+struct line_row {
+    std::string user;
+    std::string peer;
+    std::string device;
+    std::string protocol;
+    std::string idle;
+    std::string state;
+};
+
+enum column {
+    col_line,
+    col_user,
+    col_peer,
+    col_device,
+    col_protocol,
+    col_idle,
+    col_state
+};
+
+/* How much of the terminal's width a column gets, and what it may lose. */
+struct column_form {
+    const char *name;
+    double width;
+    int flags;
+    int json_type;
+};
+
+static const column_form columns[] = {
+    {"LINE", 5, SCOLS_FL_RIGHT, SCOLS_JSON_NUMBER},
+    {"USER", 0.2, SCOLS_FL_TRUNC, SCOLS_JSON_STRING},
+    {"PEER", 0.2, SCOLS_FL_TRUNC, SCOLS_JSON_STRING},
+    {"DEVICE", 0.1, SCOLS_FL_TRUNC, SCOLS_JSON_STRING},
+    {"PROTOCOL", 8, SCOLS_FL_TRUNC, SCOLS_JSON_STRING},
+    {"IDLE", 4, SCOLS_FL_TRUNC, SCOLS_JSON_STRING},
+    {"STATE", 9, 0, SCOLS_JSON_STRING},
+};
+
+/* The values in the order in which the child sends them. */
+static const char *const keys[] = {"LOGNAME", "PEERNAME", "SOCKADDR",
+                                   "TTYDEV",  "PROTOCOL", "IDLE",
+                                   "TTYPID",  "LOGSUCC"};
+
+using line_values = std::map<std::string, std::string>;
+
+/* One value after the other, each with a zero byte, which none of them holds.
+ */
+static void read_values(unsigned int line, std::string &text)
+{
+    char value[value_size];
+
+    for (const char *key : keys) {
+        if (tty_getenv(line, key, value, sizeof value) != nullptr) {
+            text += value;
+        }
+        text += '\0';
+    }
+}
+
+static line_values split_values(const std::string &text)
+{
+    line_values values;
+    std::size_t at = 0;
+
+    for (const char *key : keys) {
+        const std::size_t end = text.find('\0', at);
+        if (end == std::string::npos) {
+            break;
+        }
+        values[key] = text.substr(at, end - at);
+        at = end + 1;
+    }
+    return values;
+}
+
+/* A line keeps its TTYDEV after a session; the reset sets TTYPID to -1. */
+static const char *state_of(line_values &values)
+{
+    if (values["TTYDEV"].empty() || values["TTYPID"] == "-1") {
+        return "free";
+    }
+    return values["LOGSUCC"] == "1" ? "logged in" : "login";
+}
+
+static line_row make_row(line_values values)
+{
+    const std::string &name = values["PEERNAME"];
+
+    return {values["LOGNAME"], name.empty() ? values["SOCKADDR"] : name,
+            values["TTYDEV"],  values["PROTOCOL"],
+            values["IDLE"],    state_of(values)};
+}
+
+static line_row state_only(const char *state)
+{
+    line_row row;
+
+    row.state = state;
+    return row;
+}
+
+static line_row read_row(unsigned int line, time_point deadline)
+{
+    guarded_call call;
+
+    call.lock_path = lock_of(info_to_read(line));
+    call.work = [line](std::string &text) {
+        read_values(line, text);
+        return true;
+    };
+    const call_result result = run_guarded(call, deadline);
+    if (result.state == call_state::done) {
+        return make_row(split_values(result.text));
+    }
+    return state_only(result.state == call_state::locked ? "locked"
+                                                         : "unreadable");
+}
+
+using line_rows = std::map<unsigned int, line_row>;
+
+/* Reads what nobody holds at this moment, and takes it off the list. */
+static void read_unlocked(std::list<unsigned int> &lines, time_point deadline,
+                          line_rows &rows)
+{
+    for (auto line = lines.begin(); line != lines.end();) {
+        if (lock_holder(lock_of(info_to_read(*line))) != 0) {
+            ++line;
+            continue;
+        }
+        rows[*line] = read_row(*line, deadline);
+        line = lines.erase(line);
+    }
+}
+
+/* The time begins anew once all others are read, which may take longer. */
+static line_rows read_rows(const std::set<unsigned int> &found,
+                           const invocation &call)
+{
+    std::list<unsigned int> left(found.begin(), found.end());
+    line_rows rows;
+
+    read_unlocked(left, deadline_of(call), rows);
+    const time_point deadline = deadline_of(call);
+    while (!left.empty() && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(look_again);
+        read_unlocked(left, deadline, rows);
+    }
+    for (const unsigned int line : left) {
+        rows[line] = state_only("locked");
+    }
+    return rows;
+}
+
+/*
+ * The table writes what is not printable ASCII as \xHH, as the program keeps
+ * to the C locale; JSON passes bytes on and must get well-formed ones.
+ */
+static int set_cell(libscols_line *row, column cell, const std::string &value,
+                    bool json)
+{
+    if (value.empty()) {
+        return json ? 0 : scols_line_set_data(row, cell, "-");
+    }
+    return scols_line_set_data(row, cell,
+                               json ? utf8_only(value).c_str() : value.c_str());
+}
+
+static bool add_row(libscols_table *table, unsigned int line,
+                    const line_row &row, bool json)
+{
+    libscols_line *cells = scols_table_new_line(table, nullptr);
+
+    return cells != nullptr &&
+           set_cell(cells, col_line, std::to_string(line), json) == 0 &&
+           set_cell(cells, col_user, row.user, json) == 0 &&
+           set_cell(cells, col_peer, row.peer, json) == 0 &&
+           set_cell(cells, col_device, row.device, json) == 0 &&
+           set_cell(cells, col_protocol, row.protocol, json) == 0 &&
+           set_cell(cells, col_idle, row.idle, json) == 0 &&
+           set_cell(cells, col_state, row.state, json) == 0;
+}
+
+static bool add_columns(libscols_table *table)
+{
+    for (const column_form &form : columns) {
+        libscols_column *added =
+            scols_table_new_column(table, form.name, form.width, form.flags);
+        if (added == nullptr ||
+            scols_column_set_json_type(added, form.json_type) != 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+static bool fill_table(libscols_table *table, const line_rows &rows, bool json)
+{
+    if (scols_table_set_name(table, "lines") != 0 ||
+        scols_table_enable_json(table, json ? 1 : 0) != 0 ||
+        !add_columns(table)) {
+        return false;
+    }
+    for (const auto &[line, row] : rows) {
+        if (!add_row(table, line, row, json)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+static bool make_table(const line_rows &rows, bool json, std::string &text)
+{
+    libscols_table *table = scols_new_table();
+    char *printed = nullptr;
+
+    const bool made = table != nullptr && fill_table(table, rows, json) &&
+                      scols_print_table_to_string(table, &printed) == 0;
+    if (made && printed != nullptr) {
+        text = printed;
+        /* The table's last line comes without its end, the JSON text with. */
+        if (!text.empty() && text.back() != '\n') {
+            text += '\n';
+        }
+    }
+    std::free(printed);
+    scols_unref_table(table);
+    return made;
+}
+
+static int print_lines(const invocation &call)
+{
+    std::set<unsigned int> found;
+    std::string directory;
+    std::string text;
+
+    if (!find_lines(found, directory)) {
+        return fail(exit_failed, "cannot read the line store " + directory +
+                                     ": " + std::strerror(errno));
+    }
+    if (!make_table(read_rows(found, call), call.json, text)) {
+        return fail(exit_failed, "cannot make the table: out of memory");
+    }
+    if (call.watch > 0 && !call.json) {
+        text = isatty(STDOUT_FILENO) == 1 ? clear_screen + text : text + "\n";
+    }
+    return print(text);
+}
+
+int run_lines(const invocation &call)
+{
+    int status = print_lines(call);
+
+    while (call.watch > 0 && status == exit_done) {
+        std::this_thread::sleep_for(std::chrono::seconds(call.watch));
+        status = print_lines(call);
+    }
+    return status;
+}

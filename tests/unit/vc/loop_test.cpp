@@ -1,0 +1,489 @@
+// The loop's phases when system calls fail, in a process of its own.
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <functional>
+
+#include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
+#include "tests/support/wait.h"
+#include "tests/unit/vc/vc_fixture.h"
+#include "vc/session.h"
+
+class LoopTest : public VcTest
+{
+  protected:
+    void SetUp() override
+    {
+        sockaddr_un address = {};
+
+        VcTest::SetUp();
+        ASSERT_EQ(mkdir(path("/mng/tty/inetd").c_str(), 0777), 0);
+        address.sun_family = AF_UNIX;
+        strcpy(address.sun_path, path("/mng/tty/inetd/.qv_inetd").c_str());
+        inetd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        ASSERT_EQ(bind(inetd_, reinterpret_cast<sockaddr *>(&address),
+                       sizeof address),
+                  0);
+        ASSERT_EQ(listen(inetd_, 16), 0);
+    }
+
+    void TearDown() override
+    {
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+        close(inetd_);
+        VcTest::TearDown();
+    }
+
+    // Gives a process with two services to the loop.
+    void run_loop(const std::function<void()> &prepare)
+    {
+        pid_ = fork();
+        if (pid_ == 0) {
+            const vc_reg first = plain(AF_INET, 23, nullptr, 6);
+            const vc_reg second = plain(AF_INET, 24, nullptr, 6);
+            vc_service_reg(&first);
+            vc_service_reg(&second);
+            prepare();
+            vc_service_start();
+            _exit(9);
+        }
+    }
+
+    std::vector<std::string> loop_messages() const
+    {
+        std::vector<std::string> texts;
+        const std::string own = " " + std::to_string(pid_) + ":";
+        for (const std::string &line :
+             support::lines_of(path("/mng/tty/.vc_dump.txt"))) {
+            const std::string text = support::without_stamp(line);
+            if (text.compare(0, own.size(), own) == 0) {
+                texts.push_back(text.substr(own.size()));
+            }
+        }
+        return texts;
+    }
+
+    bool says(const std::string &text, int times = 1) const
+    {
+        return support::wait_until([&] {
+            const auto texts = loop_messages();
+            return std::count(texts.begin(), texts.end(), text) >= times;
+        });
+    }
+
+    std::string after(const std::string &start) const
+    {
+        const auto texts = loop_messages();
+        const auto found = std::find_if(texts.begin(), texts.end(),
+                                        [&](const std::string &text) {
+                                            return text.find(start) == 0;
+                                        });
+        return found == texts.end() || found + 1 == texts.end() ? ""
+                                                                : *(found + 1);
+    }
+
+    int inetd_ = -1;
+    pid_t pid_ = -1;
+};
+
+static void note_pause()
+{
+    vc_debug_msg("test: pause\n");
+}
+
+TEST_F(LoopTest, a_wait_that_fails_is_logged_and_followed_by_a_pause)
+{
+    fault_row("vc_service_start", "select", "ENOMEM",
+              "the loop goes on, after a pause",
+              "vc: select error, ret:%d, error:%s.\r\n", "");
+    run_loop([] {
+        fault::fail("select", 1, ENOMEM, 3);
+        fault::run("usleep", 1, note_pause, fault::ALWAYS);
+    });
+    const std::string error = std::string("vc: select error, ret:-1, error:") +
+                              strerror(ENOMEM) + ".\r\n";
+    EXPECT_TRUE(says(error, 3));
+    EXPECT_TRUE(says("test: pause\n", 3));
+    EXPECT_EQ(after(error), "test: pause\n");
+}
+
+TEST_F(LoopTest, an_interrupted_wait_and_a_bad_descriptor_say_nothing)
+{
+    fault_row("vc_service_start", "select", "EINTR, EBADF",
+              "the loop goes on at once", "", "");
+    run_loop([] {
+        fault::fail("select", 1, EINTR);
+        fault::fail("select", 2, EBADF);
+        fault::run("usleep", 1, note_pause, fault::ALWAYS);
+        fault::run(
+            "select", 3,
+            [] {
+                vc_debug_msg("test: third wait\n");
+            },
+            1);
+    });
+    EXPECT_TRUE(says("test: third wait\n"));
+    for (const std::string &text : loop_messages()) {
+        EXPECT_EQ(text.find("vc: select error"), std::string::npos);
+        EXPECT_NE(text, "test: pause\n");
+    }
+}
+
+TEST_F(LoopTest, a_wait_that_times_out_pauses_and_says_nothing)
+{
+    run_loop([] {
+        fault::result("select", 1, 0);
+        fault::run("usleep", 1, note_pause, fault::ALWAYS);
+        fault::run(
+            "select", 2,
+            [] {
+                vc_debug_msg("test: second wait\n");
+            },
+            1);
+    });
+    EXPECT_TRUE(says("test: second wait\n"));
+    EXPECT_TRUE(says("test: pause\n"));
+    for (const std::string &text : loop_messages()) {
+        EXPECT_EQ(text.find("vc: select error"), std::string::npos);
+    }
+}
+
+// A session whose terminal has a byte, and its connection if that has input;
+// its callbacks take a byte and say so.
+static void add_readable_session(int ttyno, bool has_input)
+{
+    auto *child = static_cast<vc_child *>(calloc(1, sizeof(vc_child)));
+    int connection[2];
+    int terminal[2];
+
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, connection) != 0 ||
+        socketpair(AF_UNIX, SOCK_STREAM, 0, terminal) != 0 ||
+        (has_input && write(connection[1], "i", 1) != 1) ||
+        write(terminal[1], "o", 1) != 1) {
+        _exit(8);
+    }
+    child->ttyno = ttyno;
+    child->sockfd = connection[0];
+    child->master_fd = terminal[0];
+    child->inetd_fd = -1;
+    child->reg.protocol = 6;
+    child->reg.read_func = [](int line) {
+        char byte = 0;
+        vc_debug_msg("test: in %d\n", line);
+        return read(vc_child_at(line)->sockfd, &byte, 1) == 1 ? 0 : -1;
+    };
+    child->reg.write_func = [](int line) {
+        char byte = 0;
+        vc_debug_msg("test: out %d\n", line);
+        return read(vc_child_at(line)->master_fd, &byte, 1) == 1 ? 0 : -1;
+    };
+    vc_child_install(ttyno, child);
+}
+
+TEST_F(LoopTest, all_that_is_readable_is_moved_before_the_next_wait)
+{
+    run_loop([] {
+        add_readable_session(TTY_LINES - 1, false);
+        for (const int ttyno : {258, 259, 300, 1421}) {
+            add_readable_session(ttyno, true);
+        }
+        fault::run(
+            "select", 1,
+            [] {
+                vc_debug_msg("test: wait\n");
+            },
+            2);
+    });
+    ASSERT_TRUE(says("test: wait\n", 2));
+    std::string seen;
+    for (const std::string &text : loop_messages()) {
+        if (text.find("test: ") == 0) {
+            seen += text.substr(6);
+        }
+    }
+    EXPECT_EQ(seen, "wait\nin 258\nout 258\nin 259\nout 259\nin 300\n"
+                    "out 300\nin 1421\nout 1421\nout 1585\nwait\n");
+}
+
+// Loses the first connection, and its number to another file.
+static void lose_connection_and_number()
+{
+    fault::fail("write", 1, EPIPE, 1, fault::only_path("socket:"));
+    fault::run(
+        "usleep", 1,
+        [] {
+            static_cast<void>(dup(0));
+        },
+        1);
+    fault::run(
+        "select", 1,
+        [] {
+            const int next = dup(0);
+            close(next);
+            vc_debug_msg("test: number %d, next %d\n",
+                         static_cast<int>(g_vc_tty_socket), next);
+        },
+        1);
+}
+
+// The numbers of both connections as the log has them, then the next free one.
+static std::vector<int>
+connection_numbers(const std::vector<std::string> &texts)
+{
+    std::vector<int> numbers;
+
+    for (const std::string &text : texts) {
+        int pid;
+        int number;
+        int next;
+        if (sscanf(text.c_str(), "(vc:%d): connect inetd vc_fd %d", &pid,
+                   &number) == 2) {
+            numbers.push_back(number);
+        }
+        if (sscanf(text.c_str(), "test: number %d, next %d", &number, &next) ==
+            2) {
+            numbers.push_back(next);
+        }
+    }
+    return numbers;
+}
+
+TEST_F(LoopTest, a_number_that_is_taken_meanwhile_is_not_taken_back)
+{
+    run_loop(lose_connection_and_number);
+    ASSERT_TRUE(support::wait_until([&] {
+        return connection_numbers(loop_messages()).size() == 3;
+    }));
+    const auto numbers = connection_numbers(loop_messages());
+    EXPECT_EQ(numbers[1], numbers[0] + 1);
+    // The copy that did not get the number is closed again.
+    EXPECT_EQ(numbers[2], numbers[1] + 1);
+}
+
+TEST_F(LoopTest, a_number_that_cannot_be_taken_back_is_done_without)
+{
+    fault_row("take_old_number", "fcntl", "EMFILE", "the new number", "",
+              "older sessions do not reach the inetd");
+    run_loop([] {
+        lose_connection_and_number();
+        fault::fail("fcntl", 1, EMFILE, 1, fault::only_what(F_DUPFD_CLOEXEC));
+    });
+    ASSERT_TRUE(support::wait_until([&] {
+        return connection_numbers(loop_messages()).size() == 3;
+    }));
+    const auto numbers = connection_numbers(loop_messages());
+    EXPECT_EQ(numbers[1], numbers[0] + 1);
+    EXPECT_EQ(numbers[2], numbers[1] + 1);
+}
+
+TEST_F(LoopTest, a_first_announcement_that_fails_renews_the_connection)
+{
+    fault_row("vc_service_start", "write", "EPIPE",
+              "the loop goes on, after a pause", "",
+              "the connection to the inetd is made anew");
+    run_loop([] {
+        fault::fail("write", 1, EPIPE, 1, fault::only_path("socket:"));
+        fault::run("usleep", 1, note_pause, fault::ALWAYS);
+    });
+    EXPECT_TRUE(says("test: pause\n"));
+    EXPECT_TRUE(says("(vc:" + std::to_string(pid_) +
+                     "): after vc_open_listen ret 0\n"));
+    const auto texts = loop_messages();
+    EXPECT_EQ(std::count_if(texts.begin(), texts.end(),
+                            [](const std::string &text) {
+                                return text.find("): connect inetd vc_fd") !=
+                                       std::string::npos;
+                            }),
+              2);
+}
+
+TEST_F(LoopTest, an_inetd_that_cannot_be_reached_is_tried_again)
+{
+    fault_row("vc_service_start", "socket", "EMFILE",
+              "the loop goes on, after a pause",
+              "vc: connect inetd fail, errno:%d, %s\n", "");
+    fault_row("vc_service_start", "connect", "ECONNREFUSED",
+              "the loop goes on, after a pause",
+              "vc: connect inetd fail, errno:%d, %s\n", "");
+    run_loop([] {
+        fault::fail("socket", 1, EMFILE, 2);
+        fault::fail("connect", 1, ECONNREFUSED, 2);
+        fault::run("usleep", 1, note_pause, 4);
+    });
+    EXPECT_TRUE(says("(vc:" + std::to_string(pid_) +
+                     "): after vc_open_listen ret 0\n"));
+    const auto failed = [](int error) {
+        return "vc: connect inetd fail, errno:" + std::to_string(error) + ", " +
+               strerror(error) + "\n";
+    };
+    EXPECT_TRUE(says(failed(EMFILE), 2));
+    EXPECT_TRUE(says(failed(ECONNREFUSED), 2));
+    EXPECT_TRUE(says("test: pause\n", 4));
+    EXPECT_EQ(after(failed(EMFILE)), "test: pause\n");
+}
+
+TEST_F(LoopTest, a_record_that_cannot_be_read_renews_the_connection)
+{
+    fault_row("vc_service_start", "recv", "ECONNRESET",
+              "the loop goes on, after a pause",
+              "(vc:%d):%s before close fd %d.\r\n",
+              "every service is announced again, on a new connection");
+    run_loop([] {
+        fault::fail("recv", 1, ECONNRESET);
+        fault::run("usleep", 1, note_pause, 1);
+    });
+    const int first = accept(inetd_, nullptr, nullptr);
+    const tty_cmsg record = {};
+    ASSERT_EQ(send(first, &record, sizeof record, MSG_NOSIGNAL),
+              static_cast<ssize_t>(sizeof record));
+    EXPECT_TRUE(says("test: pause\n"));
+    EXPECT_TRUE(says(
+        "(vc:" + std::to_string(pid_) + "): after vc_open_listen ret 0\n", 2));
+    EXPECT_TRUE(says("vc:add port:23, sock_type:2, protocol:6.\n", 2));
+    EXPECT_TRUE(says("vc:add port:24, sock_type:2, protocol:6.\n", 2));
+    EXPECT_NE(after("vc: recv fail ret -1, err[104]:"), "");
+    const std::string closing =
+        "(vc:" + std::to_string(pid_) + "):vc_service_start before close fd ";
+    const auto texts = loop_messages();
+    EXPECT_EQ(std::count_if(texts.begin(), texts.end(),
+                            [&](const std::string &text) {
+                                return text.find(closing) == 0;
+                            }),
+              1);
+    close(first);
+}
+
+static int g_moves;
+
+// Something else has taken the old number meanwhile.
+TEST_F(LoopTest, a_connection_that_cannot_be_moved_keeps_its_number)
+{
+    fault_row("vc_service_start", "fcntl", "EMFILE", "the loop goes on", "",
+              "the new connection has another number than the old one");
+    run_loop([] {
+        fault::fail("write", 1, EPIPE, 1, fault::only_path("socket:"));
+        fault::run(
+            "usleep", 1,
+            [] {
+                static_cast<void>(!open("/dev/null", O_RDONLY | O_CLOEXEC));
+            },
+            1);
+        g_moves = fault::watch("fcntl", fault::only_what(F_DUPFD_CLOEXEC));
+        fault::fail("fcntl", 1, EMFILE, 1, fault::only_what(F_DUPFD_CLOEXEC));
+        fault::run(
+            "select", 1,
+            [] {
+                vc_debug_msg("test: moves %d\n", fault::seen(g_moves));
+            },
+            1);
+    });
+    EXPECT_TRUE(says("test: moves 1\n"));
+    EXPECT_TRUE(says("(vc:" + std::to_string(pid_) +
+                     "): after vc_open_listen ret 0\n"));
+}
+
+// The number stays on show until the next connection has announced, which a
+// port update in between runs into.
+TEST_F(LoopTest, a_later_announcement_that_fails_leaves_the_number)
+{
+    fault_row("vc_service_start", "write", "EPIPE",
+              "the loop goes on, after a pause", "",
+              "the closed connection's number, until the new one is made");
+    run_loop([] {
+        // Between the two announcements of the first turn.
+        fault::run(
+            "waitpid", 1,
+            [] {
+                const vc_reg late = plain(AF_INET, 25, nullptr, 6);
+                vc_service_reg(&late);
+            },
+            1);
+        fault::fail("write", 3, EPIPE, 1, fault::only_path("socket:"));
+        fault::run(
+            "usleep", 1,
+            [] {
+                vc_debug_msg("test: number %s\n",
+                             g_vc_tty_socket >= 0 ? "kept" : "cleared");
+                vc_debug_msg("test: update %d\n",
+                             vc_service_update_port(6, 23, 26));
+            },
+            1);
+    });
+    EXPECT_TRUE(says("test: number kept\n"));
+    EXPECT_TRUE(says("test: update -1\n"));
+    EXPECT_TRUE(says(
+        "(vc:" + std::to_string(pid_) + "): after vc_open_listen ret 0\n", 2));
+}
+
+TEST_F(LoopTest, watched_descriptors_are_made_blocking)
+{
+    fault_row("vc_service_start", "select", "EINTR", "the loop goes on at once",
+              "", "watched descriptors are made blocking again");
+    run_loop([] {
+        fault::run(
+            "waitpid", 1,
+            [] {
+                fcntl(g_vc_tty_socket, F_SETFL, O_NONBLOCK);
+            },
+            1);
+        fault::fail("select", 1, EINTR);
+        fault::run(
+            "waitpid", 2,
+            [] {
+                const int flags = fcntl(g_vc_tty_socket, F_GETFL);
+                vc_debug_msg("test: %s\n", (flags & O_NONBLOCK) == 0
+                                               ? "blocking"
+                                               : "not blocking");
+            },
+            1);
+    });
+    EXPECT_TRUE(says("test: blocking\n"));
+}
+
+// Between the last look at the services and the wait: the signal is handled
+// and forgotten.
+TEST_F(LoopTest, a_wake_up_just_before_the_wait_is_seen_at_the_next_turn)
+{
+    run_loop([] {
+        fault::run(
+            "select", 1,
+            [] {
+                vc_deal_service_listen(false, 6);
+                vc_deal_service_listen(true, 6);
+                vc_debug_msg("test: woken\n");
+            },
+            1);
+    });
+    const int connection = accept4(inetd_, nullptr, nullptr, SOCK_CLOEXEC);
+    tty_cmsg record;
+    const auto next_record = [&](int milliseconds) {
+        pollfd one = {connection, POLLIN, 0};
+        return poll(&one, 1, milliseconds) == 1 &&
+               recv(connection, &record, sizeof record, MSG_WAITALL) ==
+                   static_cast<ssize_t>(sizeof record);
+    };
+    // The first announcement of both services.
+    ASSERT_TRUE(next_record(10000));
+    ASSERT_TRUE(next_record(10000));
+    ASSERT_TRUE(says("test: woken\n"));
+    EXPECT_FALSE(next_record(300));
+    kill(pid_, SIGHUP);
+    EXPECT_TRUE(next_record(10000));
+    EXPECT_TRUE(next_record(10000));
+    close(connection);
+}

@@ -1,0 +1,152 @@
+#include <errno.h>
+#include <stdarg.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
+#include "tests/support/privroot.h"
+#include "tests/unit/vc/vc_fixture.h"
+
+using VcLogTest = VcTest;
+using VcLogPrivateRoot = support::private_root_test;
+using support::slurp;
+using support::spill;
+
+static std::vector<std::string> g_syslog;
+
+// The device's system-log hook, as a process provides it.
+extern "C" void printk_syslog_ext(int level, const char *module,
+                                  const char *tag, int kind, const char *fmt,
+                                  ...)
+{
+    char text[2048];
+    va_list args;
+
+    va_start(args, fmt);
+    (void)vsnprintf(text, sizeof text, fmt, args);
+    va_end(args);
+    g_syslog.push_back(std::to_string(level) + " " + module + " " + tag + " " +
+                       std::to_string(kind) + " " + text);
+}
+
+TEST_F(VcLogTest, a_line_holds_stamp_pid_and_text)
+{
+    vc_debug_msg("value %d\r\n", 7);
+    const std::string line = slurp(path("/mng/tty/.vc_dump.txt"));
+    EXPECT_EQ(support::without_stamp_and_pid(line, getpid()), "value 7\r\n");
+    // Two blanks: the stamp's own and the one before the process id.
+    EXPECT_EQ(line.substr(15, 2), "  ");
+}
+
+TEST_F(VcLogTest, lines_are_appended)
+{
+    vc_debug_msg("one\n");
+    vc_debug_msg("two\n");
+    EXPECT_EQ(vc_log(), (std::vector<std::string>{"one\n", "two\n"}));
+}
+
+TEST_F(VcLogTest, no_line_end_is_added)
+{
+    vc_debug_msg("text");
+    EXPECT_EQ(slurp(path("/mng/tty/.vc_dump.txt")).back(), 't');
+}
+
+TEST_F(VcLogTest, a_message_has_room_for_1023_bytes_of_its_own)
+{
+    vc_debug_msg("%s", std::string(3000, 'x').c_str());
+    const std::string line = slurp(path("/mng/tty/.vc_dump.txt"));
+    EXPECT_EQ(std::count(line.begin(), line.end(), 'x'), 1023);
+}
+
+TEST_F(VcLogTest, the_file_is_created_with_mode_0777_under_the_mask)
+{
+    umask(027);
+    vc_debug_msg("x\n");
+    struct stat status;
+    ASSERT_EQ(stat(path("/mng/tty/.vc_dump.txt").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777u, 0750u);
+}
+
+TEST_F(VcLogTest, a_file_of_one_mebibyte_is_kept)
+{
+    spill(path("/mng/tty/.vc_dump.txt"), std::string(1048576, 'x'));
+    vc_debug_msg("line\n");
+    EXPECT_GT(slurp(path("/mng/tty/.vc_dump.txt")).size(), 1048576u);
+}
+
+TEST_F(VcLogTest, a_file_of_one_byte_more_is_emptied_first)
+{
+    spill(path("/mng/tty/.vc_dump.txt"), std::string(1048577, 'x'));
+    vc_debug_msg("line\n");
+    EXPECT_EQ(vc_log(), (std::vector<std::string>{"line\n"}));
+}
+
+TEST_F(VcLogTest, a_missing_directory_drops_the_message)
+{
+    fault_row("vc_debug_msg", "open", "ENOENT", "nothing", "",
+              "the line is lost; nothing in the system log");
+    rmdir(path("/mng/tty").c_str());
+    vc_debug_msg("lost\n");
+    EXPECT_TRUE(g_syslog.empty());
+}
+
+TEST_F(VcLogTest, another_failure_reaches_the_system_log)
+{
+    fault_row("vc_debug_msg", "open", "EMFILE", "nothing",
+              "VC: %d %s open file %s fail, err:%d.\r\n",
+              "the line is in the system log, behind this one");
+    const std::string name = path("/mng/tty/.vc_dump.txt");
+    fault::fail("open", 1, EMFILE);
+    vc_debug_msg("kept %d\n", 5);
+    ASSERT_EQ(g_syslog.size(), 2u);
+    const std::string start =
+        "7 UNKNOW_MODULE DEBUG 2 VC: " + std::to_string(getpid()) + " ";
+    EXPECT_EQ(g_syslog[0], start + "vc_debug_msg open file " + name +
+                               " fail, err:" + std::to_string(EMFILE) +
+                               ".\r\n");
+    EXPECT_EQ(g_syslog[1].find(start), 0u);
+    const std::string line = g_syslog[1].substr(start.size());
+    EXPECT_EQ(support::without_stamp_and_pid(line.substr(0, line.size() - 3),
+                                             getpid()),
+              "kept 5\n");
+    EXPECT_EQ(line.substr(line.size() - 3), ".\r\n");
+}
+
+TEST_F(VcLogTest, a_write_that_fails_is_not_reported)
+{
+    fault_row("vc_debug_msg", "write", "ENOSPC", "nothing", "",
+              "the line is lost; nothing in the system log");
+    fault::fail("write", 1, ENOSPC);
+    vc_debug_msg("lost\n");
+    EXPECT_TRUE(g_syslog.empty());
+}
+
+TEST_F(VcLogTest, the_path_is_taken_from_tmpdir_once)
+{
+    setenv("TMPDIR", "/nowhere", 1);
+    vc_debug_msg("here\n");
+    setenv("TMPDIR", runtime_dir.c_str(), 1);
+    EXPECT_EQ(vc_log(), (std::vector<std::string>{"here\n"}));
+}
+
+TEST_F(VcLogPrivateRoot, before_initialisation_the_early_file_is_used)
+{
+    make_directories("/tmp/vkd/0/mng/tty");
+    vc_debug_msg("early\n");
+    EXPECT_EQ(support::without_stamp_and_pid(
+                  slurp("/tmp/vkd/0/mng/tty/.vc_dump.txt"), getpid()),
+              "early\n");
+}
+
+TEST_F(VcLogPrivateRoot, without_tmpdir_the_log_lies_under_the_root)
+{
+    vc_debug_init();
+    vc_debug_msg("rooted\n");
+    EXPECT_EQ(support::without_stamp_and_pid(slurp("/mng/tty/.vc_dump.txt"),
+                                             getpid()),
+              "rooted\n");
+}
