@@ -12,7 +12,7 @@
 
 #include <ttyline/tty.h>
 
-#include "tty/keys.h"
+#include "common/keys.h"
 
 constexpr mode_t PRIVATE_FILE = 0600;
 constexpr mode_t PRIVATE_DIRECTORY = 0700;

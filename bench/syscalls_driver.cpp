@@ -24,7 +24,7 @@
 #include <ttyline/tty.h>
 #include <ttyline/vc.h>
 
-#include "tty/keys.h"
+#include "common/keys.h"
 #include "vc/accept.h"
 #include "vc/dispatch.h"
 #include "vc/listen.h"

@@ -1,6 +1,7 @@
-# ttyline_face(NAME SOURCES...): one face of the system as the shared library
-# NAME and the static library NAME_static, both made from the same objects.
-function(ttyline_face name)
+# ttyline_face(NAME DIRECTORY VERSION SOURCES...): one face of the system as the
+# shared library NAME and the static library NAME_static, both made from the
+# same objects. The first number of the version is the interface's.
+function(ttyline_face name directory version)
   add_library(${name}_objects OBJECT ${ARGN})
   target_link_libraries(${name}_objects PRIVATE ttyline_core_options)
   target_include_directories(${name}_objects PRIVATE
@@ -13,7 +14,8 @@ function(ttyline_face name)
       CXX_VISIBILITY_PRESET hidden
       VISIBILITY_INLINES_HIDDEN ON)
 
-  set(version_script ${PROJECT_SOURCE_DIR}/${name}/lib${name}.map)
+  string(REGEX REPLACE "[.].*" "" interface ${version})
+  set(version_script ${PROJECT_SOURCE_DIR}/${directory}/lib${name}.map)
   add_library(${name} SHARED $<TARGET_OBJECTS:${name}_objects>)
   target_link_options(${name} PRIVATE
       -Wl,--version-script=${version_script} -Wl,-z,relro,-z,now)
@@ -21,8 +23,8 @@ function(ttyline_face name)
     target_link_options(${name} PRIVATE -Wl,-z,defs)
   endif()
   set_target_properties(${name} PROPERTIES
-      VERSION ${PROJECT_VERSION}
-      SOVERSION ${PROJECT_VERSION_MAJOR}
+      VERSION ${version}
+      SOVERSION ${interface}
       LINK_DEPENDS ${version_script})
 
   add_library(${name}_static STATIC $<TARGET_OBJECTS:${name}_objects>)

@@ -1,7 +1,8 @@
-install(TARGETS tty vc tty_static vc_static EXPORT ttyline-targets
+install(TARGETS tty vc ttykit tty_static vc_static ttykit_static
+        EXPORT ttyline-targets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(FILES include/ttyline/tty.h include/ttyline/vc.h
+install(FILES include/ttyline/kit.h include/ttyline/tty.h include/ttyline/vc.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ttyline)
 # The pages of the programs are installed with the programs.
 install(DIRECTORY man/man3 man/man7 DESTINATION ${CMAKE_INSTALL_MANDIR})
@@ -25,7 +26,7 @@ set(pkgconfig_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 file(RELATIVE_PATH pkgconfig_to_prefix
      ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 string(REGEX REPLACE "/$" "" pkgconfig_to_prefix "${pkgconfig_to_prefix}")
-foreach(face IN ITEMS tty vc)
+foreach(face IN ITEMS tty vc ttykit)
   configure_file(cmake/lib${face}.pc.in lib${face}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/lib${face}.pc
           DESTINATION ${pkgconfig_dir})

@@ -8,7 +8,7 @@
 
 #include <ttyline/tty.h>
 
-#include "tty/keys.h"
+#include "common/keys.h"
 #include "tty/lock.h"
 #include "tty/store.h"
 

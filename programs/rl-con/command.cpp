@@ -4,9 +4,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include <ttyline/kit.h>
 #include <ttyline/tty.h>
-
-#include "tty/keys.h"
 
 /*
  * Name and value together. The store cuts a line at 1023 bytes: of a longer
@@ -57,8 +56,8 @@ std::string take_word(std::string &text)
 /* Also of a word with a zero byte in it, which equals no key. */
 static bool key_known(const std::string &key)
 {
-    for (const char *known : tty_envs) {
-        if (key == known) {
+    for (unsigned i = 0; kit_key(i) != nullptr; i++) {
+        if (key == kit_key(i)) {
             return true;
         }
     }
@@ -106,9 +105,9 @@ static void show(const console &c, const std::string &arguments)
     printf("line    %u\n", c.line);
     printf("device  %s\n", printable(c.device).c_str());
     printf("peer    %s\n", printable(c.peer).c_str());
-    for (const char *key : tty_envs) {
-        if (read_key(c, key, value)) {
-            printf("%s=%s\n", key, printable(value).c_str());
+    for (unsigned i = 0; kit_key(i) != nullptr; i++) {
+        if (read_key(c, kit_key(i), value)) {
+            printf("%s=%s\n", kit_key(i), printable(value).c_str());
             any = true;
         }
     }

@@ -18,8 +18,8 @@
 
 #include <ttyline/tty.h>
 
+#include "common/keys.h"
 #include "tests/fuzz/fuzz.h"
-#include "tty/keys.h"
 
 constexpr size_t FILE_LIMIT = 4096;
 constexpr size_t VALUE_LIMIT = 1500;

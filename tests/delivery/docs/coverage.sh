@@ -35,7 +35,7 @@ check_symbols() {
 }
 
 check_keys() {
-    diff <(grep -oE '"[A-Z0-9_]+"' "$source/tty/keys.cpp" | tr -d '"') \
+    diff <(grep -oE '"[A-Z0-9_]+"' "$source/common/keys.cpp" | tr -d '"') \
         <(sed -n '/^\.Bd/,/^\.Ed/p' "$source/man/man7/tty.7" |
             grep -v '^\.' | grep -oE '[A-Z0-9_]+') ||
         complain "tty(7) has other keys than the library"

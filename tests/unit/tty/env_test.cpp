@@ -14,12 +14,12 @@
 
 #include <ttyline/tty.h>
 
+#include "common/keys.h"
 #include "tests/support/fault_row.h"
 #include "tests/support/privroot.h"
 #include "tests/support/wait.h"
 #include "tests/unit/tty/lock_holder.h"
 #include "tests/unit/tty/tty_fixture.h"
-#include "tty/keys.h"
 #include "tty/lock.h"
 
 constexpr unsigned int LINE = 300;

@@ -1,4 +1,4 @@
-#include "tty/keys.h"
+#include "common/keys.h"
 
 #include <string>
 

@@ -1,6 +1,9 @@
 // The names a line's values may have. The order is part of the interface to
 // the device's other programs: it is the order in which names are compared.
-#include "tty/keys.h"
+#include "common/keys.h"
+
+inline namespace TTYLINE_FACE
+{
 
 // clang-format off
 const char *const tty_envs[TTY_ENV_COUNT] = {
@@ -25,3 +28,5 @@ const char *const tty_envs[TTY_ENV_COUNT] = {
 // clang-format on
 
 int g_tty_env_size = TTY_ENV_COUNT;
+
+} // namespace TTYLINE_FACE
