@@ -67,7 +67,7 @@ extern "C" {
 #define KIT_IPV6 0x2u
 
 /* A user or group that is not known. */
-#define KIT_NO_ID ((uint32_t)-1)
+#define KIT_NO_ID 0xffffffffu
 
 /*
  * One session. The members do not change while it runs, but for those marked:
@@ -77,11 +77,11 @@ typedef struct kit_session {
     size_t size;
     const struct kit_service *service; /* the one it came in by */
     int32_t line;
-    const char *id;     /* 16 hexadecimal digits, unique; the first eight are
-                           the time of its begin, seconds since 1970 */
-    const char *peer;   /* address of the other end, or "uid 1000" */
-    const char *label;  /* the same in the words of vc_service_peer() */
-    uint32_t peer_uid;  /* of a unix path's peer, else KIT_NO_ID */
+    const char *id;    /* 16 hexadecimal digits, unique; the first eight are
+                          the time of its begin, seconds since 1970 */
+    const char *peer;  /* address of the other end, or "uid 1000" */
+    const char *label; /* the same in the words of vc_service_peer() */
+    uint32_t peer_uid; /* of a unix path's peer, else KIT_NO_ID */
     uint32_t peer_gid;
     int64_t begin;      /* seconds since 1970 */
     const char *device; /* its terminal; later */

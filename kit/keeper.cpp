@@ -1,0 +1,442 @@
+// The child that the session service forks is never the program. It gives the
+// terminal up to a program of its own, moves the data, and ends when the
+// program's last output was taken or nothing moves any more. Its end is the
+// session's end: whatever ends the keeper hangs the program up, as the kernel
+// does when the last master of a terminal is closed.
+#include "kit/keeper.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <linux/sockios.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "kit/audit.h"
+#include "kit/bell.h"
+#include "kit/clock.h"
+#include "kit/descriptors.h"
+#include "kit/line.h"
+#include "kit/program.h"
+#include "kit/relay.h"
+#include "kit/sweep.h"
+
+constexpr uint32_t DRAIN_MS = 10000;
+constexpr uint32_t HALF_CLOSE_MS = 2000;
+constexpr uint32_t HANGUP_MS = 5000;
+// How often the end of input is typed again for a program that was not there
+// yet, or that threw it away by a change of modes.
+constexpr int64_t END_AGAIN_MS = 100;
+constexpr int64_t QUIET_LOOK_MS = 100;
+constexpr int64_t SEND_LOOK_MS = 10;
+// A line that another program locks is left to the next session's begin.
+constexpr int CLEAN_PATIENCE_MS = 1000;
+
+struct keeper {
+    const kit_entry *entry;
+    kit_relay relay;
+    int bell;
+    int signals;
+    pid_t program;
+    bool program_ended;
+    int status;
+    bool dismissed;              // by the daemon or a signal
+    char reason[BELL_TEXT_SIZE]; // told to the user
+    int64_t still_since;
+    int64_t end_typed; // when, 0: not yet
+};
+
+// One a process; not on the stack of whatever thread was forked.
+static keeper g_keeper;
+
+static uint32_t limit_of(uint32_t wanted, uint32_t usual)
+{
+    return wanted != 0 ? wanted : usual;
+}
+
+static void forget_signals(void)
+{
+    static const int IGNORED[] = {SIGHUP, SIGINT, SIGQUIT, SIGPIPE};
+    sigset_t none;
+
+    for (int number = 1; number < NSIG; number++) {
+        signal(number, SIG_DFL);
+    }
+    for (const int number : IGNORED) {
+        signal(number, SIG_IGN);
+    }
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+static int open_signals(void)
+{
+    sigset_t heard;
+
+    sigemptyset(&heard);
+    sigaddset(&heard, SIGCHLD);
+    sigaddset(&heard, SIGTERM);
+    sigprocmask(SIG_SETMASK, &heard, nullptr);
+    return signalfd(-1, &heard, SFD_CLOEXEC | SFD_NONBLOCK);
+}
+
+// Everything of the daemon's and of other sessions goes. A number that stays
+// open here would keep somebody else's connection from ending.
+static void keep_own_descriptors(const kit_entry *entry)
+{
+    const int own[] = {entry->connection, entry->master, entry->keeper_bell,
+                       entry->program_channel, kit_audit_descriptor()};
+
+    kit_close_all_but(own, sizeof own / sizeof *own);
+}
+
+static void replace_standard_streams(void)
+{
+    const int null = open("/dev/null", O_RDWR | O_CLOEXEC | O_NOCTTY);
+
+    for (int fd = 0; fd <= 2; fd++) {
+        if (null >= 0) {
+            dup2(null, fd);
+        } else {
+            close(fd);
+        }
+    }
+    if (null > 2) {
+        close(null);
+    }
+}
+
+// A keystroke must not wait for the answer to the one before.
+static void set_connection(const kit_entry *entry)
+{
+    int on = 1;
+
+    if (entry->family == AF_UNIX) {
+        return;
+    }
+    setsockopt(entry->connection, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    setsockopt(entry->connection, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+}
+
+// The terminal is given up first: it can be the controlling one of one session
+// only. That sends a hang-up to this process, which ignores it.
+static bool start_program(keeper *k, const char *device)
+{
+    kit_program_make_terminal_sane();
+    ioctl(0, TIOCNOTTY);
+    k->program = fork();
+    if (k->program == 0) {
+        kit_program_run(k->entry, device);
+    }
+    return k->program > 0;
+}
+
+static void note_program(keeper *k, const char *device)
+{
+    char name[16];
+
+    (void)snprintf(name, sizeof name, "keeper %d", k->entry->session.line);
+    prctl(PR_SET_NAME, name);
+    replace_standard_streams();
+    close(k->entry->program_channel);
+    kit_bell_say(k->bell, BELL_PROGRAM, k->program, device);
+}
+
+static void begin(keeper *k, const kit_entry *entry, const char *device)
+{
+    k->entry = entry;
+    k->bell = entry->keeper_bell;
+    k->status = -1;
+    forget_signals();
+    keep_own_descriptors(entry);
+    // Of what the program leaves behind nothing may escape: see finish().
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    k->signals = open_signals();
+    kit_bell_say(k->bell, BELL_RUNS, getpid(), "");
+    if (k->signals < 0 || !start_program(k, device)) {
+        _exit(1);
+    }
+    note_program(k, device);
+    set_connection(entry);
+    kit_relay_open(&k->relay, entry->connection, entry->master,
+                   entry->session.service->codec, &entry->session);
+    k->still_since = kit_now_ms();
+}
+
+// Other children are what the program has left.
+static void reap(keeper *k)
+{
+    int status;
+    pid_t pid;
+
+    while ((pid = waitpid(-1, &status, WNOHANG)) > 0) {
+        if (pid == k->program) {
+            k->program_ended = true;
+            k->status = status;
+        }
+    }
+}
+
+static void dismiss(keeper *k, const char *reason)
+{
+    k->dismissed = true;
+    (void)snprintf(k->reason, sizeof k->reason, "%s", reason);
+}
+
+static void take_signals(keeper *k)
+{
+    struct signalfd_siginfo signal;
+
+    while (read(k->signals, &signal, sizeof signal) ==
+           static_cast<ssize_t>(sizeof signal)) {
+        if (signal.ssi_signo == SIGTERM) {
+            dismiss(k, "this session was ended");
+        }
+    }
+    reap(k);
+}
+
+static void take_bell(keeper *k)
+{
+    bell_message message;
+    int heard;
+
+    while ((heard = kit_bell_hear(k->bell, &message)) > 0) {
+        if (message.kind == BELL_END) {
+            dismiss(k, message.text);
+        }
+    }
+    if (heard < 0 && !k->dismissed) {
+        dismiss(k, "");
+    }
+}
+
+static void sooner(int64_t *timeout, int64_t candidate)
+{
+    if (candidate < 0) {
+        candidate = 0;
+    }
+    if (*timeout < 0 || candidate < *timeout) {
+        *timeout = candidate;
+    }
+}
+
+// How long the session may go on standing still; -1: for ever.
+static int64_t patience(const keeper *k)
+{
+    const kit_service *service = k->entry->session.service;
+
+    if (k->program_ended) {
+        return limit_of(service->drain_ms, DRAIN_MS);
+    }
+    if (k->relay.peer_ended) {
+        return limit_of(service->half_close_ms, HALF_CLOSE_MS);
+    }
+    return -1;
+}
+
+static int time_to_wait(const keeper *k)
+{
+    const int64_t limit = patience(k);
+    const int64_t now = kit_now_ms();
+    int64_t timeout = -1;
+
+    if (limit >= 0) {
+        sooner(&timeout, k->still_since + limit - now);
+    }
+    if (k->relay.peer_ended && !k->program_ended) {
+        sooner(&timeout, k->end_typed + END_AGAIN_MS - now);
+    }
+    if (k->relay.terminal_quiet && !k->program_ended) {
+        sooner(&timeout, QUIET_LOOK_MS);
+    }
+    return static_cast<int>(timeout);
+}
+
+// The end of input counts as typed anew while nothing moves: whoever reads the
+// terminal next has to see it.
+static void pass_on_end_of_input(keeper *k)
+{
+    const int64_t now = kit_now_ms();
+
+    if (k->relay.peer_ended && !k->program_ended &&
+        now - k->end_typed >= END_AGAIN_MS) {
+        kit_relay_type_end(&k->relay);
+        k->end_typed = now;
+    }
+}
+
+static void turn(keeper *k)
+{
+    enum { CONNECTION, MASTER, BELL, SIGNALS, COUNT };
+    struct pollfd watched[COUNT] = {};
+
+    kit_relay_want(&k->relay, &watched[CONNECTION], &watched[MASTER]);
+    watched[BELL] = {k->bell, POLLIN, 0};
+    watched[SIGNALS] = {k->signals, POLLIN, 0};
+    if (k->program_ended) {
+        watched[MASTER].fd = -1;
+    }
+    if (poll(watched, COUNT, time_to_wait(k)) < 0) {
+        return;
+    }
+    k->relay.moved = false;
+    kit_relay_move(&k->relay, &watched[CONNECTION], &watched[MASTER]);
+    if (watched[BELL].revents != 0) {
+        take_bell(k);
+    }
+    if (watched[SIGNALS].revents != 0) {
+        take_signals(k);
+    }
+    if (k->program_ended) {
+        kit_relay_finish_terminal(&k->relay);
+    }
+    if (k->relay.moved) {
+        k->still_since = kit_now_ms();
+    }
+    pass_on_end_of_input(k);
+}
+
+static bool over(const keeper *k)
+{
+    if (k->dismissed || k->relay.peer_gone) {
+        return true;
+    }
+    if (k->program_ended && k->relay.terminal_ended &&
+        kit_relay_delivered(&k->relay)) {
+        return true;
+    }
+    const int64_t limit = patience(k);
+    return limit >= 0 && kit_now_ms() - k->still_since >= limit;
+}
+
+static void tell_reason(keeper *k)
+{
+    char line[BELL_TEXT_SIZE + 32];
+
+    if (k->reason[0] != '\0') {
+        (void)snprintf(line, sizeof line, "\r\nttyline: %s\r\n", k->reason);
+        kit_relay_say(&k->relay, line);
+    }
+}
+
+static int bytes_on_their_way(int connection)
+{
+    int count = 0;
+
+    return ioctl(connection, SIOCOUTQ, &count) == 0 ? count : 0;
+}
+
+// Closing a TCP connection with unread input resets it, and a reset takes away
+// what the peer has not read yet.
+static void discard_input(const keeper *k)
+{
+    char scrap[4096];
+
+    for (int i = 0; i < 16; i++) {
+        if (recv(k->relay.connection, scrap, sizeof scrap, MSG_DONTWAIT) <= 0) {
+            return;
+        }
+    }
+}
+
+// What the peer's system has not taken yet is still this one's to lose.
+static void finish_connection(keeper *k)
+{
+    const int64_t limit =
+        limit_of(k->entry->session.service->drain_ms, DRAIN_MS);
+    int64_t since = kit_now_ms();
+    int before = -1;
+
+    if (k->relay.peer_gone || k->dismissed || k->entry->family == AF_UNIX) {
+        discard_input(k);
+        close(k->relay.connection);
+        return;
+    }
+    shutdown(k->relay.connection, SHUT_WR);
+    for (;;) {
+        const int left = bytes_on_their_way(k->relay.connection);
+        discard_input(k);
+        if (left != before) {
+            since = kit_now_ms();
+            before = left;
+        }
+        struct pollfd watched = {k->relay.connection, 0, 0};
+        if (left == 0 || kit_now_ms() - since >= limit ||
+            poll(&watched, 1, SEND_LOOK_MS) > 0) {
+            break;
+        }
+    }
+    discard_input(k);
+    close(k->relay.connection);
+}
+
+static bool wait_for_program(keeper *k, int64_t limit)
+{
+    const int64_t deadline = kit_now_ms() + limit;
+
+    reap(k);
+    while (!k->program_ended) {
+        struct pollfd watched = {k->signals, POLLIN, 0};
+        const int64_t left = deadline - kit_now_ms();
+        if (left <= 0) {
+            return false;
+        }
+        poll(&watched, 1, static_cast<int>(left));
+        take_signals(k);
+    }
+    return true;
+}
+
+// Hung up, not killed: a shell writes its history, an editor what it has. Only
+// what does not end by then is ended by force.
+static void finish_program(keeper *k)
+{
+    const int64_t limit =
+        limit_of(k->entry->session.service->hangup_ms, HANGUP_MS);
+
+    close(k->relay.master);
+    if (!wait_for_program(k, limit)) {
+        kill(-k->program, SIGKILL);
+        wait_for_program(k, limit);
+    }
+    // Nobody is left whom this process would have got as a child: the usual
+    // case needs no look at all the processes of the machine.
+    if (waitpid(-1, nullptr, WNOHANG) < 0 && errno == ECHILD) {
+        return;
+    }
+    kit_sweep(k->program, limit);
+}
+
+[[noreturn]] static void finish(keeper *k)
+{
+    tell_reason(k);
+    finish_connection(k);
+    finish_program(k);
+    if (kit_line_end(k->entry->session.line, k->entry->id, CLEAN_PATIENCE_MS) ==
+        0) {
+        kit_bell_say(k->bell, BELL_CLEAN, 0, "");
+    }
+    kit_bell_say(k->bell, BELL_ENDED, k->status, "");
+    _exit(0);
+}
+
+int kit_keep(const kit_entry *entry, const char *device)
+{
+    keeper *k = &g_keeper;
+
+    begin(k, entry, device);
+    while (!over(k)) {
+        turn(k);
+    }
+    finish(k);
+}

@@ -1,0 +1,86 @@
+#include "kit/member.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <signal.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <ttyline/kit.h>
+#include <ttyline/tty.h>
+
+#include "kit/bell.h"
+#include "kit/error.h"
+
+static int g_channel = -1;
+
+void kit_member_open(int channel)
+{
+    g_channel = channel;
+}
+
+int kit_descriptor(const kit_session *session)
+{
+    (void)session;
+    return g_channel;
+}
+
+int kit_send(const kit_session *session, const void *data, size_t length)
+{
+    (void)session;
+    if (length > CHANNEL_MOST) {
+        return kit_fail("a message has at most %zu bytes", CHANNEL_MOST);
+    }
+    if (!kit_channel_put(g_channel, CHANNEL_DATA, data, length, true)) {
+        return kit_fail("the daemon cannot be told: %s", strerror(errno));
+    }
+    return 0;
+}
+
+ssize_t kit_receive(const kit_session *session, void *buffer, size_t size)
+{
+    uint8_t kind;
+
+    (void)session;
+    for (;;) {
+        struct pollfd watched = {g_channel, POLLIN, 0};
+        const ssize_t got = kit_channel_take(g_channel, &kind, buffer, size);
+        if (got >= 0) {
+            return got;
+        }
+        if (got == -2) {
+            return errno == EBADF ? kit_fail("this is no session") : 0;
+        }
+        poll(&watched, 1, -1);
+    }
+}
+
+// The library ends a process that does not ignore SIGPIPE when the
+// administration daemon has gone: a session survives that.
+static int audit_login(unsigned int line, bool success)
+{
+    struct sigaction ignore = {};
+    struct sigaction before;
+
+    ignore.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &ignore, &before);
+    const int result = tty_login_info_audit(line, success);
+    sigaction(SIGPIPE, &before, nullptr);
+    return result;
+}
+
+int kit_login(const kit_session *session, const char *user, int success)
+{
+    const unsigned int line = static_cast<unsigned int>(session->line);
+    const uint8_t kind = success != 0 ? CHANNEL_LOGIN : CHANNEL_REFUSED;
+
+    if (!kit_channel_put(g_channel, kind, user, strlen(user), true)) {
+        return kit_fail("the daemon cannot be told: %s", strerror(errno));
+    }
+    if (tty_setenv(line, "LOGNAME", user) != 0) {
+        return kit_fail("the name cannot be stored on line %u", line);
+    }
+    // Without an administration daemon the line knows it all the same.
+    (void)audit_login(line, success != 0);
+    return 0;
+}

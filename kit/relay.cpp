@@ -1,0 +1,395 @@
+// The buffers are static: a keeper has one relay, and pages that nothing was
+// ever written to cost nothing. One that was filled gives its pages back when
+// it is empty again.
+#include "kit/relay.h"
+
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <termios.h>
+#include <unistd.h>
+
+constexpr size_t PAGE = 4096;
+constexpr size_t BUFFER_SIZE = 8 * PAGE;
+// A codec is called while it has so much room in both directions.
+constexpr size_t CODEC_ROOM = 16;
+// A read that brings less has most likely emptied its source: another one to
+// make sure would be for nothing.
+constexpr size_t BULK = 512;
+// After so many buffers one way the other one has its turn.
+constexpr int MOST_STEPS = 4;
+
+alignas(PAGE) static uint8_t g_bytes[4][BUFFER_SIZE];
+
+static size_t room(const kit_buffer *buffer)
+{
+    return buffer->size - buffer->end;
+}
+
+static void compact(kit_buffer *buffer)
+{
+    if (buffer->start > 0) {
+        memmove(buffer->bytes, buffer->bytes + buffer->start,
+                kit_buffer_pending(buffer));
+        buffer->end -= buffer->start;
+        buffer->start = 0;
+    }
+}
+
+// An idle session has nothing in memory but what a keystroke needs.
+static void used(kit_buffer *buffer, size_t count)
+{
+    const bool was_large = buffer->end > PAGE;
+
+    buffer->start += count;
+    if (buffer->start == buffer->end) {
+        buffer->start = buffer->end = 0;
+        if (was_large) {
+            madvise(buffer->bytes + PAGE, buffer->size - PAGE, MADV_DONTNEED);
+        }
+    }
+}
+
+static void set_nonblocking(int fd)
+{
+    int on = 1;
+
+    ioctl(fd, FIONBIO, &on);
+}
+
+static void set_buffer(kit_buffer *buffer, int index)
+{
+    buffer->bytes = g_bytes[index];
+    buffer->size = BUFFER_SIZE;
+}
+
+static void open_codec(kit_relay *relay, const kit_session *session)
+{
+    const kit_codec *codec = relay->codec;
+    kit_flow flow = {};
+
+    relay->state = calloc(1, codec->state_size + 1);
+    if (relay->state == nullptr) {
+        relay->peer_gone = true;
+        return;
+    }
+    if (codec->open == nullptr) {
+        return;
+    }
+    flow.out = relay->to_peer.bytes;
+    flow.out_room = relay->to_peer.size;
+    if (codec->open(relay->state, &flow, session) < 0) {
+        relay->peer_gone = true;
+    }
+    relay->to_peer.end = relay->to_peer.size - flow.out_room;
+}
+
+void kit_relay_open(kit_relay *relay, int connection, int master,
+                    const kit_codec *codec, const kit_session *session)
+{
+    relay->connection = connection;
+    relay->master = master;
+    relay->codec = codec;
+    relay->last_was_newline = true;
+    set_buffer(&relay->from_peer, 0);
+    set_buffer(&relay->to_terminal, 1);
+    set_buffer(&relay->from_terminal, 2);
+    set_buffer(&relay->to_peer, 3);
+    set_nonblocking(connection);
+    set_nonblocking(master);
+    if (codec != nullptr) {
+        open_codec(relay, session);
+    }
+}
+
+// Where a side's bytes arrive: at the codec, or at once where they go to.
+static kit_buffer *arriving_in(kit_relay *relay)
+{
+    return relay->codec != nullptr ? &relay->from_peer : &relay->to_terminal;
+}
+
+static kit_buffer *arriving_out(kit_relay *relay)
+{
+    return relay->codec != nullptr ? &relay->from_terminal : &relay->to_peer;
+}
+
+static bool retry_later(int error)
+{
+    return error == EAGAIN || error == EINTR;
+}
+
+// Reads from the peer until it has nothing more or there is no room.
+static void read_peer(kit_relay *relay)
+{
+    kit_buffer *buffer = arriving_in(relay);
+
+    compact(buffer);
+    while (!relay->peer_ended && !relay->peer_gone && room(buffer) > 0) {
+        const ssize_t got = recv(relay->connection, buffer->bytes + buffer->end,
+                                 room(buffer), 0);
+        if (got < 0) {
+            relay->peer_gone = !retry_later(errno);
+            return;
+        }
+        relay->moved = true;
+        relay->peer_ended = got == 0;
+        buffer->end += static_cast<size_t>(got);
+        if (static_cast<size_t>(got) < BULK) {
+            return;
+        }
+    }
+}
+
+// A terminal gives at most a page at a time, which is put together with the
+// next: a call to the peer costs much more than one of these. Returns whether
+// there may be more.
+static bool read_terminal(kit_relay *relay)
+{
+    kit_buffer *buffer = arriving_out(relay);
+
+    compact(buffer);
+    while (!relay->terminal_ended && room(buffer) > 0) {
+        const ssize_t got =
+            read(relay->master, buffer->bytes + buffer->end, room(buffer));
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        // EIO says that nobody has the terminal open: a program may yet open
+        // it again.
+        relay->terminal_quiet = got < 0 && errno == EIO;
+        if (got <= 0) {
+            return false;
+        }
+        relay->moved = true;
+        buffer->end += static_cast<size_t>(got);
+        if (static_cast<size_t>(got) < BULK) {
+            return false;
+        }
+    }
+    return true;
+}
+
+static void write_peer(kit_relay *relay)
+{
+    kit_buffer *buffer = &relay->to_peer;
+
+    while (kit_buffer_pending(buffer) > 0 && !relay->peer_gone) {
+        const ssize_t sent =
+            send(relay->connection, buffer->bytes + buffer->start,
+                 kit_buffer_pending(buffer), MSG_NOSIGNAL);
+        if (sent < 0) {
+            relay->peer_gone = !retry_later(errno);
+            return;
+        }
+        relay->moved = true;
+        used(buffer, static_cast<size_t>(sent));
+    }
+}
+
+static void write_terminal(kit_relay *relay)
+{
+    kit_buffer *buffer = &relay->to_terminal;
+
+    while (kit_buffer_pending(buffer) > 0) {
+        const ssize_t written =
+            write(relay->master, buffer->bytes + buffer->start,
+                  kit_buffer_pending(buffer));
+        if (written <= 0) {
+            return;
+        }
+        relay->moved = true;
+        relay->last_was_newline =
+            buffer->bytes[buffer->start + static_cast<size_t>(written) - 1] ==
+            '\n';
+        used(buffer, static_cast<size_t>(written));
+    }
+}
+
+// One call of the codec, from one buffer to another, with answers to a third
+// one. Returns whether it did anything.
+static bool translate(kit_relay *relay, int (*step)(void *, kit_flow *),
+                      kit_buffer *in, kit_buffer *out, kit_buffer *back)
+{
+    kit_flow flow;
+
+    compact(out);
+    compact(back);
+    if (kit_buffer_pending(in) == 0 || room(out) < CODEC_ROOM ||
+        room(back) < CODEC_ROOM) {
+        return false;
+    }
+    flow.in = in->bytes + in->start;
+    flow.in_left = kit_buffer_pending(in);
+    flow.out = out->bytes + out->end;
+    flow.out_room = room(out);
+    flow.back = back->bytes + back->end;
+    flow.back_room = room(back);
+    if (step(relay->state, &flow) < 0) {
+        relay->peer_gone = true;
+        return false;
+    }
+    const size_t taken = kit_buffer_pending(in) - flow.in_left;
+    out->end = out->size - flow.out_room;
+    back->end = back->size - flow.back_room;
+    used(in, taken);
+    return taken > 0;
+}
+
+static void decode(kit_relay *relay)
+{
+    if (relay->codec != nullptr) {
+        while (translate(relay, relay->codec->decode, &relay->from_peer,
+                         &relay->to_terminal, &relay->to_peer)) {
+            write_terminal(relay);
+        }
+    }
+}
+
+static void encode(kit_relay *relay)
+{
+    if (relay->codec != nullptr) {
+        while (translate(relay, relay->codec->encode, &relay->from_terminal,
+                         &relay->to_peer, &relay->to_terminal)) {
+            write_peer(relay);
+        }
+    }
+}
+
+// A peer that has gone behind bytes for which there is no room says so by
+// POLLRDHUP, and would be seen by nothing else.
+void kit_relay_want(kit_relay *relay, struct pollfd *connection,
+                    struct pollfd *master)
+{
+    const kit_buffer *in = arriving_in(relay);
+    const kit_buffer *out = arriving_out(relay);
+
+    connection->fd = relay->peer_gone ? -1 : relay->connection;
+    connection->events = 0;
+    if (!relay->peer_ended) {
+        connection->events |= POLLRDHUP;
+        if (kit_buffer_pending(in) < in->size) {
+            connection->events |= POLLIN;
+        }
+    }
+    if (kit_buffer_pending(&relay->to_peer) > 0) {
+        connection->events |= POLLOUT;
+    }
+    master->fd =
+        relay->terminal_ended || relay->terminal_quiet ? -1 : relay->master;
+    master->events = 0;
+    if (kit_buffer_pending(out) < out->size) {
+        master->events |= POLLIN;
+    }
+    if (kit_buffer_pending(&relay->to_terminal) > 0) {
+        master->events |= POLLOUT;
+    }
+    // A terminal that nobody has open is looked at by the clock: it would be
+    // reported over and over.
+    if (master->events == 0) {
+        master->fd = -1;
+    }
+}
+
+// An end of input with nothing read means that the peer takes nothing either:
+// on a unix path, where both directions end at once.
+static void look_for_end(kit_relay *relay, short happened)
+{
+    const bool full =
+        kit_buffer_pending(arriving_in(relay)) == arriving_in(relay)->size;
+
+    if ((happened & (POLLHUP | POLLERR)) != 0 && (full || relay->peer_ended)) {
+        relay->peer_gone = true;
+    }
+    if ((happened & POLLRDHUP) != 0 && full) {
+        relay->peer_ended = true;
+    }
+}
+
+static void move_output(kit_relay *relay)
+{
+    bool more = true;
+
+    for (int i = 0; i < MOST_STEPS && more; i++) {
+        more = read_terminal(relay);
+        encode(relay);
+        write_peer(relay);
+        more = more && kit_relay_delivered(relay);
+    }
+}
+
+void kit_relay_move(kit_relay *relay, const struct pollfd *connection,
+                    const struct pollfd *master)
+{
+    if (connection->revents != 0) {
+        write_peer(relay);
+        read_peer(relay);
+        look_for_end(relay, connection->revents);
+    }
+    decode(relay);
+    write_terminal(relay);
+    if (master->revents != 0 || relay->terminal_quiet) {
+        move_output(relay);
+    }
+    // What a codec could not translate for want of room, and its answers.
+    if (relay->codec != nullptr) {
+        encode(relay);
+        write_peer(relay);
+        write_terminal(relay);
+    }
+}
+
+void kit_relay_finish_terminal(kit_relay *relay)
+{
+    kit_buffer *buffer = arriving_out(relay);
+
+    while (!relay->terminal_ended && !relay->peer_gone) {
+        compact(buffer);
+        if (room(buffer) == 0) {
+            return;
+        }
+        const ssize_t got =
+            read(relay->master, buffer->bytes + buffer->end, room(buffer));
+        if (got <= 0) {
+            relay->terminal_ended = got == 0 || errno != EINTR;
+            continue;
+        }
+        relay->moved = true;
+        buffer->end += static_cast<size_t>(got);
+        encode(relay);
+        write_peer(relay);
+    }
+}
+
+// What stands on an unfinished line is handed over by the first of two.
+void kit_relay_type_end(kit_relay *relay)
+{
+    struct termios modes;
+    char typed[2];
+
+    if (kit_buffer_pending(&relay->to_terminal) > 0 ||
+        kit_buffer_pending(&relay->from_peer) > 0 ||
+        tcgetattr(relay->master, &modes) != 0) {
+        return;
+    }
+    memset(typed, modes.c_cc[VEOF], sizeof typed);
+    const ssize_t ignored =
+        write(relay->master, typed, relay->last_was_newline ? 1 : 2);
+    static_cast<void>(ignored);
+    relay->last_was_newline = true;
+}
+
+void kit_relay_say(kit_relay *relay, const char *text)
+{
+    kit_buffer *buffer = arriving_out(relay);
+    const size_t length = strlen(text);
+
+    compact(buffer);
+    const size_t count = length < room(buffer) ? length : room(buffer);
+    memcpy(buffer->bytes + buffer->end, text, count);
+    buffer->end += count;
+    encode(relay);
+    write_peer(relay);
+}

@@ -1,0 +1,65 @@
+// The data of one session, in its keeper: two ways between the connection and
+// the terminal, each with a bounded buffer, and the codec between them.
+#pragma once
+
+#include <poll.h>
+
+#include <ttyline/kit.h>
+
+struct kit_buffer {
+    uint8_t *bytes;
+    size_t size;
+    size_t start;
+    size_t end;
+};
+
+struct kit_relay {
+    int connection;
+    int master;
+    const kit_codec *codec;
+    void *state;
+    kit_buffer from_peer; // not decoded yet; unused without a codec
+    kit_buffer to_terminal;
+    kit_buffer from_terminal; // not encoded yet; unused without a codec
+    kit_buffer to_peer;
+    bool peer_ended;     // it sends no more
+    bool peer_gone;      // it takes no more either
+    bool terminal_ended; // all output of the program has been read
+    bool terminal_quiet; // nobody has it open just now
+    bool last_was_newline;
+    bool moved; // something has moved since this was last cleared
+};
+
+// Takes both descriptors, which become non-blocking. One relay a process.
+void kit_relay_open(kit_relay *relay, int connection, int master,
+                    const kit_codec *codec, const kit_session *session);
+
+// What each side has to be polled for, for the descriptors of two pollfds.
+void kit_relay_want(kit_relay *relay, struct pollfd *connection,
+                    struct pollfd *master);
+
+// Moves what the poll has found, as far as there is room.
+void kit_relay_move(kit_relay *relay, const struct pollfd *connection,
+                    const struct pollfd *master);
+
+// The rest of the terminal's output, once its program has ended: what cannot be
+// read now will never come.
+void kit_relay_finish_terminal(kit_relay *relay);
+
+// Types the terminal's end-of-file character, for a peer that sends no more.
+void kit_relay_type_end(kit_relay *relay);
+
+// Appends text for the peer, as far as there is room, and sends what it takes.
+void kit_relay_say(kit_relay *relay, const char *text);
+
+inline size_t kit_buffer_pending(const kit_buffer *buffer)
+{
+    return buffer->end - buffer->start;
+}
+
+// Whether all that the program has printed is with the peer's system.
+inline bool kit_relay_delivered(const kit_relay *relay)
+{
+    return kit_buffer_pending(&relay->from_terminal) == 0 &&
+           kit_buffer_pending(&relay->to_peer) == 0;
+}

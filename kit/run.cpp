@@ -1,0 +1,271 @@
+// Offering services, and giving the thread to the session service.
+#include <errno.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <ttyline/kit.h>
+#include <ttyline/vc.h>
+
+#include "kit/audit.h"
+#include "kit/bell.h"
+#include "kit/error.h"
+#include "kit/moments.h"
+#include "kit/program.h"
+#include "kit/service.h"
+#include "kit/table.h"
+#include "kit/warden.h"
+
+constexpr int HIGHEST_PORT = 65535;
+constexpr uint32_t HIGHEST_PROTOCOL = 11;
+constexpr mode_t USUAL_PATH_MODE = 0600;
+// No more than the session service looks at; two a session.
+constexpr rlim_t WANTED_DESCRIPTORS = 16384;
+
+static bool g_running; // guarded by the lock
+
+// The session service takes a path of any length and listens on what fits.
+static int check_endpoint(const kit_service *service)
+{
+    if (service->path != nullptr) {
+        const size_t length = strlen(service->path);
+        return service->port == 0 && length > 0 && length < VC_PATH_SIZE
+                   ? 0
+                   : kit_fail("'%s' is no path of 1 to 63 characters, or has a "
+                              "port besides",
+                              service->path);
+    }
+    return service->port >= 1 && service->port <= HIGHEST_PORT
+               ? 0
+               : kit_fail("%d is no port", service->port);
+}
+
+static int check_service(const kit_service *service)
+{
+    if (service->size != sizeof *service) {
+        return kit_fail("a service of %zu bytes is of another version",
+                        service->size);
+    }
+    if (service->protocol > HIGHEST_PROTOCOL) {
+        return kit_fail("%u is no protocol", service->protocol);
+    }
+    if ((service->program == nullptr) == (service->function == nullptr)) {
+        return kit_fail("a service runs a program or a function");
+    }
+    if (service->program != nullptr && service->program[0] == nullptr) {
+        return kit_fail("the program has no name");
+    }
+    return check_endpoint(service);
+}
+
+static int register_family(const kit_node *node, int family)
+{
+    vc_reg registration = {};
+
+    registration.socket_type = family;
+    registration.protocol = node->service->protocol;
+    registration.listen_port = node->service->port;
+    registration.listen_path = node->service->path;
+    kit_moments_set(&registration);
+    if (vc_service_reg(&registration) == 0) {
+        return 0;
+    }
+    return node->service->path != nullptr
+               ? kit_fail("path %s cannot be registered", node->service->path)
+               : kit_fail("port %d cannot be registered", node->service->port);
+}
+
+static int register_node(const kit_node *node)
+{
+    const uint32_t families = node->service->families;
+    int result = 0;
+
+    if (node->service->path != nullptr) {
+        result = register_family(node, AF_UNIX);
+    } else {
+        if (families == 0 || (families & KIT_IPV4) != 0) {
+            result = register_family(node, AF_INET);
+        }
+        if (result == 0 && (families == 0 || (families & KIT_IPV6) != 0)) {
+            result = register_family(node, AF_INET6);
+        }
+    }
+    return result;
+}
+
+static kit_node *make_node(const kit_service *service)
+{
+    kit_node *node = static_cast<kit_node *>(calloc(1, sizeof *node));
+
+    if (node == nullptr) {
+        kit_fail("out of memory");
+        return nullptr;
+    }
+    node->service = service;
+    node->port = service->port;
+    if (service->admission != nullptr) {
+        node->rules = kit_rules_read(service->admission);
+        if (node->rules == nullptr) {
+            free(node);
+            return nullptr;
+        }
+    }
+    return node;
+}
+
+int kit_offer(const kit_service *service)
+{
+    if (check_service(service) != 0) {
+        return -1;
+    }
+    kit_node *node = make_node(service);
+    if (node == nullptr) {
+        return -1;
+    }
+    kit_lock();
+    kit_node_add(node);
+    const bool running = g_running;
+    kit_unlock();
+    if (!running) {
+        return 0;
+    }
+    const int result = register_node(node);
+    // The loop would announce it at its next turn, within a minute: this wakes
+    // it.
+    vc_deal_service_listen(true, static_cast<int>(service->protocol));
+    return result;
+}
+
+int kit_admit(const kit_service *service, const kit_admission *admission)
+{
+    kit_rules *rules = nullptr;
+
+    if (admission != nullptr) {
+        rules = kit_rules_read(admission);
+        if (rules == nullptr) {
+            return -1;
+        }
+    }
+    kit_lock();
+    kit_node *node = kit_node_of(service);
+    if (node != nullptr) {
+        kit_rules *before = node->rules;
+        node->rules = rules;
+        rules = before;
+    }
+    kit_unlock();
+    kit_rules_free(rules);
+    return node != nullptr ? 0 : kit_fail("the service was not offered");
+}
+
+static void raise_descriptor_limit(void)
+{
+    struct rlimit limit;
+
+    kit_program_keep_limits();
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 ||
+        limit.rlim_cur >= WANTED_DESCRIPTORS) {
+        return;
+    }
+    limit.rlim_cur = limit.rlim_max < WANTED_DESCRIPTORS ? limit.rlim_max
+                                                         : WANTED_DESCRIPTORS;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+// The loop learns of sessions' ends by their bells, so nothing that a signal
+// does to its wait matters.
+static int register_all(void)
+{
+    for (const kit_node *node = kit_first_node(); node != nullptr;
+         node = node->next) {
+        if (register_node(node) != 0) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+// What an earlier run left: the path is known to be nobody's, as the lines'
+// daemon permits it to one only.
+static mode_t mask_for(const kit_daemon *daemon)
+{
+    const mode_t mode =
+        daemon->path_mode != 0 ? daemon->path_mode : USUAL_PATH_MODE;
+
+    return 0777 & ~mode;
+}
+
+int kit_run(const kit_daemon *daemon)
+{
+    if (daemon->size != sizeof *daemon) {
+        return kit_fail("a daemon of %zu bytes is of another version",
+                        daemon->size);
+    }
+    if (kit_first_node() == nullptr) {
+        return kit_fail("no service was offered");
+    }
+    if (kit_runtime_check() != 0) {
+        return -1;
+    }
+    if (!kit_moments_prepare()) {
+        return kit_fail("no descriptor: %s", strerror(errno));
+    }
+    kit_audit_open(daemon->name != nullptr ? daemon->name
+                                           : program_invocation_short_name);
+    raise_descriptor_limit();
+    umask(mask_for(daemon));
+    if (kit_warden_start(daemon) != 0 || register_all() != 0) {
+        return -1;
+    }
+    kit_lock();
+    g_running = true;
+    kit_unlock();
+    kit_audit("daemon-begin");
+    vc_service_start();
+    return kit_fail("the session service did not start");
+}
+
+int kit_post(int32_t line, const void *data, size_t length)
+{
+    const kit_entry *entry = kit_entry_at(line);
+
+    if (entry == nullptr) {
+        errno = ESRCH;
+        return kit_fail("there is no session on line %d", line);
+    }
+    if (length > CHANNEL_MOST) {
+        errno = EMSGSIZE;
+        return kit_fail("a message has at most %zu bytes", CHANNEL_MOST);
+    }
+    return kit_channel_put(entry->channel, CHANNEL_DATA, data, length, false)
+               ? 0
+               : kit_fail("the session takes no message: %s", strerror(errno));
+}
+
+void kit_each_session(void (*visit)(const kit_session *session, void *argument),
+                      void *argument)
+{
+    for (int line = kit_table_next(0); line < TTY_LINES;
+         line = kit_table_next(line + 1)) {
+        visit(&kit_entry_at(line)->session, argument);
+    }
+}
+
+int kit_end(int32_t line, const char *reason)
+{
+    bool said = false;
+
+    kit_lock();
+    const kit_entry *entry = kit_entry_at(line);
+    if (entry != nullptr) {
+        said = kit_bell_say(entry->bell, BELL_END, 0, reason);
+    }
+    kit_unlock();
+    return said ? 0 : kit_fail("there is no session on line %d", line);
+}
