@@ -184,17 +184,19 @@ static bool take_protocol(const request *asked, int *protocol)
 }
 
 // Opening alone leaves a service dead that lost its inetd while it was stopped:
-// it is stopped first, which is nothing for one that is open.
+// it is stopped once more, which one that listens is spared.
 static void open_protocol(const request *asked)
 {
     int protocol;
 
-    if (take_protocol(asked, &protocol)) {
-        vc_deal_service_listen(false, protocol);
-        vc_deal_service_listen(true, protocol);
-        kit_service_stopped(static_cast<uint32_t>(protocol), false);
-        finish(asked);
+    if (!take_protocol(asked, &protocol)) {
+        return;
     }
+    if (kit_service_stopped(static_cast<uint32_t>(protocol), false)) {
+        vc_deal_service_listen(false, protocol);
+    }
+    vc_deal_service_listen(true, protocol);
+    finish(asked);
 }
 
 static void stop_protocol(const request *asked)
@@ -348,7 +350,8 @@ static void run(const command *known, const request *asked)
     char usage[128];
 
     if (asked->count < known->least || asked->count > known->most) {
-        (void)snprintf(usage, sizeof usage, "usage: %s %s", known->name,
+        (void)snprintf(usage, sizeof usage, "usage: %s%s%s", known->name,
+                       known->arguments[0] != '\0' ? " " : "",
                        known->arguments);
         refuse(asked, usage);
         return;

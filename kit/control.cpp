@@ -25,6 +25,7 @@ struct control_client {
     int64_t give_up_at;
     char line[LINE_SIZE];
     size_t used;
+    bool skipping; // inside a line that was too long
     kit_report report;
     size_t sent;
 };
@@ -257,7 +258,26 @@ static void obey_line(control_client *client)
     line[length] = '\0';
     client->used -= length + 1;
     memmove(client->line, end + 1, client->used);
+    if (client->skipping) {
+        client->skipping = false;
+        return obey_line(client);
+    }
+    // A zero byte ends no word: what stands behind it was meant too.
+    for (size_t i = 0; i < length; i++) {
+        line[i] = line[i] != '\0' ? line[i] : '?';
+    }
     kit_command_run(g_control.daemon, line, &client->report);
+}
+
+// Told once; the rest of the line is thrown away as it comes.
+static void refuse_long_line(control_client *client)
+{
+    client->used = 0;
+    if (!client->skipping) {
+        client->skipping = true;
+        kit_report_begin(&client->report, false);
+        kit_report_error(&client->report, "line too long");
+    }
 }
 
 static void obey(control_client *client)
@@ -281,12 +301,9 @@ static bool hear(control_client *client)
     client->used += static_cast<size_t>(got);
     obey(client);
     if (client->used == sizeof client->line && !answering(client)) {
-        kit_report_begin(&client->report, false);
-        kit_report_error(&client->report, "line too long");
-        send_answer(client);
-        return false;
+        refuse_long_line(client);
     }
-    return true;
+    return send_answer(client);
 }
 
 static void serve_client(control_client *client, short happened)

@@ -99,15 +99,19 @@ void kit_service_moved(uint32_t protocol, int old_port, int new_port)
     kit_unlock();
 }
 
-void kit_service_stopped(uint32_t protocol, bool stopped)
+bool kit_service_stopped(uint32_t protocol, bool stopped)
 {
+    bool before = false;
+
     kit_lock();
     for (kit_node *node = g_nodes; node != nullptr; node = node->next) {
         if (node->service->protocol == protocol) {
+            before = before || node->stopped;
             node->stopped = stopped;
         }
     }
     kit_unlock();
+    return before;
 }
 
 const char *kit_service_name(const kit_service *service, char *buffer,

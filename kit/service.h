@@ -71,7 +71,8 @@ kit_node *kit_first_node(void);
 
 // Notes that the services of a protocol have moved to another port.
 void kit_service_moved(uint32_t protocol, int old_port, int new_port);
-void kit_service_stopped(uint32_t protocol, bool stopped);
+// Notes that they were stopped or opened; whether one had been stopped before.
+bool kit_service_stopped(uint32_t protocol, bool stopped);
 
 // Adds a node; registered says whether the loop knows it yet.
 void kit_node_add(kit_node *node);

@@ -1,262 +1,94 @@
-/*
- * consoled: a login daemon that puts every connection on a terminal line of
- * its own, with a shell (or another program) behind it. Connections come in
- * on a TCP port over IPv4 and IPv6 and on a unix path; another unix path may
- * lead to the line console, rl-con.
- *
- * It asks for no password and encrypts nothing: whoever gets in is the user
- * who runs it. Protect the path by the permissions of its directory, and the
- * port by --allow.
- *
- * A session ends when its program ends or when the peer closes its sending
- * direction, which counts as hanging up: a socket at end of file stays
- * readable for ever, so waiting for a program that may never notice would
- * keep the loop spinning. A client that wants the answer to its last line
- * keeps its end open until the program has ended.
- *
- * All callbacks run on the one thread of vc_service_start(), which serves all
- * lines; what daemon_relay.h says about waiting holds for all of them.
- */
-#include <csignal>
+// consoled: a login daemon that puts every connection on a terminal line of its
+// own, with a shell (or another program) behind it. Connections come in on a
+// TCP port and on a unix path; another unix path may lead to the line console,
+// rl-con. All that a session needs the kit does; here is what is offered.
+//
+// It asks for no password and encrypts nothing: whoever gets in is the user
+// whose shell it runs.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <err.h>
 #include <getopt.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <new>
+#include <paths.h>
+#include <pwd.h>
 #include <string>
-#include <syslog.h>
 #include <unistd.h>
 #include <vector>
 
+#include <ttyline/kit.h>
 #include <ttyline/vc.h>
 
-#include "programs/consoled/control.h"
-#include "programs/consoled/relay.h"
-#include "programs/shared/session_child.h"
-
-static constexpr int protocol_port = 6;
-static constexpr int protocol_path = 7;
-static constexpr int protocol_inpath = 10;
-
-struct line {
-    int sockfd;
-    int master_fd;
-    relay to_terminal;
-    relay to_peer;
-};
-
-static line *g_lines[TTY_LINES];
-static std::vector<allow_entry> g_allowed;
-static std::vector<std::string> g_program;
-static std::string g_term = "vt100";
-
-static line *find_line(int ttyno)
-{
-    return ttyno >= 0 && ttyno < TTY_LINES ? g_lines[ttyno] : nullptr;
-}
-
-static int alloc_line(int ttyno, int inetd_fd, int sockfd, int master_fd)
-{
-    int on = 1;
-
-    (void)inetd_fd;
-    if (ttyno < 0 || ttyno >= TTY_LINES || g_lines[ttyno] != nullptr) {
-        return -1;
-    }
-    line *l = new (std::nothrow) line();
-    if (l == nullptr) {
-        return -1;
-    }
-    l->sockfd = sockfd;
-    l->master_fd = master_fd;
-    g_lines[ttyno] = l;
-    /* The second one fails on a unix socket, where nothing is delayed. */
-    setsockopt(sockfd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
-    setsockopt(sockfd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    return 0;
-}
-
-static int init_line(int ttyno)
-{
-    return find_line(ttyno) != nullptr ? 0 : -1;
-}
-
-static int from_peer(int ttyno)
-{
-    line *l = find_line(ttyno);
-
-    if (l == nullptr) {
-        return -1;
-    }
-    return relay_step(l->to_terminal, l->sockfd, l->master_fd);
-}
-
-static int to_peer(int ttyno)
-{
-    line *l = find_line(ttyno);
-
-    if (l == nullptr) {
-        return -1;
-    }
-    return relay_step(l->to_peer, l->master_fd, l->sockfd);
-}
-
-/*
- * Closing a TCP socket with unread input resets the connection, and a reset
- * throws away what the peer has not read yet.
- */
-static void discard_input(int sockfd)
-{
-    char scrap[4096];
-
-    for (int i = 0; i < 16; i++) {
-        if (recv(sockfd, scrap, sizeof scrap, MSG_DONTWAIT) <= 0) {
-            break;
-        }
-    }
-}
-
-static int kill_line(int ttyno)
-{
-    line *l = find_line(ttyno);
-
-    if (l == nullptr) {
-        return 0;
-    }
-    /* A connection that has failed takes nothing more. */
-    if (l->to_terminal.source_error == 0) {
-        relay_drain(l->to_peer, l->master_fd, l->sockfd);
-        discard_input(l->sockfd);
-    }
-    g_lines[ttyno] = nullptr;
-    delete l;
-    return 0;
-}
-
-/* Runs in the forked child, with the terminal on descriptors 0 to 2. */
-static int run_program(int ttyno, const char *ttydev)
-{
-    std::vector<char *> arguments;
-
-    (void)ttyno;
-    prepare_session_child(g_term.c_str());
-    make_terminal_sane(0);
-    arguments.reserve(g_program.size() + 2);
-    for (std::string &word : g_program) {
-        arguments.push_back(&word[0]);
-    }
-    /* A shell is a login shell when its own name begins with a dash. */
-    std::string program = g_program.empty() ? user_shell() : g_program[0];
-    std::string login = "-" + program.substr(program.rfind('/') + 1);
-    if (g_program.empty()) {
-        arguments.push_back(&login[0]);
-    }
-    arguments.push_back(nullptr);
-    execvp(program.c_str(), arguments.data());
-    warn("%s: cannot run %s", ttydev, program.c_str());
-    _exit(127);
-}
-
-static bool permit_peer(const sockaddr *local, const sockaddr *peer)
-{
-    (void)local;
-    return allow_list_permits(g_allowed, peer);
-}
-
-static vc_reg describe_service(int family, uint32_t protocol)
-{
-    vc_reg service = {};
-
-    service.socket_type = family;
-    service.protocol = protocol;
-    service.init_func = init_line;
-    service.read_func = from_peer;
-    service.write_func = to_peer;
-    service.kill_func = kill_line;
-    service.alloc_func = alloc_line;
-    service.shell_func = run_program;
-    service.acl_func = permit_peer;
-    return service;
-}
-
-static void offer_port(int family, int port)
-{
-    vc_reg service = describe_service(family, protocol_port);
-
-    service.listen_port = port;
-    if (vc_service_reg(&service) != 0) {
-        errx(1, "cannot register port %d", port);
-    }
-}
-
-static void offer_path(const char *path)
-{
-    vc_reg service = describe_service(AF_UNIX, protocol_path);
-
-    service.listen_path = path;
-    if (vc_service_reg(&service) != 0) {
-        errx(1, "cannot register path %s", path);
-    }
-}
-
-/*
- * The console's terminal type is that of this process: the library starts the
- * program itself.
- */
-static void offer_inpath(const char *path)
-{
-    setenv("TERM", g_term.c_str(), 1);
-    if (vc_inpath_reg(path) != 0) {
-        errx(1, "cannot register in-path service %s", path);
-    }
-}
-
-static const char help[] =
-    "usage: consoled [options] [program [argument ...]]\n"
-    "  --port N            offer TCP port N (1 to 65535)\n"
-    "  --path PATH         offer a unix path, at most 63 characters\n"
-    "  --inpath PATH       offer the line console on a unix path, at most 63\n"
-    "                      characters; runs rl-con, found through PATH\n"
-    "  --control PATH      take commands on a unix path that only this user\n"
-    "                      can open; send it 'help'\n"
-    "  --allow ADDR[/BITS] let only these peers in on the port; repeatable\n"
-    "  --no-ipv4           offer the port over IPv6 only\n"
-    "  --no-ipv6           offer the port over IPv4 only\n"
-    "  --term TERM         terminal type of the sessions (vt100)\n"
-    "  --help              print this\n"
-    "At least one of --port, --path and --inpath is needed. Without a program\n"
-    "each session is a login shell. There is no password: whoever gets in is\n"
-    "the user who runs consoled.\n"
-    "What passes on a line of --inpath is written to .vc_dump.txt in the\n"
-    "runtime directory as it is, passwords included. Keep that directory\n"
-    "($TMPDIR/mng/tty) closed to others: mode 0700.\n";
+constexpr uint32_t PROTOCOL_PORT = 6;
+constexpr uint32_t PROTOCOL_PATH = 7;
+constexpr long MOST_SESSIONS = TTY_LINES;
+// With rules of who may come in, the path itself is open to everybody.
+constexpr uint32_t OPEN_PATH_MODE = 0666;
 
 struct options {
-    int port;
-    const char *path;
-    const char *inpath;
-    const char *control;
-    bool ipv4;
-    bool ipv6;
+    int port = 0;
+    const char *path = nullptr;
+    const char *inpath = nullptr;
+    uint32_t families = KIT_IPV4 | KIT_IPV6;
+    const char *user = nullptr;
+    const char *term = "vt100";
+    std::vector<const char *> peers;
+    std::vector<const char *> users;
+    std::vector<const char *> groups;
+    std::vector<const char *> environment;
+    std::vector<const char *> program;
+    std::string login_name; // of a shell, "-sh"
+    std::string search;     // "PATH=" and where rl-con is looked for
+    std::vector<const char *> console_environment;
+    kit_admission admission = {};
+    kit_service on_port = {};
+    kit_service on_path = {};
+    kit_service console = {};
+    kit_daemon daemon = {};
 };
+
+// What is offered points into it as long as the process runs.
+static options g_options;
+
+static const char HELP[] =
+    R"(usage: consoled [options] [program [argument ...]]
+  --port N               offer TCP port N (1 to 65535)
+  --path PATH            offer a unix path, at most 63 characters
+  --inpath PATH          offer the line console on a unix path, at most 63
+                         characters; runs rl-con, found through PATH
+  --control PATH         take commands on a unix path that only this user
+                         can open; send it 'help'
+  --allow ADDR[/BITS]    let only these peers in on the port; repeatable
+  --allow-user USER      let only these users in on the paths; repeatable
+  --allow-group GROUP    and the members of these groups; repeatable
+  --sessions N           at most so many sessions on each
+  --sessions-per-peer N  at most so many of one address or user
+  --no-ipv4              offer the port over IPv6 only
+  --no-ipv6              offer the port over IPv4 only
+  --user NAME            run the program as this user
+  --setenv NAME=VALUE    put this into the sessions' environment; repeatable
+  --term TERM            terminal type of the sessions (vt100)
+  --version              print the version
+  --help                 print this
+At least one of --port, --path and --inpath is needed. Without a program each
+session is a login shell. There is no password: whoever gets in is the user
+who runs consoled, or that of --user.
+)";
 
 [[noreturn]] static void refuse(const char *text, const char *reason)
 {
     errx(2, "%s: %s (try --help)", text, reason);
 }
 
-static int parse_port(const char *text)
+static long parse_number(const char *text, long highest, const char *what)
 {
     char *end = nullptr;
-    long port = strtol(text, &end, 10);
+    const long number = strtol(text, &end, 10);
 
-    if (end == text || *end != '\0' || port < 1 || port > 65535) {
-        refuse(text, "not a port");
+    if (end == text || *end != '\0' || number < 1 || number > highest) {
+        refuse(text, what);
     }
-    return static_cast<int>(port);
+    return number;
 }
 
 static const char *parse_path(const char *text)
@@ -267,21 +99,22 @@ static const char *parse_path(const char *text)
     return text;
 }
 
-static allow_entry parse_allow(const char *text)
+static const char *parse_variable(const char *text)
 {
-    allow_entry entry;
+    const char *equals = strchr(text, '=');
 
-    if (!parse_allow_entry(text, entry)) {
-        refuse(text, "not an address or address/bits");
+    if (equals == nullptr || equals == text) {
+        refuse(text, "not NAME=VALUE");
     }
-    return entry;
+    return text;
 }
 
-static void parse_option(int letter, options &chosen)
+static void parse_offer(int letter, options &chosen)
 {
     switch (letter) {
     case 'p':
-        chosen.port = parse_port(optarg);
+        chosen.port =
+            static_cast<int>(parse_number(optarg, 65535, "not a port"));
         break;
     case 'u':
         chosen.path = parse_path(optarg);
@@ -293,124 +126,233 @@ static void parse_option(int letter, options &chosen)
         chosen.inpath = parse_path(optarg);
         break;
     case 'c':
-        chosen.control = optarg;
-        break;
-    case 'a':
-        g_allowed.push_back(parse_allow(optarg));
+        chosen.daemon.control = optarg;
         break;
     case '4':
-        chosen.ipv4 = false;
+        chosen.families &= ~KIT_IPV4;
         break;
     case '6':
-        chosen.ipv6 = false;
+        chosen.families &= ~KIT_IPV6;
         break;
-    case 't':
-        g_term = optarg;
-        break;
-    case 'h':
-        fputs(help, stdout);
-        exit(0);
     default:
-        fputs(help, stderr);
+        fputs(HELP, stderr);
         exit(2);
     }
 }
 
-static options parse_command_line(int argc, char **argv)
+static void parse_session(int letter, options &chosen)
 {
-    static const option known[] = {{"port", required_argument, nullptr, 'p'},
-                                   {"path", required_argument, nullptr, 'u'},
-                                   {"inpath", required_argument, nullptr, 'i'},
-                                   {"control", required_argument, nullptr, 'c'},
-                                   {"allow", required_argument, nullptr, 'a'},
-                                   {"no-ipv4", no_argument, nullptr, '4'},
-                                   {"no-ipv6", no_argument, nullptr, '6'},
-                                   {"term", required_argument, nullptr, 't'},
-                                   {"help", no_argument, nullptr, 'h'},
-                                   {nullptr, 0, nullptr, 0}};
-    options chosen = {0, nullptr, nullptr, nullptr, true, true};
+    switch (letter) {
+    case 'a':
+        chosen.peers.push_back(optarg);
+        break;
+    case 'U':
+        chosen.users.push_back(optarg);
+        break;
+    case 'G':
+        chosen.groups.push_back(optarg);
+        break;
+    case 's':
+        chosen.admission.most_sessions = static_cast<uint32_t>(
+            parse_number(optarg, MOST_SESSIONS, "not a number of sessions"));
+        break;
+    case 'S':
+        chosen.admission.most_per_peer = static_cast<uint32_t>(
+            parse_number(optarg, MOST_SESSIONS, "not a number of sessions"));
+        break;
+    case 'r':
+        chosen.user = optarg;
+        break;
+    case 'e':
+        chosen.environment.push_back(parse_variable(optarg));
+        break;
+    case 't':
+        chosen.term = optarg;
+        break;
+    default:
+        parse_offer(letter, chosen);
+    }
+}
+
+static void parse_options(int argc, char **argv, options &chosen)
+{
+    static const option KNOWN[] = {
+        {"port", required_argument, nullptr, 'p'},
+        {"path", required_argument, nullptr, 'u'},
+        {"inpath", required_argument, nullptr, 'i'},
+        {"control", required_argument, nullptr, 'c'},
+        {"allow", required_argument, nullptr, 'a'},
+        {"allow-user", required_argument, nullptr, 'U'},
+        {"allow-group", required_argument, nullptr, 'G'},
+        {"sessions", required_argument, nullptr, 's'},
+        {"sessions-per-peer", required_argument, nullptr, 'S'},
+        {"no-ipv4", no_argument, nullptr, '4'},
+        {"no-ipv6", no_argument, nullptr, '6'},
+        {"user", required_argument, nullptr, 'r'},
+        {"setenv", required_argument, nullptr, 'e'},
+        {"term", required_argument, nullptr, 't'},
+        {"version", no_argument, nullptr, 'v'},
+        {"help", no_argument, nullptr, 'h'},
+        {nullptr, 0, nullptr, 0}};
     int letter;
 
-    /* The plus: what follows the program's name are its own options. */
-    while ((letter = getopt_long(argc, argv, "+", known, nullptr)) != -1) {
-        parse_option(letter, chosen);
+    // The plus: what follows the program's name are its own options.
+    while ((letter = getopt_long(argc, argv, "+", KNOWN, nullptr)) != -1) {
+        if (letter == 'h') {
+            fputs(HELP, stdout);
+            exit(0);
+        }
+        if (letter == 'v') {
+            printf("consoled (ttyline) %s\n", TTYLINE_VERSION);
+            exit(0);
+        }
+        parse_session(letter, chosen);
     }
-    g_program.assign(argv + optind, argv + argc);
+    chosen.program.assign(argv + optind, argv + argc);
+}
+
+static void check_options(const char *self, const options &chosen)
+{
     if (chosen.port == 0 && chosen.path == nullptr &&
         chosen.inpath == nullptr) {
-        refuse(argv[0], "none of --port, --path and --inpath given");
+        refuse(self, "none of --port, --path and --inpath given");
     }
-    if (chosen.port != 0 && !chosen.ipv4 && !chosen.ipv6) {
-        refuse(argv[0], "--no-ipv4 and --no-ipv6 leave --port nothing");
+    if (chosen.port != 0 && chosen.families == 0) {
+        refuse(self, "--no-ipv4 and --no-ipv6 leave --port nothing");
     }
-    return chosen;
 }
 
-static void interrupt_wait(int number)
+static const char *shell_of(const options &chosen)
 {
-    (void)number;
+    const char *own = getenv("SHELL");
+    const passwd *user =
+        chosen.user != nullptr ? getpwnam(chosen.user) : getpwuid(getuid());
+
+    if (chosen.user == nullptr && own != nullptr && *own != '\0') {
+        return own;
+    }
+    if (chosen.user != nullptr && user == nullptr) {
+        refuse(chosen.user, "no such user");
+    }
+    return user != nullptr && user->pw_shell[0] != '\0' ? user->pw_shell
+                                                        : _PATH_BSHELL;
 }
 
-/*
- * Without a SIGCHLD handler a process that has ended stays a zombie, and its
- * session a session when something else holds its terminal open, until the
- * loop comes by for another reason, within a minute. An empty handler
- * interrupts the loop's wait, and the loop's own check does the rest.
- */
-static void notice_ends_of_children()
+// A shell is a login shell when its own name begins with a dash.
+static const char *choose_program(options &chosen)
 {
-    struct sigaction action = {};
-
-    action.sa_handler = interrupt_wait;
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGCHLD, &action, nullptr);
+    if (!chosen.program.empty()) {
+        return nullptr;
+    }
+    const std::string shell = shell_of(chosen);
+    chosen.program.push_back(strdup(shell.c_str()));
+    chosen.login_name = "-" + shell.substr(shell.rfind('/') + 1);
+    return chosen.login_name.c_str();
 }
 
-/*
- * The in-path service comes last: the session service installs no SIGCHLD
- * handler when the protocol of the first registration of the process is 10.
- */
-static std::vector<int> offer_services(const options &chosen)
+// A list ends with a null pointer; one that nobody has given is absent.
+static const char *const *list_of(std::vector<const char *> &list)
 {
-    std::vector<int> protocols;
+    if (list.empty()) {
+        return nullptr;
+    }
+    list.push_back(nullptr);
+    return list.data();
+}
 
-    if (chosen.port != 0) {
-        protocols.push_back(protocol_port);
+// In the session's own process, on its terminal.
+static int run_console(const kit_session *session, void *)
+{
+    const std::string line = "-n " + std::to_string(session->line);
+    const std::string device = std::string("-t ") + session->device;
+    const std::string peer = std::string("-i ") + session->label;
+
+    execlp("rl-con", "rl-con", line.c_str(), device.c_str(), peer.c_str(),
+           nullptr);
+    warn("cannot run rl-con");
+    return 127;
+}
+
+static void offer(const kit_service &service)
+{
+    if (kit_offer(&service) != 0) {
+        errx(2, "%s", kit_error());
     }
-    if (chosen.port != 0 && chosen.ipv4) {
-        offer_port(AF_INET, chosen.port);
-    }
-    if (chosen.port != 0 && chosen.ipv6) {
-        offer_port(AF_INET6, chosen.port);
-    }
-    if (chosen.path != nullptr) {
-        protocols.push_back(protocol_path);
-        offer_path(chosen.path);
-    }
-    if (chosen.inpath != nullptr) {
-        if (protocols.empty()) {
-            notice_ends_of_children();
+}
+
+// The console is found where this daemon finds programs.
+static const char *const *console_environment(options &chosen)
+{
+    const char *path = getenv("PATH");
+
+    chosen.search = std::string("PATH=") + (path != nullptr ? path : "/bin");
+    chosen.console_environment = {chosen.search.c_str()};
+    for (const char *entry : chosen.environment) {
+        if (entry != nullptr) {
+            chosen.console_environment.push_back(entry);
         }
-        protocols.push_back(protocol_inpath);
-        offer_inpath(chosen.inpath);
     }
-    return protocols;
+    chosen.console_environment.push_back(nullptr);
+    return chosen.console_environment.data();
+}
+
+static void describe(options &chosen)
+{
+    const char *login_name = choose_program(chosen);
+
+    chosen.program.push_back(nullptr);
+    chosen.admission.size = sizeof chosen.admission;
+    chosen.admission.peers = list_of(chosen.peers);
+    chosen.admission.users = list_of(chosen.users);
+    chosen.admission.groups = list_of(chosen.groups);
+    kit_service common = {};
+    common.size = sizeof common;
+    common.term = chosen.term;
+    common.environment = list_of(chosen.environment);
+    common.admission = &chosen.admission;
+    chosen.on_port = chosen.on_path = chosen.console = common;
+
+    chosen.on_port.name = "port";
+    chosen.on_port.protocol = PROTOCOL_PORT;
+    chosen.on_port.port = chosen.port;
+    chosen.on_port.families = chosen.families;
+    chosen.on_path.name = "path";
+    chosen.on_path.protocol = PROTOCOL_PATH;
+    chosen.on_path.path = chosen.path;
+    for (kit_service *service : {&chosen.on_port, &chosen.on_path}) {
+        service->program = chosen.program.data();
+        service->argv0 = login_name;
+        service->user = chosen.user;
+    }
+    chosen.console.name = "line-console";
+    chosen.console.protocol = PROTOCOL_PATH;
+    chosen.console.path = chosen.inpath;
+    chosen.console.function = run_console;
+    chosen.console.environment = console_environment(chosen);
 }
 
 int main(int argc, char **argv)
 {
-    options chosen = parse_command_line(argc, argv);
-    std::string error;
+    options &chosen = g_options;
 
-    openlog("consoled", LOG_PID, LOG_DAEMON);
-    if (!raise_descriptor_limit(watched_descriptors)) {
-        warn("cannot raise the limit on open descriptors");
+    parse_options(argc, argv, chosen);
+    check_options(argv[0], chosen);
+    describe(chosen);
+    if (chosen.port != 0) {
+        offer(chosen.on_port);
     }
-    const std::vector<int> protocols = offer_services(chosen);
-    if (chosen.control != nullptr &&
-        !control_start(chosen.control, protocols, error)) {
-        errx(1, "%s", error.c_str());
+    if (chosen.path != nullptr) {
+        offer(chosen.on_path);
     }
-    vc_service_start();
-    errx(1, "the session service did not start");
+    if (chosen.inpath != nullptr) {
+        offer(chosen.console);
+    }
+    chosen.daemon.size = sizeof chosen.daemon;
+    chosen.daemon.name = "consoled";
+    chosen.daemon.version = TTYLINE_VERSION;
+    if (!chosen.users.empty() || !chosen.groups.empty()) {
+        chosen.daemon.path_mode = OPEN_PATH_MODE;
+    }
+    kit_run(&chosen.daemon);
+    errx(1, "%s", kit_error());
 }

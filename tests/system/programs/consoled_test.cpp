@@ -180,7 +180,7 @@ TEST_F(Consoled, runs_the_line_console_for_an_in_path_client)
     start({"--inpath", path("/inpath"), "--term", "vt220"});
     const tty_cmsg request = permit_next();
     EXPECT_EQ(request.vc_flag, 0x080u);
-    EXPECT_EQ(request.protocol, 10);
+    EXPECT_EQ(request.protocol, 7);
     EXPECT_EQ(request.path, path("/inpath"));
 
     int client = -1;
@@ -196,8 +196,8 @@ TEST_F(Consoled, runs_the_line_console_for_an_in_path_client)
     EXPECT_NE(info.find("TTYDEV=/dev/pts/"), std::string::npos) << info;
 
     ASSERT_TRUE(write_all(client, "shell\necho $TERM.$TTYNUM.$PROTOCOL.\n"));
-    const std::string shell = read_until(client, "vt220.300.10.\r\n");
-    EXPECT_NE(shell.find("vt220.300.10.\r\n"), std::string::npos) << shell;
+    const std::string shell = read_until(client, "vt220.300.7.\r\n");
+    EXPECT_NE(shell.find("vt220.300.7.\r\n"), std::string::npos) << shell;
     ASSERT_TRUE(write_all(client, "exit\n"));
     read_until(client, "rl-con 300> ");
     ASSERT_TRUE(write_all(client, "exit\n"));
@@ -254,12 +254,12 @@ TEST_F(Consoled, ends_the_line_console_of_a_client_that_hangs_up)
     }));
 }
 
-TEST_F(Consoled, registers_the_in_path_service_last)
+TEST_F(Consoled, announces_port_path_and_line_console)
 {
     const int port = free_port(AF_INET);
     start({"--inpath", path("/inpath"), "--port", std::to_string(port),
            "--no-ipv6", "--path", path("/console")});
-    for (const int protocol : {6, 7, 10}) {
+    for (const int protocol : {6, 7, 7}) {
         const auto request = connection.receive();
         ASSERT_TRUE(request);
         EXPECT_EQ(request->protocol, protocol);
@@ -277,13 +277,20 @@ TEST_F(Consoled, refuses_a_second_in_path_service)
     EXPECT_NE(text.find("only one --inpath"), std::string::npos) << text;
 }
 
-TEST_F(Consoled, warns_of_passwords_in_the_dump_log)
+// What is typed there may be a password.
+TEST_F(Consoled, writes_nothing_of_the_line_console_to_the_dump_log)
 {
-    int code = -1;
-    const std::string text = output_of(CONSOLED_PATH, {"--help"}, "", &code);
-    EXPECT_EQ(code, 0);
-    EXPECT_NE(text.find("passwords included"), std::string::npos) << text;
-    EXPECT_NE(text.find("mode 0700"), std::string::npos) << text;
+    start({"--inpath", path("/inpath")});
+    permit_next();
+    int client = -1;
+    ASSERT_GT(log_in_path(&client), 0);
+    read_until(client, "rl-con 300> ");
+    ASSERT_TRUE(write_all(client, "set PEERNAME hushed\r"));
+    read_until(client, "stored\r\nrl-con 300> ");
+    const std::string log = content(path("/mng/tty/.vc_dump.txt"));
+    EXPECT_NE(log.find("alloc"), std::string::npos);
+    EXPECT_EQ(log.find("hushed"), std::string::npos);
+    close(client);
 }
 
 TEST_F(Consoled, lets_only_its_user_open_the_control_socket)
@@ -419,10 +426,10 @@ TEST_F(Consoled, answers_bad_commands_and_goes_on)
     EXPECT_EQ(ask(client, "frob"), unknown);
     EXPECT_EQ(ask(client, "OPEN 6"), unknown);
     EXPECT_EQ(ask(client, std::string("open\0 6", 7)), unknown);
-    EXPECT_EQ(ask(client, "help me"), unknown);
-    EXPECT_EQ(ask(client, "open"), "error: usage: open PROTO\n");
-    EXPECT_EQ(ask(client, "stop 6 6"), "error: usage: stop PROTO\n");
-    EXPECT_EQ(ask(client, "port 6 1"), "error: usage: port PROTO OLD NEW\n");
+    EXPECT_EQ(ask(client, "help me"), "error: usage: help\n");
+    EXPECT_EQ(ask(client, "open"), "error: usage: open PROTOCOL\n");
+    EXPECT_EQ(ask(client, "stop 6 6"), "error: usage: stop PROTOCOL\n");
+    EXPECT_EQ(ask(client, "port 6 1"), "error: usage: port PROTOCOL OLD NEW\n");
     const std::string no_service = "error: no service of this protocol\n";
     for (const char *protocol :
          {"7", "x", "-6", "6x", "99999999999", "4294967302"}) {
@@ -448,8 +455,8 @@ TEST_F(Consoled, explains_its_commands)
     ASSERT_TRUE(write_all(client, "help\n"));
     const std::string text = read_until(client, "\nok\n");
     for (const char *line :
-         {"open PROTO  ", "stop PROTO  ", "port PROTO OLD NEW  ",
-          "tos PROTO FAMILY VALUE  ", "protocols: 6\n"}) {
+         {"open PROTOCOL  ", "stop PROTOCOL  ", "port PROTOCOL OLD NEW  ",
+          "tos PROTOCOL FAMILY VALUE  ", "kick LINE [REASON...]  "}) {
         EXPECT_NE(text.find(line), std::string::npos) << text;
     }
     close(client);
@@ -557,11 +564,12 @@ TEST_F(Consoled, keeps_signals_out_of_the_control_thread)
     EXPECT_GE(closed, 1);
 }
 
-TEST_F(Consoled, ends_on_sigterm_with_a_control_thread)
+TEST_F(Consoled, ends_on_sigterm_and_removes_its_socket_files)
 {
     start_on_port();
     kill(daemon->pid(), SIGTERM);
     const int status = daemon->wait();
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << status;
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_FALSE(std::filesystem::exists(control_path()));
     daemon.reset();
 }
