@@ -21,10 +21,14 @@ check_console() {
     check "... ttyctl reads it" same "$(ctl get "$console_line" LOGNAME)" alice
     check "... the information file has it" \
         same "$(stored "$console_line" LOGNAME)" alice
-    check "... what was typed is in the dump log" \
-        grep -aq 'set LOGNAME alice' "$store/.vc_dump.txt"
-    check "... where no other user can look" \
+    check "... what was typed is not in the dump log" \
+        absent 'set LOGNAME alice' "$store/.vc_dump.txt"
+    check "... where no other user could look either" \
         same "$(stat -c %a "$dir")" 700
+}
+
+absent() {
+    [ -s "$2" ] && ! grep -aq "$1" "$2"
 }
 
 leave_console() {
@@ -41,9 +45,10 @@ check_table() {
     local console
     console=$(stored "$console_line" TTYDEV)
     check "ttyctl lines: shows the line of a shell" \
-        ctl_shows "^ *$line +- +- +$device +- +- +login\$" lines
+        ctl_shows "^ *$line +$(id -un) +127\\.0\\.0\\.1 +$device +6 +0 +login\$" \
+        lines
     check "ttyctl lines: shows the console's line and its user" \
-        ctl_shows "^ *$console_line +alice +- +$console " lines
+        ctl_shows "^ *$console_line +alice +uid $(id -u) +$console +7 " lines
     check "ttyctl lines --json: has the line of the shell" \
         json_shows "\{\"line\":$line,[^}]*\"device\":\"$device\","
     check "ttyctl lines --json: has the console's line and its user" \
@@ -71,10 +76,14 @@ check_setting() {
         answers "$operator" admin "^$line +yes +9600 "
 }
 
-# The keys of a line outlive its session.
+# Nothing of an identity outlives its session; what somebody stores on a free
+# line does.
 check_reset() {
-    check "a line keeps its user after the session" \
-        same "$(ctl get "$console_line" LOGNAME)" alice
+    check "a line forgets its user after the session" within_20_s \
+        ctl_shows 'has no value for LOGNAME$' get "$console_line" LOGNAME
+    check "ttyctl lines shows it free" \
+        ctl_shows "^ *$console_line +- .* free\$" lines
+    check "ttyctl set: stores a user" ctl set "$console_line" LOGNAME carol
     check "ttyctl reset: succeeds" ctl reset "$console_line"
     check "... the user has gone" ctl_shows 'has no value for LOGNAME$' \
         get "$console_line" LOGNAME
