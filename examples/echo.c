@@ -1,10 +1,10 @@
 /*
- * A login daemon: each connection gets a line, and what it types comes back.
+ * The smallest login daemon: each connection to the path gets a line of its
+ * own, and what is typed there comes back.
  *
  *     echo PATH
  */
 #include <stdio.h>
-#include <string.h>
 
 #include <ttyline/kit.h>
 
@@ -24,14 +24,14 @@ static int echo(const kit_session *session, void *context)
 
 int main(int argc, char **argv)
 {
-    kit_service service = {.size = sizeof service, .protocol = 7};
-    const kit_daemon daemon = {.size = sizeof daemon};
+    static kit_service service = {
+        .size = sizeof service, .protocol = 7, .function = echo};
+    static const kit_daemon daemon = {.size = sizeof daemon};
 
     service.path = argc == 2 ? argv[1] : "";
-    service.function = echo;
     if (kit_offer(&service) == 0) {
         kit_run(&daemon);
     }
-    fprintf(stderr, "%s: %s\n", argv[0], kit_error());
+    fprintf(stderr, "echo: %s\n", kit_error());
     return 1;
 }

@@ -11,6 +11,8 @@
 
 #include "kit/bell.h"
 #include "kit/error.h"
+#include "kit/table.h"
+#include "kit/text.h"
 
 static int g_channel = -1;
 
@@ -73,11 +75,14 @@ int kit_login(const kit_session *session, const char *user, int success)
 {
     const unsigned int line = static_cast<unsigned int>(session->line);
     const uint8_t kind = success != 0 ? CHANNEL_LOGIN : CHANNEL_REFUSED;
+    char name[KIT_USER_SIZE];
 
-    if (!kit_channel_put(g_channel, kind, user, strlen(user), true)) {
+    // What somebody calls himself is one line of a file and of a log.
+    kit_plain(name, sizeof name, user);
+    if (!kit_channel_put(g_channel, kind, name, strlen(name), true)) {
         return kit_fail("the daemon cannot be told: %s", strerror(errno));
     }
-    if (tty_setenv(line, "LOGNAME", user) != 0) {
+    if (tty_setenv(line, "LOGNAME", name) != 0) {
         return kit_fail("the name cannot be stored on line %u", line);
     }
     // Without an administration daemon the line knows it all the same.

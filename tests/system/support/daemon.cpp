@@ -100,8 +100,20 @@ Daemon::Daemon(const std::function<void()> &prepare) : pid_(fork())
     }
 }
 
+int Daemon::end()
+{
+    int status = -1;
+
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return status;
+}
+
 Daemon::~Daemon()
 {
+    if (pid_ < 0) {
+        return;
+    }
     EXPECT_TRUE(alive()) << "the daemon ended by itself";
     kill(pid_, SIGKILL);
     waitpid(pid_, nullptr, 0);

@@ -47,6 +47,9 @@ class Daemon
         return pid_;
     }
     bool alive() const;
+    // Waits for an end that the test has brought about; the status as waitpid()
+    // gives it.
+    int end();
     // Numbers of its open descriptors.
     std::vector<int> descriptors() const;
     // How many of them are masters of pseudo-terminals.
