@@ -16,16 +16,13 @@
 
 #include "vc/list.h"
 #include "vc/message.h"
+#include "vc/protocol.h"
 
 // The device kernel's keep-alive switch.
 constexpr int TCP_KEEPALIVE_SWITCH = 57;
 constexpr int KEEPIDLE_SECONDS = 600;
 constexpr int KEEPINTVL_SECONDS = 10;
 constexpr int KEEPCNT_PROBES = 3;
-
-// A TIPC address has no port; the inetd knows these services by a fixed one.
-constexpr int TIPC_PORT_OF_PROTOCOL3 = 4627;
-constexpr int TIPC_PORT_OF_PROTOCOL8 = 2013;
 
 vc_list g_vc_accept_list = {&g_vc_accept_list, &g_vc_accept_list};
 int32_t g_vc_accept_fd_num = 0;
@@ -164,18 +161,13 @@ static bool take_tipc(const vc_srv *srv, int fd, tty_cmsg *msg)
 
     log_tipc_end("server", &ends.local);
     log_tipc_end("client", &ends.peer);
-    switch (srv->reg.protocol) {
-    case 3:
-        msg->port = TIPC_PORT_OF_PROTOCOL3;
-        return true;
-    case 8:
-        msg->port = TIPC_PORT_OF_PROTOCOL8;
-        return true;
-    default:
+    msg->port = vc_protocol_of(srv->reg.protocol)->tipc_port;
+    if (msg->port == 0) {
         vc_debug_msg("vc: wrong protocol\n");
         close(fd);
         return false;
     }
+    return true;
 }
 
 // Fills what the report says of the connection and tunes its socket. Returns

@@ -11,6 +11,7 @@
 #include <ttyline/tty.h>
 
 #include "common/runtime_dir.h"
+#include "vc/protocol.h"
 #include "vc/spawn.h"
 
 static const char FUNCTION[] = "vc_child_proc";
@@ -93,23 +94,6 @@ static void take_terminal(int master_fd, const char *slave)
     replace_standard_streams(slave_fd);
 }
 
-static int terminal_type(uint32_t protocol)
-{
-    switch (protocol) {
-    case 1:
-    case 2:
-    case 9:
-        return 7;
-    case 7:
-    case 10:
-        return 0;
-    case 8:
-        return 11;
-    default:
-        return 4;
-    }
-}
-
 static void set_number(const char *name, int number)
 {
     char value[16];
@@ -127,7 +111,7 @@ static void set_number(const char *name, int number)
 void vc_child_setenvs(const vc_child *child)
 {
     set_number("TTYNUM", child->ttyno);
-    set_number("TTYTYPE", terminal_type(child->reg.protocol));
+    set_number("TTYTYPE", vc_protocol_of(child->reg.protocol)->terminal_type);
     set_number("PROTOCOL", static_cast<int>(child->reg.protocol));
     set_number("CONN_TYPE", child->reg.socket_type);
 }

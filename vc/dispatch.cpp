@@ -8,21 +8,13 @@
 #include "vc/accept.h"
 #include "vc/listen.h"
 #include "vc/message.h"
+#include "vc/protocol.h"
 #include "vc/service.h"
 #include "vc/session.h"
 #include "vc/spawn.h"
 #include "vc/teardown.h"
 
 static const char FUNCTION[] = "vc_deal_msg";
-
-// The only lines that the inetd may clear.
-constexpr int FIRST_CLEARABLE_LINE = 258;
-constexpr int LAST_CLEARABLE_LINE = 321;
-
-// Services of these two protocols are two faces of one listener: when one
-// cannot be opened, both are closed.
-constexpr uint32_t PAIRED_PROTOCOL_A = 5;
-constexpr uint32_t PAIRED_PROTOCOL_B = 11;
 
 static bool of_protocol(const vc_srv *srv, const tty_cmsg *msg)
 {
@@ -59,7 +51,7 @@ static void reset_services(void)
     VC_FOR_EACH_SERVICE(srv)
     {
         srv->flags &= ~SRV_ANNOUNCED;
-        if (srv->reg.protocol != PROTO_STARTS_CLOSED) {
+        if (!vc_protocol_of(srv->reg.protocol)->starts_closed) {
             srv->flags &= ~SRV_CLOSED;
         }
         vc_srv_close_listener_logged(srv, FUNCTION);
@@ -100,7 +92,7 @@ static int assign_line(int inetd_fd, tty_cmsg *msg)
     vc_wlock();
     vc_accept_take(sockfd, msg->accept_id);
     vc_unlock();
-    if (msg->ttyno < 0 || msg->ttyno >= TTY_LINES) {
+    if (!vc_line_valid(msg->ttyno)) {
         if (sockfd >= 0) {
             close(sockfd);
         }
@@ -122,7 +114,7 @@ static int assign_line(int inetd_fd, tty_cmsg *msg)
 static int clear_client(const tty_cmsg *msg)
 {
     vc_debug_msg("vc: client (ttyno=%d) clear\r\n", msg->ttyno);
-    if (msg->ttyno < FIRST_CLEARABLE_LINE || msg->ttyno > LAST_CLEARABLE_LINE) {
+    if (!vc_line_clearable(msg->ttyno)) {
         return 0;
     }
     vc_child *child = vc_child_at(msg->ttyno);
@@ -217,9 +209,13 @@ static int install_listener(const tty_cmsg *msg, const char *path, int fd)
     return 0;
 }
 
-static bool paired(uint32_t protocol)
+// Whether a listener of the record's protocol that cannot be opened closes
+// this service too.
+static bool fails_with(const vc_srv *srv, const tty_cmsg *msg)
 {
-    return protocol == PAIRED_PROTOCOL_A || protocol == PAIRED_PROTOCOL_B;
+    return of_protocol(srv, msg) ||
+           vc_protocol_of(srv->reg.protocol)->partner ==
+               static_cast<uint32_t>(msg->protocol);
 }
 
 static int report_port_failure(int inetd_fd, tty_cmsg *msg)
@@ -230,9 +226,7 @@ static int report_port_failure(int inetd_fd, tty_cmsg *msg)
     vc_wlock();
     VC_FOR_EACH_SERVICE(srv)
     {
-        if (of_protocol(srv, msg) ||
-            (paired(srv->reg.protocol) &&
-             paired(static_cast<uint32_t>(msg->protocol)))) {
+        if (fails_with(srv, msg)) {
             srv->flags &= ~SRV_ANNOUNCED;
             vc_srv_close_listener(srv);
         }

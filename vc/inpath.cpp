@@ -15,6 +15,7 @@
 #include "common/io.h"
 #include "vc/list.h"
 #include "vc/message.h"
+#include "vc/protocol.h"
 #include "vc/service.h"
 
 constexpr int CHUNK_SIZE = 64;
@@ -33,11 +34,6 @@ struct vc_inpath_session {
 
 vc_list g_vc_inpath_list = {&g_vc_inpath_list, &g_vc_inpath_list};
 
-static bool line_valid(int ttyno)
-{
-    return ttyno >= 0 && ttyno < TTY_LINES;
-}
-
 // The link is the record's first member.
 static vc_inpath_session *find_session(int ttyno)
 {
@@ -53,12 +49,12 @@ static vc_inpath_session *find_session(int ttyno)
 
 int vc_inpath_init_func(int ttyno)
 {
-    return line_valid(ttyno) ? 0 : -1;
+    return vc_line_valid(ttyno) ? 0 : -1;
 }
 
 int vc_inpath_alloc_func(int ttyno, int inetd_fd, int sockfd, int master_fd)
 {
-    if (!line_valid(ttyno) || inetd_fd < 0 || sockfd < 0 || master_fd < 0) {
+    if (!vc_line_valid(ttyno) || inetd_fd < 0 || sockfd < 0 || master_fd < 0) {
         return -1;
     }
     auto *session =
@@ -129,7 +125,7 @@ int vc_inpath_transfer_msg(int from, int to)
 static bool enter(int ttyno, const char *function)
 {
     vc_debug_msg("vc: TTY[%d] %s.\n", ttyno, function);
-    if (line_valid(ttyno)) {
+    if (vc_line_valid(ttyno)) {
         return true;
     }
     vc_debug_msg("vc: TTY[%d] %s failed.\n", ttyno, function);
@@ -244,7 +240,7 @@ static void run_console(int ttyno, const char *ttydev)
 
 int vc_inpath_shell_func(int ttyno, const char *ttydev)
 {
-    if (!line_valid(ttyno)) {
+    if (!vc_line_valid(ttyno)) {
         vc_debug_msg("vc: invalid ttyno(%d)\n", ttyno);
         exit(0);
     }
@@ -260,7 +256,7 @@ static vc_reg describe_service(const char *path)
 
     reg.socket_type = AF_UNIX;
     reg.listen_path = path;
-    reg.protocol = PROTO_INPATH;
+    reg.protocol = VC_PROTOCOL_INPATH;
     reg.init_func = vc_inpath_init_func;
     reg.read_func = vc_inpath_read_func;
     reg.write_func = vc_inpath_write_func;

@@ -192,8 +192,8 @@ int vc_service_update_port(int protocol, int old_port, int new_port)
     vc_srv *srv;
     int result = 0;
 
-    if (protocol > static_cast<int>(PROTO_MAX) || old_port < 0 ||
-        new_port < 0 || !g_vc_inited) {
+    if (protocol > VC_PROTOCOL_MAX || old_port < 0 || new_port < 0 ||
+        !g_vc_inited) {
         vc_debug_msg(
             "vc: param error, proto(%d),old_port(%d),new_port(%d),fd(%d)\n",
             protocol, old_port, new_port, vc_tty_socket_get());

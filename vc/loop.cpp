@@ -11,6 +11,7 @@
 #include "vc/inetd.h"
 #include "vc/listen.h"
 #include "vc/message.h"
+#include "vc/protocol.h"
 #include "vc/read_set.h"
 #include "vc/relay.h"
 #include "vc/service.h"
@@ -83,13 +84,6 @@ static bool ensure_connected(loop_state *loop)
     return true;
 }
 
-// The session programs of these protocols use their connection themselves.
-static bool relayed(uint32_t protocol)
-{
-    return protocol != 3 && protocol != 4 && protocol != 5 && protocol != 8 &&
-           protocol != 11;
-}
-
 // A number that is not open, as an assignment that comes too late may name
 // one, would make every wait fail at once and so stop all other sessions.
 static void watch(loop_state *loop, int fd)
@@ -116,7 +110,7 @@ static void watch_sessions(loop_state *loop)
             continue;
         }
         child->watched = child->sockfd >= 0 && child->master_fd >= 0 &&
-                         relayed(child->reg.protocol);
+                         vc_protocol_of(child->reg.protocol)->relayed;
         if (child->watched) {
             watch(loop, child->sockfd);
             watch(loop, child->master_fd);

@@ -7,11 +7,9 @@
 
 #include <ttyline/vc.h>
 
+#include "vc/protocol.h"
 #include "vc/session.h"
 
-// Line 258 is vty0.
-constexpr int FIRST_VTY = 258;
-constexpr int FAMILY_TIPC = 30;
 constexpr size_t IPV4_TEXT_SIZE = 16;
 constexpr size_t IPV6_TEXT_SIZE = 46;
 
@@ -53,7 +51,7 @@ static const char *address_text(int sockfd, char (&text)[IPV6_TEXT_SIZE])
             AF_INET6,
             &reinterpret_cast<struct sockaddr_in6 *>(&address)->sin6_addr, text,
             IPV6_TEXT_SIZE);
-    case FAMILY_TIPC:
+    case AF_TIPC:
         return "";
     default:
         return nullptr;
@@ -79,7 +77,7 @@ char *vc_service_peer(int ttyno, char *buf, int size)
     char text[IPV6_TEXT_SIZE];
     char vty[16];
 
-    if (ttyno < 0 || ttyno >= TTY_LINES || buf == nullptr) {
+    if (!vc_line_valid(ttyno) || buf == nullptr) {
         return nullptr;
     }
     const vc_child *child = vc_child_at(ttyno);
@@ -87,25 +85,21 @@ char *vc_service_peer(int ttyno, char *buf, int size)
         return nullptr;
     }
     const char *address = address_text(child->sockfd, text);
-    switch (child->reg.protocol) {
-    case 1:
-    case 2:
+    switch (vc_protocol_of(child->reg.protocol)->label) {
+    case LABEL_WEB:
         put_label(buf, size, "web", address);
-        return buf;
-    case 3:
-    case 4:
-    case 5:
-        (void)snprintf(vty, sizeof vty, "vty%d", ttyno - FIRST_VTY);
+        break;
+    case LABEL_VTY:
+        (void)snprintf(vty, sizeof vty, "vty%d", vc_line_vty_number(ttyno));
         put_label(buf, size, vty, address);
-        return buf;
-    case 7:
-    case 9:
-    case 10:
+        break;
+    case LABEL_INS:
         put_label(buf, size, "ins", address);
-        return buf;
-    case 8:
+        break;
+    case LABEL_NULL:
         return nullptr;
-    default:
-        return buf;
+    case LABEL_KEPT:
+        break;
     }
+    return buf;
 }

@@ -12,11 +12,6 @@ constexpr uint32_t SRV_ANNOUNCED = 0x1; // the inetd has been asked
 constexpr uint32_t SRV_CLOSED = 0x2;    // not announced, permits refused
 constexpr uint32_t SRV_STOPPED = 0x4;   // permits ignored silently
 
-// Protocols that are treated apart from the rest.
-constexpr uint32_t PROTO_INPATH = 10;
-constexpr uint32_t PROTO_STARTS_CLOSED = 11;
-constexpr uint32_t PROTO_MAX = 11;
-
 // One service. Everything in it is guarded by the lock.
 struct vc_srv {
     vc_list link;
@@ -45,9 +40,6 @@ void vc_lock_init(void);
 void vc_rlock(void);
 void vc_wlock(void);
 int vc_unlock(void);
-
-// What the first registration does before it looks at its record.
-int vc_init(int protocol);
 
 // Closes a service's listener if it has one, without telling the peers that
 // wait in its queue. Failures of close() are ignored.

@@ -13,7 +13,6 @@
 #include <string.h>
 #include <sys/wait.h>
 
-#include "vc/service.h"
 #include "vc/session.h"
 #include "vc/teardown.h"
 
@@ -26,9 +25,9 @@ static void set_disposition(int signo, void (*handler)(int))
     sigaction(signo, &action, nullptr);
 }
 
-void vc_init_sigchld(int protocol)
+void vc_init_sigchld(bool reap_children)
 {
-    if (protocol != static_cast<int>(PROTO_INPATH)) {
+    if (reap_children) {
         set_disposition(SIGCHLD, vc_handle_sigchld);
     }
     set_disposition(SIGHUP, vc_handle_sighup);

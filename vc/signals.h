@@ -1,9 +1,9 @@
 // Signals of the session service.
 #pragma once
 
-// Installs the dispositions. protocol is that of the first registration: an
-// in-path program reaps its own children, so 10 leaves SIGCHLD as it is.
-void vc_init_sigchld(int protocol);
+// Installs the dispositions; that of SIGCHLD only if the children are to be
+// reaped here, as a program may reap its own.
+void vc_init_sigchld(bool reap_children);
 
 // Reaps every child that has ended and marks its session. Any thread.
 void vc_handle_sigchld(int signo);

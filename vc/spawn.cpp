@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "vc/message.h"
+#include "vc/protocol.h"
 #include "vc/service.h"
 #include "vc/teardown.h"
 
@@ -33,24 +34,6 @@ struct release_pair {
     int child_end;
     int parent_end;
 };
-
-struct line_range {
-    int first;
-    int last;
-};
-
-static const line_range session_lines[] = {
-    {258, 321}, {322, 1148}, {1421, 1457}, {1458, 1585}};
-
-static bool carries_sessions(int ttyno)
-{
-    for (const line_range &range : session_lines) {
-        if (ttyno >= range.first && ttyno <= range.last) {
-            return true;
-        }
-    }
-    return false;
-}
 
 // Opens the pseudo-terminal and puts a record for it into the line's slot.
 static vc_child *make_session(int ttyno, int sockfd, int inetd_fd, char *slave)
@@ -257,7 +240,7 @@ vc_child *vc_child_alloc(int ttyno, int *sockfd, int port, const char *path,
 {
     char slave[SLAVE_NAME_SIZE];
 
-    if (!carries_sessions(ttyno)) {
+    if (!vc_line_carries_sessions(ttyno)) {
         vc_debug_msg("vc: pty numbers %d up to MAX\n", ttyno);
         return nullptr;
     }

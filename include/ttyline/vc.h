@@ -57,19 +57,63 @@ typedef struct vc_list {
 } vc_list;
 
 /*
+ * Protocols: what kind of service it is. The number decides what its address
+ * must be, who moves the data of its sessions, and what their programs and
+ * their users are told; vc(7) has the table. No protocol is spoken by the
+ * library: a name says what its sessions count as, and what clients send is
+ * the daemon's or the session program's to understand.
+ */
+#define VC_PROTOCOL_ANY 0       /* any address, relayed */
+#define VC_PROTOCOL_WEB 1       /* IPv4 or IPv6, relayed: a web terminal */
+#define VC_PROTOCOL_WEB_ALT 2   /* another one */
+#define VC_PROTOCOL_TIPC 3      /* TIPC, not relayed: a virtual terminal */
+#define VC_PROTOCOL_TELNET 4    /* IPv4 or IPv6, not relayed */
+#define VC_PROTOCOL_SSH 5       /* IPv4 or IPv6, not relayed */
+#define VC_PROTOCOL_TCP 6       /* IPv4 or IPv6, relayed */
+#define VC_PROTOCOL_LOCAL 7     /* unix path, relayed */
+#define VC_PROTOCOL_TIPC_ALT 8  /* TIPC, not relayed: without a label */
+#define VC_PROTOCOL_LOCAL_WEB 9 /* unix path, relayed: a web terminal */
+#define VC_PROTOCOL_INPATH 10   /* unix path, relayed: see vc_inpath_reg() */
+#define VC_PROTOCOL_SSH_ALT 11  /* IPv4 or IPv6, not relayed, starts closed */
+#define VC_PROTOCOL_MAX 11      /* the last one */
+
+/*
+ * Lines: sessions run on those of two ranges only. The first lines of the low
+ * range are the virtual terminals, vty0 and so on: they alone are cleared when
+ * the inetd asks for it.
+ */
+#define VC_LINE_VTY_FIRST 258
+#define VC_LINE_VTY_LAST 321
+#define VC_LINE_LOW_FIRST 258
+#define VC_LINE_LOW_LAST 1148
+#define VC_LINE_HIGH_FIRST 1421
+#define VC_LINE_HIGH_LAST 1585
+
+/*
  * What the daemon knows about one service. The record is copied by
  * vc_service_reg(), the path too: the caller may free both afterwards.
  *
  * All callbacks run on the thread of vc_service_start(), except shell_func
- * (in the forked child) and exit_func (in a signal handler). They must not
- * call the registration or listener functions: acl_func and tos_func are
- * called with the service's lock held.
+ * (in the forked child) and exit_func (in a signal handler). Of the functions
+ * below they may call:
+ *
+ *     acl_func, tos_func      vc_service_peer() and vc_debug_msg() only: the
+ *                             service's lock is held
+ *     shell_func              the same two: another thread of the daemon may
+ *                             have held the lock during the fork
+ *     exit_func               vc_debug_msg() only
+ *     alloc_func, init_func,  all but vc_service_start() and
+ *     kill_func               vc_msg_del_listen()
+ *     read_func, write_func   all but vc_service_start(); a session must not
+ *                             be ended by its own callback in another way than
+ *                             by its result, as vc_msg_del_listen() would for
+ *                             the port or path that it came in through
  */
 typedef struct vc_reg {
     int32_t socket_type;     /* 1 unix, 2 IPv4, 10 IPv6, 30 TIPC */
     int32_t listen_port;     /* host order; 0 for a unix path */
     const char *listen_path; /* unix path, at most 63 characters, or null */
-    uint32_t protocol;       /* 0 to 11, see vc_service_reg() */
+    uint32_t protocol;       /* VC_PROTOCOL_... */
     uint8_t addrtype;        /* TIPC address type */
     uint8_t scope;           /* TIPC scope */
     uint32_t nameseq_type;   /* TIPC name sequence */
@@ -186,14 +230,10 @@ extern vc_list g_vc_inpath_list;
  * the first call of the process initialises the session service and must not
  * run beside another call of this library.
  *
- * The protocol decides what the address must be and who moves the data:
- *
- *     0             any family
- *     1, 2, 6       IPv4 or IPv6, relayed through read_func and write_func
- *     4, 5, 11      IPv4 or IPv6, the session program uses the connection
- *                   itself; 11 starts closed, see vc_deal_service_listen()
- *     3, 8          TIPC, not relayed
- *     7, 9, 10      unix path (port 0), relayed
+ * The protocol decides what the address must be (a unix path goes with port 0)
+ * and who moves the data: of a relayed session the loop, through read_func and
+ * write_func, of another the session program, which uses the connection
+ * itself. Protocol 11 starts closed, see vc_deal_service_listen().
  *
  * Returns -1 for a bad protocol, a missing required callback, a family that
  * does not fit, an endpoint that is registered already (same port and family,
@@ -236,7 +276,8 @@ int vc_msg_stop_listen(const tty_cmsg *msg);
  * Closes the listeners of msg->protocol on msg->port or msg->path and ends
  * the sessions that came in there, when msg->pid is the caller's process id.
  * A port of 0 matches every unix path of the protocol. The services are
- * announced again. The loop's thread only, as it walks the sessions.
+ * announced again. The loop's thread only, as it walks the sessions: that is,
+ * from read_func and write_func, and for other sessions than their own.
  */
 void vc_msg_del_listen(const tty_cmsg *msg);
 

@@ -192,7 +192,7 @@ static void start_afresh()
     for (size_t i = 0; i < SERVICES; i++) {
         services[i]->listen_fd = -1;
         services[i]->reg.listen_port = endpoints[i].port;
-        services[i]->flags = endpoints[i].protocol == PROTO_STARTS_CLOSED
+        services[i]->flags = endpoints[i].protocol == VC_PROTOCOL_SSH_ALT
                                  ? SRV_CLOSED
                                  : SRV_ANNOUNCED;
     }
@@ -339,7 +339,7 @@ static void expect_reset(outcome *expected)
     }
     for (size_t i = 0; i < SERVICES; i++) {
         service_state &service = expected->state.services[i];
-        const bool keeps = endpoints[i].protocol == PROTO_STARTS_CLOSED;
+        const bool keeps = endpoints[i].protocol == VC_PROTOCOL_SSH_ALT;
         service.flags &= ~(SRV_ANNOUNCED | (keeps ? 0U : SRV_CLOSED));
         service.fd = -1;
     }

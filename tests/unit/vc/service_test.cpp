@@ -14,6 +14,7 @@
 #include "tests/support/wait.h"
 #include "tests/unit/vc/vc_fixture.h"
 #include "vc/list.h"
+#include "vc/registration.h"
 #include "vc/session.h"
 
 using ServiceTest = VcTest;

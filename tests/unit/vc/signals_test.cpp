@@ -66,7 +66,7 @@ class SignalsTest : public VcTest
 
 TEST_F(SignalsTest, dispositions_are_installed)
 {
-    vc_init_sigchld(6);
+    vc_init_sigchld(true);
     EXPECT_EQ(disposition(SIGCHLD).sa_handler, vc_handle_sigchld);
     EXPECT_EQ(disposition(SIGHUP).sa_handler, vc_handle_sighup);
     EXPECT_EQ(disposition(SIGQUIT).sa_handler, SIG_IGN);
@@ -76,7 +76,7 @@ TEST_F(SignalsTest, dispositions_are_installed)
 
 TEST_F(SignalsTest, handlers_neither_restart_calls_nor_reset_themselves)
 {
-    vc_init_sigchld(6);
+    vc_init_sigchld(true);
     for (const int signo : {SIGCHLD, SIGHUP}) {
         EXPECT_EQ(disposition(signo).sa_flags & SA_RESTART, 0);
         EXPECT_EQ(disposition(signo).sa_flags & static_cast<int>(SA_RESETHAND),
@@ -115,7 +115,7 @@ TEST_F(SignalsTest, a_refused_first_registration_decides_the_handlers)
 
 TEST_F(SignalsTest, handlers_install_themselves_again)
 {
-    vc_init_sigchld(6);
+    vc_init_sigchld(true);
     signal(SIGHUP, SIG_DFL);
     signal(SIGCHLD, SIG_DFL);
     vc_handle_sighup(SIGHUP);
@@ -126,7 +126,7 @@ TEST_F(SignalsTest, handlers_install_themselves_again)
 
 TEST_F(SignalsTest, many_hangups_do_not_end_the_process)
 {
-    vc_init_sigchld(6);
+    vc_init_sigchld(true);
     for (int i = 0; i < 5000; i++) {
         raise(SIGHUP);
     }
