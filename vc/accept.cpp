@@ -8,14 +8,13 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "vc/list.h"
 #include "vc/message.h"
+#include "vc/pending.h"
 #include "vc/protocol.h"
 
 // The device kernel's keep-alive switch.
@@ -23,9 +22,6 @@ constexpr int TCP_KEEPALIVE_SWITCH = 57;
 constexpr int KEEPIDLE_SECONDS = 600;
 constexpr int KEEPINTVL_SECONDS = 10;
 constexpr int KEEPCNT_PROBES = 3;
-
-vc_list g_vc_accept_list = {&g_vc_accept_list, &g_vc_accept_list};
-int32_t g_vc_accept_fd_num = 0;
 
 // Both ends of a connection; zero when the kernel would not tell.
 template <typename address>
@@ -63,8 +59,10 @@ static bool admitted(const vc_reg *reg, int fd, const void *local,
 }
 
 // The value is set on the listener, from which later connections take it.
-static void renew_tos(const vc_srv *srv, int level, int option)
+static void renew_tos(const vc_srv *srv)
 {
+    const bool ipv4 = srv->reg.socket_type == AF_INET;
+
     if (srv->reg.tos_func == nullptr) {
         return;
     }
@@ -72,7 +70,8 @@ static void renew_tos(const vc_srv *srv, int level, int option)
     if (tos < 0) {
         tos = 0;
     }
-    if (setsockopt(srv->listen_fd, level, option, &tos, sizeof tos) != 0) {
+    if (setsockopt(srv->listen_fd, ipv4 ? IPPROTO_IP : IPPROTO_IPV6,
+                   ipv4 ? IP_TOS : IPV6_TCLASS, &tos, sizeof tos) != 0) {
         vc_debug_msg("%s set tos fail, err:%s.\r\n", "vc_accept",
                      strerror(errno));
     }
@@ -94,52 +93,60 @@ static void set_keepalive(int fd)
     set_tcp_option(fd, TCP_KEEPCNT, KEEPCNT_PROBES, "keepcnt");
 }
 
-static bool take_inet(const vc_srv *srv, int fd, tty_cmsg *msg)
-{
-    char local[INET_ADDRSTRLEN + 1] = {};
-    char peer[INET_ADDRSTRLEN + 1] = {};
-    endpoints<struct sockaddr_in> ends = endpoints_of<struct sockaddr_in>(fd);
+// One end of a connection, whatever the two IP families call its parts.
+struct ip_end {
+    in_port_t *port;
+    const void *address;
+    socklen_t size;
+};
 
-    ends.local.sin_port = ntohs(ends.local.sin_port);
-    ends.peer.sin_port = ntohs(ends.peer.sin_port);
-    if (!admitted(&srv->reg, fd, &ends.local, &ends.peer)) {
-        return false;
-    }
-    renew_tos(srv, IPPROTO_IP, IP_TOS);
-    inet_ntop(AF_INET, &ends.local.sin_addr, local, sizeof local);
-    inet_ntop(AF_INET, &ends.peer.sin_addr, peer, sizeof peer);
-    vc_debug_msg("vc: accept a socket [%s:%d => %s:%d], proto=%d\r\n", peer,
-                 ends.peer.sin_port, local, ends.local.sin_port,
-                 static_cast<int>(srv->reg.protocol));
-    msg->port = ends.local.sin_port;
-    msg->peer_port = ends.peer.sin_port;
-    memcpy(msg->local_addr, &ends.local.sin_addr, sizeof ends.local.sin_addr);
-    memcpy(msg->peer_addr, &ends.peer.sin_addr, sizeof ends.peer.sin_addr);
-    set_keepalive(fd);
-    return true;
+static ip_end end_of(struct sockaddr_in *end)
+{
+    return {&end->sin_port, &end->sin_addr, sizeof end->sin_addr};
 }
 
-static bool take_inet6(const vc_srv *srv, int fd, tty_cmsg *msg)
+static ip_end end_of(struct sockaddr_in6 *end)
 {
-    char local[INET6_ADDRSTRLEN + 1] = {};
-    char peer[INET6_ADDRSTRLEN + 1] = {};
-    endpoints<struct sockaddr_in6> ends = endpoints_of<struct sockaddr_in6>(fd);
+    return {&end->sin6_port, &end->sin6_addr, sizeof end->sin6_addr};
+}
 
-    ends.local.sin6_port = ntohs(ends.local.sin6_port);
-    ends.peer.sin6_port = ntohs(ends.peer.sin6_port);
+static void log_connection(const vc_reg *reg, const ip_end *local,
+                           const ip_end *peer)
+{
+    const int protocol = static_cast<int>(reg->protocol);
+    char to[INET6_ADDRSTRLEN] = {};
+    char from[INET6_ADDRSTRLEN] = {};
+
+    inet_ntop(reg->socket_type, local->address, to, sizeof to);
+    inet_ntop(reg->socket_type, peer->address, from, sizeof from);
+    if (reg->socket_type == AF_INET) {
+        vc_debug_msg("vc: accept a socket [%s:%d => %s:%d], proto=%d\r\n", from,
+                     *peer->port, to, *local->port, protocol);
+    } else {
+        vc_debug_msg("vc: acceptv6 a socket [%s:%d => %s:%d], proto=%d\r\n",
+                     from, *peer->port, to, *local->port, protocol);
+    }
+}
+
+// The access check gets the addresses with their ports already in host order.
+template <typename address>
+static bool take_ip(const vc_srv *srv, int fd, tty_cmsg *msg)
+{
+    endpoints<address> ends = endpoints_of<address>(fd);
+    const ip_end local = end_of(&ends.local);
+    const ip_end peer = end_of(&ends.peer);
+
+    *local.port = ntohs(*local.port);
+    *peer.port = ntohs(*peer.port);
     if (!admitted(&srv->reg, fd, &ends.local, &ends.peer)) {
         return false;
     }
-    renew_tos(srv, IPPROTO_IPV6, IPV6_TCLASS);
-    inet_ntop(AF_INET6, &ends.local.sin6_addr, local, sizeof local);
-    inet_ntop(AF_INET6, &ends.peer.sin6_addr, peer, sizeof peer);
-    vc_debug_msg("vc: acceptv6 a socket [%s:%d => %s:%d], proto=%d\r\n", peer,
-                 ends.peer.sin6_port, local, ends.local.sin6_port,
-                 static_cast<int>(srv->reg.protocol));
-    msg->port = ends.local.sin6_port;
-    msg->peer_port = ends.peer.sin6_port;
-    memcpy(msg->local_addr, &ends.local.sin6_addr, sizeof ends.local.sin6_addr);
-    memcpy(msg->peer_addr, &ends.peer.sin6_addr, sizeof ends.peer.sin6_addr);
+    renew_tos(srv);
+    log_connection(&srv->reg, &local, &peer);
+    msg->port = *local.port;
+    msg->peer_port = *peer.port;
+    memcpy(msg->local_addr, local.address, local.size);
+    memcpy(msg->peer_addr, peer.address, peer.size);
     set_keepalive(fd);
     return true;
 }
@@ -176,9 +183,9 @@ static bool take_by_family(const vc_srv *srv, int fd, tty_cmsg *msg)
 {
     switch (srv->reg.socket_type) {
     case AF_INET:
-        return take_inet(srv, fd, msg);
+        return take_ip<struct sockaddr_in>(srv, fd, msg);
     case AF_INET6:
-        return take_inet6(srv, fd, msg);
+        return take_ip<struct sockaddr_in6>(srv, fd, msg);
     case AF_TIPC:
         return take_tipc(srv, fd, msg);
     default:
@@ -186,62 +193,11 @@ static bool take_by_family(const vc_srv *srv, int fd, tty_cmsg *msg)
     }
 }
 
-static vc_accept_entry *add_entry(int fd)
-{
-    vc_accept_entry *entry =
-        static_cast<vc_accept_entry *>(malloc(sizeof *entry));
-
-    if (entry == nullptr) {
-        vc_debug_msg("vc: malloc accpet_fd fail at %s, line:%d\n", "vc_accept",
-                     __LINE__);
-        return nullptr;
-    }
-    entry->fd = fd;
-    entry->accept_id = ++g_vc_accept_fd_num;
-    list_add_tail(&entry->link, &g_vc_accept_list);
-    vc_debug_msg("vc: vc_accept, fd=%d, num=%d, line=%d\n", fd,
-                 entry->accept_id, __LINE__);
-    return entry;
-}
-
-void vc_accept_drop(vc_accept_entry *entry)
-{
-    list_del_init(&entry->link);
-    g_vc_accept_fd_num--;
-    free(entry);
-}
-
-void vc_accept_take(int fd, int accept_id)
-{
-    for (vc_list *link = g_vc_accept_list.next; link != &g_vc_accept_list;
-         link = link->next) {
-        vc_accept_entry *entry = reinterpret_cast<vc_accept_entry *>(link);
-        if (entry->fd == fd && entry->accept_id == accept_id) {
-            vc_accept_drop(entry);
-            return;
-        }
-    }
-}
-
-void vc_accept_drop_all(void)
-{
-    while (g_vc_accept_list.next != &g_vc_accept_list) {
-        vc_accept_entry *entry =
-            reinterpret_cast<vc_accept_entry *>(g_vc_accept_list.next);
-        if (entry->fd > 0) {
-            close(entry->fd);
-        }
-        vc_debug_msg("(vc:%d):%s close all socket fd, err %s.\r\n", getpid(),
-                     "vc_deal_msg", strerror(errno));
-        vc_accept_drop(entry);
-    }
-}
-
 // Reports the connection. A report that cannot be sent undoes the entry and
 // closes the socket, so that the inetd and the service agree on what exists.
 static int report(int inetd_fd, int fd, tty_cmsg *msg)
 {
-    vc_accept_entry *entry = add_entry(fd);
+    vc_accept_entry *entry = vc_pending_add(fd);
     if (entry == nullptr) {
         // The socket stays open here.
         return -1;
@@ -250,14 +206,14 @@ static int report(int inetd_fd, int fd, tty_cmsg *msg)
     if (vc_msg_send(inetd_fd, msg) < 0) {
         vc_debug_msg("vc: send daemon fail, socket dup rollback\n");
         close(fd);
-        vc_accept_drop(entry);
+        vc_pending_drop(entry);
         return -1;
     }
     return 0;
 }
 
 // The listener's bit in the read set may be stale: another thread closed a
-// listener and a permit of the same iteration opened a new one under its
+// listener and a permit of the same turn opened a new one under its
 // number, or the client has gone. A blocking accept would then stop the loop
 // with the lock held.
 static bool connection_waits(int listen_fd)

@@ -1,4 +1,7 @@
 // In the forked child: the terminal, the environment, the session program.
+// Whatever fails ends the child alone: the daemon notices by its SIGCHLD.
+#include "vc/child.h"
+
 #include <errno.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -12,7 +15,7 @@
 
 #include "common/runtime_dir.h"
 #include "vc/protocol.h"
-#include "vc/spawn.h"
+#include "vc/pty.h"
 
 static const char FUNCTION[] = "vc_child_proc";
 static const char MONITOR_DIRECTORY[] = "/mng/tty/monitor";

@@ -5,9 +5,9 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "vc/accept.h"
 #include "vc/listen.h"
 #include "vc/message.h"
+#include "vc/pending.h"
 #include "vc/protocol.h"
 #include "vc/service.h"
 #include "vc/session.h"
@@ -64,7 +64,7 @@ static int reset_all(void)
 {
     kill_all_sessions();
     reset_services();
-    vc_accept_drop_all();
+    vc_pending_drop_all();
     vc_debug_msg("(vc:%d):%s before return err, err %s.\r\n", getpid(),
                  FUNCTION, strerror(errno));
     return -1;
@@ -89,8 +89,11 @@ static int assign_line(int inetd_fd, tty_cmsg *msg)
     vc_debug_msg("vc: recv from inetd, ttyno=%d,sockfd=%d,socktype=%d,port=%d,"
                  "mypid=%d\r\n",
                  msg->ttyno, sockfd, msg->socktype, msg->port, getpid());
+    // The list is this thread's and needs no lock. Taken all the same, so that
+    // the connection changes hands after a change to the listeners that
+    // another thread is in the middle of, and not during it.
     vc_wlock();
-    vc_accept_take(sockfd, msg->accept_id);
+    vc_pending_take(sockfd, msg->accept_id);
     vc_unlock();
     if (!vc_line_valid(msg->ttyno)) {
         if (sockfd >= 0) {
@@ -111,7 +114,7 @@ static int assign_line(int inetd_fd, tty_cmsg *msg)
     return 0;
 }
 
-static int clear_client(const tty_cmsg *msg)
+static int clear_client(int, tty_cmsg *msg)
 {
     vc_debug_msg("vc: client (ttyno=%d) clear\r\n", msg->ttyno);
     if (!vc_line_clearable(msg->ttyno)) {
@@ -138,7 +141,8 @@ static bool refused_after_change(const tty_cmsg *msg)
     {
         if (of_protocol(srv, msg) && srv->reg.listen_port == msg->port &&
             (srv->flags & SRV_CLOSED) != 0) {
-            // Protocol and port stand in each other's place, as ever.
+            // The number behind "port" is the protocol and the one behind
+            // "protocol" the port: who reads the log expects them so.
             vc_debug_msg("vc: port (%d) protocol (%d), flags (0x%x) server "
                          "close.\r\n",
                          static_cast<int>(srv->reg.protocol),
@@ -275,33 +279,41 @@ static int permit_path(int inetd_fd, tty_cmsg *msg)
                    : report_path_failure(inetd_fd, msg, path.text);
 }
 
-static int delete_listener(const tty_cmsg *msg)
+static int delete_listener(int, tty_cmsg *msg)
 {
     vc_debug_msg("vc: del port/path (tc_flag: %x)\r\n", msg->vc_flag);
     vc_msg_del_listen(msg);
     return reset_all();
 }
 
-// The first bit found decides, in this order, whatever else is set.
+static int stop_listeners(int, tty_cmsg *msg)
+{
+    vc_msg_stop_listen(msg);
+    return 0;
+}
+
+// What is done with one kind of record. Returns what vc_deal_msg() returns.
+struct record_kind {
+    uint32_t bits;
+    int (*handle)(int inetd_fd, tty_cmsg *msg);
+};
+
+// The first row of which the record has a bit decides, whatever else is set.
+static const record_kind kinds[] = {
+    {VC_FLAG_CLIENT_ALLOC, assign_line},
+    {VC_FLAG_CLIENT_CLEAR, clear_client},
+    {VC_FLAG_PORT_PERMIT, permit_port},
+    {VC_FLAG_PATH_PERMIT, permit_path},
+    {VC_FLAG_PORT_FAIL | VC_FLAG_PATH_FAIL, delete_listener},
+    {VC_FLAG_STOP_LISTEN, stop_listeners},
+};
+
 static int act_on(int inetd_fd, tty_cmsg *msg)
 {
-    if ((msg->vc_flag & VC_FLAG_CLIENT_ALLOC) != 0) {
-        return assign_line(inetd_fd, msg);
-    }
-    if ((msg->vc_flag & VC_FLAG_CLIENT_CLEAR) != 0) {
-        return clear_client(msg);
-    }
-    if ((msg->vc_flag & VC_FLAG_PORT_PERMIT) != 0) {
-        return permit_port(inetd_fd, msg);
-    }
-    if ((msg->vc_flag & VC_FLAG_PATH_PERMIT) != 0) {
-        return permit_path(inetd_fd, msg);
-    }
-    if ((msg->vc_flag & (VC_FLAG_PORT_FAIL | VC_FLAG_PATH_FAIL)) != 0) {
-        return delete_listener(msg);
-    }
-    if ((msg->vc_flag & VC_FLAG_STOP_LISTEN) != 0) {
-        vc_msg_stop_listen(msg);
+    for (const record_kind &kind : kinds) {
+        if ((msg->vc_flag & kind.bits) != 0) {
+            return kind.handle(inetd_fd, msg);
+        }
     }
     return 0;
 }

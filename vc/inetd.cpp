@@ -9,8 +9,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <ttyline/vc.h>
+
+#include "common/io.h"
 #include "common/runtime_dir.h"
-#include "vc/message.h"
 
 constexpr int SEND_BUFFER_SIZE = 4096;
 

@@ -14,9 +14,7 @@
 
 #include "common/io.h"
 #include "vc/list.h"
-#include "vc/message.h"
 #include "vc/protocol.h"
-#include "vc/service.h"
 
 constexpr int CHUNK_SIZE = 64;
 constexpr int PEER_SIZE = 64;
@@ -247,6 +245,8 @@ int vc_inpath_shell_func(int ttyno, const char *ttydev)
     vc_inpath_clean_resource(ttyno);
     run_console(ttyno, ttydev);
     vc_debug_msg("vc:tel_shell_func over\n");
+    // Not a return, after which the child would end with 1, the status of a
+    // service whose program has failed.
     exit(0);
 }
 

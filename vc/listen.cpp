@@ -88,7 +88,10 @@ static void fill_request(tty_cmsg *msg, const vc_reg *reg)
     msg->protocol = static_cast<int32_t>(reg->protocol);
 }
 
-// The inetd forgets every service of a connection that it loses.
+// The inetd forgets every service of a connection that it loses. Like the
+// announcement, this changes services under the read lock: other threads change
+// and look at them under the write lock only, and whoever else takes the read
+// lock does so on the loop's thread, which is busy here.
 static void forget_announcements(void)
 {
     vc_srv *srv;

@@ -6,18 +6,16 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "common/io.h"
 #include "vc/accept.h"
 #include "vc/dispatch.h"
 #include "vc/inetd.h"
 #include "vc/listen.h"
-#include "vc/message.h"
-#include "vc/protocol.h"
+#include "vc/pending.h"
 #include "vc/read_set.h"
 #include "vc/relay.h"
 #include "vc/service.h"
-#include "vc/session.h"
 #include "vc/signals.h"
-#include "vc/teardown.h"
 
 constexpr useconds_t RETRY_PAUSE_US = 100000;
 constexpr long IDLE_WAIT_S = 60;
@@ -34,7 +32,7 @@ struct loop_state {
 // would have come this way.
 static void abandon_connection(loop_state *loop)
 {
-    vc_accept_drop_all();
+    vc_pending_drop_all();
     close(loop->inetd_fd);
     loop->old_inetd_fd = loop->inetd_fd;
     loop->inetd_fd = -1;
@@ -57,7 +55,7 @@ static int take_old_number(int fd, int old_fd)
     return taken ? moved : fd;
 }
 
-// Returns false when the next iteration has to try again.
+// Returns false when the next turn has to try again.
 static bool ensure_connected(loop_state *loop)
 {
     if (loop->inetd_fd >= 0) {
@@ -84,40 +82,6 @@ static bool ensure_connected(loop_state *loop)
     return true;
 }
 
-// A number that is not open, as an assignment that comes too late may name
-// one, would make every wait fail at once and so stop all other sessions.
-static void watch(loop_state *loop, int fd)
-{
-    const int saved_errno = errno;
-
-    errno = 0;
-    vc_set_bk(fd, true);
-    if (errno != EBADF) {
-        read_set_add(&loop->set, fd);
-    }
-    // A time-out looks at what the calls before it have left.
-    errno = saved_errno;
-}
-
-// Sessions whose process has ended are torn down on the way.
-static void watch_sessions(loop_state *loop)
-{
-    for (int ttyno = vc_child_next(0); ttyno < TTY_LINES;
-         ttyno = vc_child_after(ttyno)) {
-        vc_child *child = vc_child_at(ttyno);
-        if (vc_child_exited(child)) {
-            vc_child_kill(child);
-            continue;
-        }
-        child->watched = child->sockfd >= 0 && child->master_fd >= 0 &&
-                         vc_protocol_of(child->reg.protocol)->relayed;
-        if (child->watched) {
-            watch(loop, child->sockfd);
-            watch(loop, child->master_fd);
-        }
-    }
-}
-
 static void watch_listeners(loop_state *loop)
 {
     vc_srv *srv;
@@ -126,7 +90,7 @@ static void watch_listeners(loop_state *loop)
     VC_FOR_EACH_SERVICE(srv)
     {
         if (srv->listen_fd >= 0) {
-            watch(loop, srv->listen_fd);
+            read_set_watch(&loop->set, srv->listen_fd);
         }
     }
     vc_unlock();
@@ -138,58 +102,8 @@ static void build_set(loop_state *loop)
     read_set_clear(&loop->set);
     read_set_add(&loop->set, loop->inetd_fd);
     vc_check_child();
-    watch_sessions(loop);
+    relay_watch(&loop->set);
     watch_listeners(loop);
-}
-
-// Notes what an input step left over; side is how the log calls it. Returns
-// false when the session is gone or failed: its other side is not looked at
-// then.
-static bool relay_in(loop_state *loop, int ttyno, vc_child *child,
-                     const char *side)
-{
-    const int result = vc_indata_proc(child);
-
-    if (vc_child_at(ttyno) == nullptr || result < 0) {
-        return false;
-    }
-    child->in_pending = result;
-    if (result > 0) {
-        vc_debug_msg("vc %s data ret %d.\r\n", side, result);
-        loop->pending = true;
-    }
-    return true;
-}
-
-static void relay_out(loop_state *loop, int ttyno, vc_child *child,
-                      const char *side)
-{
-    const int result = vc_outdata_proc(child);
-
-    if (vc_child_at(ttyno) == nullptr || result < 0) {
-        return;
-    }
-    child->out_pending = result;
-    if (result > 0) {
-        vc_debug_msg("vc %s data ret %d.\r\n", side, result);
-        loop->pending = true;
-    }
-}
-
-// Calls the steps that had data left over again, without waiting for input.
-static void retry_pending(loop_state *loop)
-{
-    loop->pending = false;
-    for (int ttyno = vc_child_next(0); ttyno < TTY_LINES;
-         ttyno = vc_child_after(ttyno)) {
-        vc_child *child = vc_child_at(ttyno);
-        if (child->in_pending > 0 && !relay_in(loop, ttyno, child, "in1")) {
-            continue;
-        }
-        if (child->out_pending > 0) {
-            relay_out(loop, ttyno, child, "out1");
-        }
-    }
 }
 
 static void after_no_event(loop_state *loop, int result)
@@ -201,7 +115,7 @@ static void after_no_event(loop_state *loop, int result)
         return;
     }
     if (result == 0 && loop->pending) {
-        retry_pending(loop);
+        loop->pending = relay_retry();
         return;
     }
     if (result < 0) {
@@ -211,7 +125,7 @@ static void after_no_event(loop_state *loop, int result)
     usleep(RETRY_PAUSE_US);
 }
 
-// Returns false when the connection is lost and the iteration ends here.
+// Returns false when the connection is lost and the turn ends here.
 static bool handle_record(loop_state *loop)
 {
     if (!read_set_has(&loop->set, loop->inetd_fd) ||
@@ -225,7 +139,7 @@ static bool handle_record(loop_state *loop)
     return false;
 }
 
-// One connection per iteration: the next one waits for the next iteration.
+// One connection a turn: the next one waits for the next turn.
 static void accept_one(loop_state *loop)
 {
     vc_srv *srv;
@@ -241,50 +155,13 @@ static void accept_one(loop_state *loop)
     vc_unlock();
 }
 
-static bool take_readable(read_set *set, int fd)
-{
-    if (!read_set_has(set, fd)) {
-        return false;
-    }
-    read_set_remove(set, fd);
-    return true;
-}
-
-// A session that began in this turn is not looked at: its descriptors were not
-// in the set, but a listener that another thread has closed meanwhile may have
-// left their numbers there. ready is how many descriptors were readable, the
-// sessions' and others: once that many have been taken no line has one left.
-static void relay_readable(loop_state *loop, int ready)
-{
-    for (int ttyno = vc_child_next(0); ttyno < TTY_LINES;
-         ttyno = vc_child_after(ttyno)) {
-        if (ready == 0) {
-            break;
-        }
-        vc_child *child = vc_child_at(ttyno);
-        if (!child->watched) {
-            continue;
-        }
-        if (take_readable(&loop->set, child->sockfd)) {
-            ready--;
-            if (!relay_in(loop, ttyno, child, "in")) {
-                continue;
-            }
-        }
-        if (take_readable(&loop->set, child->master_fd)) {
-            ready--;
-            relay_out(loop, ttyno, child, "out");
-        }
-    }
-}
-
-static void iterate(loop_state *loop)
+static void take_turn(loop_state *loop)
 {
     if (!ensure_connected(loop)) {
         return;
     }
     build_set(loop);
-    // Services registered or opened again since the last iteration.
+    // Services registered or opened again since the last turn.
     if (vc_open_listen(loop->inetd_fd) < 0) {
         abandon_connection(loop);
         return;
@@ -300,7 +177,9 @@ static void iterate(loop_state *loop)
         return;
     }
     accept_one(loop);
-    relay_readable(loop, ready);
+    if (relay_readable(&loop->set, ready)) {
+        loop->pending = true;
+    }
 }
 
 int vc_service_start(void)
@@ -315,6 +194,6 @@ int vc_service_start(void)
     loop.old_inetd_fd = -1;
     loop.pending = false;
     for (;;) {
-        iterate(&loop);
+        take_turn(&loop);
     }
 }

@@ -1,17 +1,7 @@
 // Records on the inetd connection, one at a time.
 #pragma once
 
-#include <sys/ioctl.h>
-
 #include <ttyline/vc.h>
-
-// Switches fd between blocking and non-blocking mode; failures are ignored.
-inline void vc_set_bk(int fd, bool block)
-{
-    int non_blocking = block ? 0 : 1;
-
-    ioctl(fd, FIONBIO, &non_blocking);
-}
 
 // Writes one record, with the connection in blocking mode. Returns a negative
 // value with errno set when it could not be written whole. Blocks while the

@@ -1,4 +1,7 @@
-// Pseudo-terminals: both ends opened, and the master's first settings.
+// A pseudo-terminal comes in steps, each with a number of its own, so that the
+// log of a failure says how far it got; errno is that of the step.
+#include "vc/pty.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -7,7 +10,7 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include "vc/spawn.h"
+#include <ttyline/vc.h>
 
 enum pty_error {
     PTY_OPEN = -1,

@@ -1,9 +1,26 @@
+// The two steps of a read set that call the kernel.
 #include "vc/read_set.h"
 
+#include <errno.h>
 #include <sys/select.h>
+
+#include "common/io.h"
 
 // The kernel reads a set as an array of words of this size.
 static_assert(sizeof(fd_mask) == sizeof(unsigned long), "word of a set");
+
+void read_set_watch(read_set *set, int fd)
+{
+    const int saved_errno = errno;
+
+    errno = 0;
+    vc_set_bk(fd, true);
+    if (errno != EBADF) {
+        read_set_add(set, fd);
+    }
+    // A time-out looks at what the calls before it have left.
+    errno = saved_errno;
+}
 
 int read_set_wait(read_set *set, long seconds, long microseconds)
 {

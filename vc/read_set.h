@@ -60,6 +60,11 @@ inline bool read_set_has(const read_set *set, int fd)
            (set->bits[fd / READ_SET_WORD_BITS] & read_set_bit(fd)) != 0;
 }
 
+// Switches fd to blocking mode and adds it. A number that is not open, as an
+// assignment that comes too late may name one, is left out: it would make every
+// wait fail at once and so stop all sessions. errno is kept.
+void read_set_watch(read_set *set, int fd);
+
 // Waits until one of the descriptors is readable; the set then holds those
 // that are. Returns what select() returns: how many they are, 0 or -1.
 int read_set_wait(read_set *set, long seconds, long microseconds);

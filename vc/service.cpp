@@ -14,6 +14,7 @@ std::atomic<pthread_t> g_vc_tid{0};
 int32_t g_vc_tty_socket = -1;
 static pthread_rwlock_t g_vc_lock;
 
+// Programs see the number as a plain one: it cannot be of an atomic type.
 int32_t vc_tty_socket_get(void)
 {
     return __atomic_load_n(&g_vc_tty_socket, __ATOMIC_RELAXED);
@@ -30,6 +31,9 @@ void vc_lock_init(void)
 
     if (pthread_rwlockattr_init(&attr) != 0 ||
         pthread_rwlock_init(&g_vc_lock, &attr) != 0) {
+        // Every later call would go on unguarded, and the first one has no
+        // caller that could be told: a daemon in this state is none. Status 0
+        // is what those who start daemons have come to see here.
         exit(0);
     }
 }

@@ -60,18 +60,18 @@ vc_child *vc_child_of_pid(int pid)
 
 int vc_child_pid(const vc_child *child)
 {
-    return __atomic_load_n(&child->pid, __ATOMIC_ACQUIRE);
+    return child->pid.load(std::memory_order_acquire);
 }
 
 // Everything else in the record must stand before the pid makes it findable.
 void vc_child_set_pid(vc_child *child, int pid)
 {
-    __atomic_store_n(&child->pid, pid, __ATOMIC_RELEASE);
+    child->pid.store(pid, std::memory_order_release);
 }
 
 void vc_child_set_exited(vc_child *child)
 {
-    __atomic_store_n(&child->exited, 1, __ATOMIC_RELAXED);
+    child->exited.store(true, std::memory_order_relaxed);
 }
 
 void vc_child_table_enter(void)

@@ -9,17 +9,18 @@
 // the SIGCHLD handler shares, on whatever thread it runs: see vc_child_pid()
 // and vc_child_exited().
 struct vc_child {
-    int32_t ttyno;     // index of the slot
-    int32_t pid;       // of the forked child; 0 until it has been released
-    int32_t exited;    // 1 once the child has been reaped
-    int32_t sockfd;    // the connection; -1 once closed
-    int32_t master_fd; // the pseudo-terminal's master; -1 once closed
-    int32_t inetd_fd;  // the inetd connection that the line came from
+    int32_t ttyno;            // index of the slot
+    std::atomic<int32_t> pid; // of the forked child; 0 until it is released
+    std::atomic<bool> exited; // the child has been reaped
+    int32_t sockfd;           // the connection; -1 once closed
+    int32_t master_fd;        // the pseudo-terminal's master; -1 once closed
+    int32_t inetd_fd;         // the inetd connection that the line came from
     int32_t in_pending;
     int32_t out_pending;
     bool watched; // was in the read set of the loop's current turn
-    // Behind what every turn looks at, of which a processor fetches a line at
-    // a time. Copied; listen_path is shared with the service.
+    // Last, as it is large and every turn looks at what stands before it: that
+    // lies close together in memory so. Copied; listen_path is shared with the
+    // service.
     vc_reg reg;
 };
 
@@ -81,7 +82,7 @@ int vc_child_pid(const vc_child *child);
 void vc_child_set_pid(vc_child *child, int pid);
 inline bool vc_child_exited(const vc_child *child)
 {
-    return __atomic_load_n(&child->exited, __ATOMIC_RELAXED) != 0;
+    return child->exited.load(std::memory_order_relaxed);
 }
 void vc_child_set_exited(vc_child *child);
 

@@ -14,8 +14,10 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include "vc/message.h"
+#include "common/io.h"
+#include "vc/child.h"
 #include "vc/protocol.h"
+#include "vc/pty.h"
 #include "vc/service.h"
 #include "vc/teardown.h"
 
@@ -158,6 +160,8 @@ static void await_release(int child_end)
             vc_debug_msg("(vc:%d): %s father process don't notify.\r\n",
                          getpid(), FUNCTION);
             close(child_end);
+            // The session has never begun: this is no failure of its program,
+            // and no session's status either, as none knows this process.
             exit(0);
         }
     }

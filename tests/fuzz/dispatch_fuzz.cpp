@@ -30,8 +30,8 @@
 
 #include "tests/fuzz/fuzz.h"
 #include "tests/fuzz/kernel.h"
-#include "vc/accept.h"
 #include "vc/list.h"
+#include "vc/pending.h"
 #include "vc/service.h"
 #include "vc/session.h"
 

@@ -16,6 +16,7 @@
 #include "tests/support/fault_row.h"
 #include "tests/unit/vc/vc_fixture.h"
 #include "vc/list.h"
+#include "vc/pending.h"
 
 // A service with a listener on the loopback, and its client.
 class AcceptTest : public VcTest
@@ -30,7 +31,7 @@ class AcceptTest : public VcTest
             auto *entry =
                 reinterpret_cast<vc_accept_entry *>(g_vc_accept_list.next);
             close(entry->fd);
-            vc_accept_drop(entry);
+            vc_pending_drop(entry);
         }
         VcTest::TearDown();
     }
@@ -292,7 +293,7 @@ TEST_F(AcceptTest, keepalive_times_are_set_on_inet_connections)
         EXPECT_EQ(int_option(fd, IPPROTO_TCP, TCP_KEEPCNT), 3);
         EXPECT_EQ(int_option(fd, SOL_SOCKET, SO_KEEPALIVE), 0);
         close(fd);
-        vc_accept_drop(entry(0));
+        vc_pending_drop(entry(0));
     }
 }
 
@@ -336,7 +337,7 @@ TEST_F(AcceptTest, the_access_check_sees_both_addresses_in_host_order)
         EXPECT_EQ(reinterpret_cast<sockaddr_in *>(&g_acl_peer)->sin_port,
                   port_of(peer, false));
         close(entry(0)->fd);
-        vc_accept_drop(entry(0));
+        vc_pending_drop(entry(0));
     }
 }
 
@@ -427,7 +428,7 @@ TEST_F(AcceptTest, a_tos_that_cannot_be_set_is_logged_and_ignored)
         EXPECT_TRUE(logged(std::string("vc_accept set tos fail, err:") +
                            strerror(EPERM) + ".\r\n"));
         close(entry(0)->fd);
-        vc_accept_drop(entry(0));
+        vc_pending_drop(entry(0));
     }
 }
 
@@ -446,8 +447,8 @@ TEST_F(AcceptTest, ids_count_the_connections_that_wait)
     EXPECT_EQ(records[1].accept_id, 2);
     const int first = entry(0)->fd;
     const int second = entry(1)->fd;
-    vc_accept_take(first, 1);
-    vc_accept_take(second, 2);
+    vc_pending_take(first, 1);
+    vc_pending_take(second, 2);
     EXPECT_EQ(g_vc_accept_fd_num, 0);
     // The sockets have passed to the caller.
     EXPECT_NE(fcntl(first, F_GETFD), -1);
@@ -463,8 +464,8 @@ TEST_F(AcceptTest, an_entry_is_taken_by_descriptor_and_id_together)
     listen_on(AF_INET, 6);
     client();
     EXPECT_EQ(vc_accept(inetd_fd_, &srv_), 0);
-    vc_accept_take(entry(0)->fd, 2);
-    vc_accept_take(entry(0)->fd + 1, 1);
+    vc_pending_take(entry(0)->fd, 2);
+    vc_pending_take(entry(0)->fd + 1, 1);
     EXPECT_EQ(g_vc_accept_fd_num, 1);
 }
 
@@ -516,7 +517,7 @@ TEST_F(AcceptTest, after_any_failure_of_accept_the_next_call_takes_the_client)
         EXPECT_EQ(sent().size(), 1u);
         messages();
         close(entry(0)->fd);
-        vc_accept_drop(entry(0));
+        vc_pending_drop(entry(0));
     }
 }
 
@@ -536,7 +537,7 @@ TEST_F(AcceptTest, a_listener_that_cannot_be_asked_is_left_for_later)
     EXPECT_EQ(vc_accept(inetd_fd_, &srv_), 0);
     EXPECT_EQ(sent().size(), 1u);
     close(entry(0)->fd);
-    vc_accept_drop(entry(0));
+    vc_pending_drop(entry(0));
 }
 
 TEST_F(AcceptTest, a_listener_without_a_client_is_not_waited_for)

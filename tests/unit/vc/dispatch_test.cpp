@@ -16,7 +16,7 @@
 #include "tests/support/fault_row.h"
 #include "tests/support/wait.h"
 #include "tests/unit/vc/vc_fixture.h"
-#include "vc/accept.h"
+#include "vc/pending.h"
 #include "vc/list.h"
 #include "vc/service.h"
 #include "vc/session.h"
@@ -183,7 +183,7 @@ TEST_F(DispatchTest, an_assignment_starts_a_session_and_is_answered)
     ASSERT_EQ(records.size(), 1u);
     tty_cmsg expected = msg;
     expected.vc_flag = 0x020;
-    expected.pid = child->pid;
+    expected.pid = vc_child_pid(child);
     EXPECT_EQ(memcmp(&records[0], &expected, sizeof expected), 0);
     const auto texts = messages();
     EXPECT_EQ(texts[1], "vc: recv from inetd, ttyno=300,sockfd=" + number(fd) +
@@ -191,7 +191,7 @@ TEST_F(DispatchTest, an_assignment_starts_a_session_and_is_answered)
                             "\r\n");
     // The child logs into the same file.
     EXPECT_EQ(std::count(texts.begin(), texts.end(),
-                         "vc: client (ttyno=300,pid=" + number(child->pid) +
+                         "vc: client (ttyno=300,pid=" + number(vc_child_pid(child)) +
                              ") alloc\r\n"),
               1);
     EXPECT_EQ(fcntl(inetd_fd_, F_GETFL) & O_NONBLOCK, 0);
@@ -208,7 +208,7 @@ TEST_F(DispatchTest, an_assignment_takes_its_entry_off_the_accept_list)
     EXPECT_EQ(g_vc_accept_fd_num, 1);
     EXPECT_EQ(reinterpret_cast<vc_accept_entry *>(g_vc_accept_list.next)->fd,
               other);
-    vc_accept_take(other, 1);
+    vc_pending_take(other, 1);
     close(other);
 }
 

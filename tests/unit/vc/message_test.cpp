@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "common/io.h"
 #include "tests/support/fault.h"
 #include "tests/support/fault_row.h"
 #include "tests/unit/vc/vc_fixture.h"

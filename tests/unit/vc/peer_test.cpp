@@ -5,6 +5,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <memory>
+
 #include "tests/support/fault.h"
 #include "tests/support/fault_row.h"
 #include "tests/unit/vc/vc_fixture.h"
@@ -24,11 +26,11 @@ class PeerTest : public VcTest
 
     void session(int ttyno, uint32_t protocol, int sockfd = SOCKET)
     {
-        child_ = {};
-        child_.ttyno = ttyno;
-        child_.sockfd = sockfd;
-        child_.reg.protocol = protocol;
-        vc_child_install(ttyno, &child_);
+        child_ = std::make_unique<vc_child>();
+        child_->ttyno = ttyno;
+        child_->sockfd = sockfd;
+        child_->reg.protocol = protocol;
+        vc_child_install(ttyno, child_.get());
     }
 
     static void peer_is_ipv4(const char *address)
@@ -67,7 +69,7 @@ class PeerTest : public VcTest
         return buf;
     }
 
-    vc_child child_ = {};
+    std::unique_ptr<vc_child> child_;
 };
 
 TEST_F(PeerTest, ipv4_sessions_are_described_by_protocol)

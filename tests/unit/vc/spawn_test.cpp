@@ -19,6 +19,8 @@
 #include "tests/support/fault_row.h"
 #include "tests/support/wait.h"
 #include "tests/unit/vc/vc_fixture.h"
+#include "vc/child.h"
+#include "vc/pty.h"
 #include "vc/service.h"
 #include "vc/session.h"
 #include "vc/teardown.h"
