@@ -19,14 +19,14 @@ static std::atomic<unsigned char> tty_lib_lockable{0};
 // The process that the mutex was made in, and the one that is making it. A
 // child finds its parent's id in both and so starts afresh, whether or not
 // the parent was in the middle of it.
-static std::atomic<int> pid{-1};
+static std::atomic<int> owner_pid{-1};
 static std::atomic<int> initialising_pid{-1};
 // The mask that the thread inside the critical section had before.
-static sigset_t ori_set;
+static sigset_t saved_mask;
 
 static bool lock_usable(int self)
 {
-    return tty_lib_lockable.load() == 1 && pid.load() == self;
+    return tty_lib_lockable.load() == 1 && owner_pid.load() == self;
 }
 
 static bool make_lock(void)
@@ -57,7 +57,7 @@ void tty_lib_lock_init(void)
                         strerror(errno));
         }
         tty_lib_lockable.store(1);
-        pid.store(self);
+        owner_pid.store(self);
     }
 }
 
@@ -84,39 +84,36 @@ static int change_mask(int how, const sigset_t *set, sigset_t *old)
     return 0;
 }
 
+static void log_mask_failure(const char *function, int line, const char *what)
+{
+    tty_debug_msg(0, "%s(line %d:pid %d:tid %d): %s fail errno:%d, %s\n",
+                  function, line, getpid(), gettid(), what, errno,
+                  strerror(errno));
+}
+
+// An operation goes on without a mask that it could not get: signals then
+// interrupt its calls, which are repeated, and the log says why.
 void ttylib_set_sigproc(void)
 {
     sigset_t all;
 
-    if (change_mask(SIG_BLOCK, nullptr, &ori_set) != 0) {
-        tty_debug_msg(
-            0, "%s(line %d:pid %d:tid %d): sigprocmask fail errno:%d, %s\n",
-            "ttylib_set_sigproc", __LINE__, getpid(), gettid(), errno,
-            strerror(errno));
+    if (change_mask(SIG_BLOCK, nullptr, &saved_mask) != 0) {
+        log_mask_failure("ttylib_set_sigproc", __LINE__, "sigprocmask");
         return;
     }
     if (sigfillset(&all) < 0) {
-        tty_debug_msg(
-            0, "%s(line %d:pid %d:tid %d): sigfillset fail errno:%d, %s\n",
-            "ttylib_set_sigproc", __LINE__, getpid(), gettid(), errno,
-            strerror(errno));
+        log_mask_failure("ttylib_set_sigproc", __LINE__, "sigfillset");
         return;
     }
     if (change_mask(SIG_BLOCK, &all, nullptr) != 0) {
-        tty_debug_msg(
-            0, "%s(line %d:pid %d:tid %d): sigprocmask1 fail errno:%d, %s\n",
-            "ttylib_set_sigproc", __LINE__, getpid(), gettid(), errno,
-            strerror(errno));
+        log_mask_failure("ttylib_set_sigproc", __LINE__, "sigprocmask1");
     }
 }
 
 void ttylib_unset_sigproc(void)
 {
-    if (change_mask(SIG_SETMASK, &ori_set, nullptr) != 0) {
-        tty_debug_msg(
-            0, "%s(line %d:pid %d:tid %d): sig unset fail errno:%d, %s\n",
-            "ttylib_unset_sigproc", __LINE__, getpid(), gettid(), errno,
-            strerror(errno));
+    if (change_mask(SIG_SETMASK, &saved_mask, nullptr) != 0) {
+        log_mask_failure("ttylib_unset_sigproc", __LINE__, "sig unset");
     }
 }
 

@@ -492,7 +492,7 @@ TEST_F(SignalMask, is_that_of_the_calling_thread_only)
 TEST_F(SignalMask, that_cannot_be_read_is_reported_and_nothing_is_blocked)
 {
     fault_row("ttylib_set_sigproc", "pthread_sigmask", "EINVAL", "nothing",
-              "%s(line %d:pid %d:tid %d): sigprocmask fail errno:%d, %s\n",
+              "%s(line %d:pid %d:tid %d): %s fail errno:%d, %s\n",
               "no signal blocked");
     const int fills = fault::watch("sigfillset");
     const int changes = fault::watch("pthread_sigmask");
@@ -508,7 +508,7 @@ TEST_F(SignalMask, that_cannot_be_read_is_reported_and_nothing_is_blocked)
 TEST_F(SignalMask, set_that_cannot_be_filled_is_reported_and_nothing_is_blocked)
 {
     fault_row("ttylib_set_sigproc", "sigfillset", "EFAULT", "nothing",
-              "%s(line %d:pid %d:tid %d): sigfillset fail errno:%d, %s\n",
+              "%s(line %d:pid %d:tid %d): %s fail errno:%d, %s\n",
               "no signal blocked");
     const int changes = fault::watch("pthread_sigmask");
     fault::fail("sigfillset", 1, EFAULT);
@@ -522,7 +522,7 @@ TEST_F(SignalMask, set_that_cannot_be_filled_is_reported_and_nothing_is_blocked)
 TEST_F(SignalMask, that_cannot_be_changed_is_reported)
 {
     fault_row("ttylib_set_sigproc", "pthread_sigmask", "EPERM", "nothing",
-              "%s(line %d:pid %d:tid %d): sigprocmask1 fail errno:%d, %s\n",
+              "%s(line %d:pid %d:tid %d): %s fail errno:%d, %s\n",
               "no signal blocked");
     fault::fail("pthread_sigmask", 2, EPERM);
     ttylib_set_sigproc();
@@ -534,7 +534,7 @@ TEST_F(SignalMask, that_cannot_be_changed_is_reported)
 TEST_F(SignalMask, that_cannot_be_restored_is_reported_and_stays)
 {
     fault_row("ttylib_unset_sigproc", "pthread_sigmask", "EINVAL", "nothing",
-              "%s(line %d:pid %d:tid %d): sig unset fail errno:%d, %s\n",
+              "%s(line %d:pid %d:tid %d): %s fail errno:%d, %s\n",
               "all signals stay blocked");
     ttylib_set_sigproc();
     fault::fail("pthread_sigmask", 1, EINVAL, 1, fault::only_what(SIG_SETMASK));
@@ -595,7 +595,7 @@ TEST_F(CriticalSection,
 TEST_F(CriticalSection, goes_on_when_the_mask_cannot_be_changed)
 {
     fault_row("ttylib_leave", "pthread_sigmask", "EINVAL", "nothing",
-              "%s(line %d:pid %d:tid %d): sig unset fail errno:%d, %s\n",
+              "%s(line %d:pid %d:tid %d): %s fail errno:%d, %s\n",
               "the lock released");
     fault::fail("pthread_sigmask", 1, EINVAL, fault::ALWAYS);
     ttylib_enter();
