@@ -256,7 +256,7 @@ static vc_reg describe_service(const char *path)
 
     reg.socket_type = AF_UNIX;
     reg.listen_path = path;
-    reg.protocol = VC_PROTOCOL_INPATH;
+    reg.protocol = VC_PROTOCOL_IN_PATH;
     reg.init_func = vc_inpath_init_func;
     reg.read_func = vc_inpath_read_func;
     reg.write_func = vc_inpath_write_func;

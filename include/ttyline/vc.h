@@ -72,8 +72,8 @@ typedef struct vc_list {
 #define VC_PROTOCOL_TCP 6       /* IPv4 or IPv6, relayed */
 #define VC_PROTOCOL_LOCAL 7     /* unix path, relayed */
 #define VC_PROTOCOL_TIPC_ALT 8  /* TIPC, not relayed: without a label */
-#define VC_PROTOCOL_LOCAL_WEB 9 /* unix path, relayed: a web terminal */
-#define VC_PROTOCOL_INPATH 10   /* unix path, relayed: see vc_inpath_reg() */
+#define VC_PROTOCOL_LOCAL_WEB 9 /* unix path, relayed: TTYTYPE of the web */
+#define VC_PROTOCOL_IN_PATH 10  /* unix path, relayed: see vc_inpath_reg() */
 #define VC_PROTOCOL_SSH_ALT 11  /* IPv4 or IPv6, not relayed, starts closed */
 #define VC_PROTOCOL_MAX 11      /* the last one */
 
