@@ -240,3 +240,23 @@ TEST_F(Write, is_resumed_after_a_real_signal_in_a_full_pipe)
     EXPECT_EQ(result, 300000);
     EXPECT_TRUE(received == sent);
 }
+
+// Switching the mode.
+using Mode = Write;
+
+TEST_F(Mode, is_switched_both_ways_and_other_flags_stay)
+{
+    fcntl(ends[1], F_SETFL, flags() | O_APPEND);
+    vc_set_bk(ends[1], false);
+    EXPECT_EQ(flags() & (O_NONBLOCK | O_APPEND), O_NONBLOCK | O_APPEND);
+    vc_set_bk(ends[1], true);
+    EXPECT_EQ(flags() & (O_NONBLOCK | O_APPEND), O_APPEND);
+}
+
+TEST_F(Mode, is_switched_by_one_fionbio_and_failure_is_ignored)
+{
+    const int calls = fault::watch("ioctl", fault::only_what(FIONBIO));
+    vc_set_bk(ends[1], false);
+    EXPECT_EQ(fault::seen(calls), 1);
+    vc_set_bk(-1, false);
+}

@@ -3,77 +3,19 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
 #include <thread>
 
+#include "tests/support/fault.h"
 #include "tests/support/fault_row.h"
 #include "tests/support/wait.h"
 #include "tests/unit/tty/console_fixture.h"
+#include "tests/unit/tty/get_fixture.h"
 #include "tests/unit/tty/lock_holder.h"
-#include "tests/unit/tty/tty_fixture.h"
 #include "tty/store.h"
-
-constexpr unsigned int LINE = 5;
-
-class Get : public tty_test
-{
-  protected:
-    void SetUp() override
-    {
-        tty_test::SetUp();
-        shared_lock = lock_file();
-    }
-
-    std::string lock_file() const
-    {
-        return info(LINE) + ".lock";
-    }
-
-    void store(const std::string &content) const
-    {
-        support::spill(info(LINE), content);
-    }
-
-    // The value, or "(null)" for a null pointer.
-    std::string get(const char *name, unsigned int len = 64)
-    {
-        memset(buf, 0x5a, sizeof buf);
-        const char *value = tty_get_member(LINE, name, buf, len);
-        EXPECT_TRUE(value == nullptr || value == buf);
-        return value == nullptr ? "(null)" : value;
-    }
-
-    // Whether the first bytes of the buffer are zero.
-    bool cleared(size_t count) const
-    {
-        return std::string(buf, count) == std::string(count, '\0');
-    }
-
-    std::string own(const std::string &rest) const
-    {
-        return ids("tty_get_member", LINE) + rest;
-    }
-
-    std::string open_failure(const std::string &file, int error) const
-    {
-        return own("open file " + file + " fail errno:" +
-                   std::to_string(error) + ", " + strerror(error) + "\n");
-    }
-
-    static void note_lock()
-    {
-        lock_error = lock_error_elsewhere(shared_lock);
-    }
-
-    char buf[4096];
-    static std::string shared_lock;
-    static int lock_error;
-};
-
-std::string Get::shared_lock;
-int Get::lock_error = -1;
 
 TEST_F(Get, returns_the_value_without_its_line_end)
 {
@@ -514,110 +456,6 @@ TEST_F(Get, path_of127_characters_fits)
     setenv("TMPDIR", prefix.c_str(), 1);
     EXPECT_EQ(get("HOME"), "deep");
     EXPECT_TRUE(support::exists(prefix + "/mng/tty/.tty_info_5.lock"));
-}
-
-class GetLine0 : public Get
-{
-  protected:
-    void SetUp() override
-    {
-        Get::SetUp();
-        std::filesystem::create_directories(path("/inst/3/mng/tty"));
-        std::filesystem::create_directories(path("/inst/0/mng/tty"));
-        setenv("TMPDIR", path("/inst/3").c_str(), 1);
-    }
-
-    std::string get0(const char *name)
-    {
-        memset(buf, 0x5a, sizeof buf);
-        const char *value = tty_get_member(0, name, buf, 64);
-        return value == nullptr ? "(null)" : value;
-    }
-};
-
-TEST_F(GetLine0, is_read_from_instance0_beside_the_own_one)
-{
-    support::spill(path("/inst/0/mng/tty/.tty_info_0"), "HOME=zero\r\n");
-    support::spill(path("/inst/3/mng/tty/.tty_info_0"), "HOME=three\r\n");
-    EXPECT_EQ(get0("HOME"), "zero");
-    EXPECT_TRUE(support::exists(path("/inst/0/mng/tty/.tty_info_0.lock")));
-    EXPECT_FALSE(support::exists(path("/inst/3/mng/tty/.tty_info_0.lock")));
-}
-
-TEST_F(GetLine0, of_instance0_is_its_own)
-{
-    setenv("TMPDIR", path("/inst/0").c_str(), 1);
-    support::spill(path("/inst/0/mng/tty/.tty_info_0"), "HOME=zero\r\n");
-    EXPECT_EQ(get0("HOME"), "zero");
-}
-
-TEST_F(GetLine0, slash_at_the_end_of_tmpdir_is_the_last_one)
-{
-    setenv("TMPDIR", path("/inst/").c_str(), 1);
-    support::spill(path("/inst/0/mng/tty/.tty_info_0"), "HOME=zero\r\n");
-    EXPECT_EQ(get0("HOME"), "zero");
-}
-
-TEST_F(GetLine0, without_tmpdir_is_null_without_a_message)
-{
-    const int opens = fault::watch("open");
-    unsetenv("TMPDIR");
-    EXPECT_EQ(get0("HOME"), "(null)");
-    EXPECT_TRUE(cleared(64));
-    EXPECT_EQ(fault::seen(opens), 0);
-    EXPECT_EQ(fault::calls("mkdir"), 0);
-}
-
-TEST_F(GetLine0, with_a_tmpdir_without_slash_is_null_without_a_message)
-{
-    const int opens = fault::watch("open");
-    setenv("TMPDIR", "inst", 1);
-    EXPECT_EQ(get0("HOME"), "(null)");
-    setenv("TMPDIR", "", 1);
-    EXPECT_EQ(get0("HOME"), "(null)");
-    EXPECT_EQ(fault::seen(opens), 0);
-    EXPECT_EQ(fault::calls("mkdir"), 0);
-}
-
-TEST_F(GetLine0, makes_no_directory)
-{
-    std::filesystem::remove_all(path("/inst/0"));
-    EXPECT_EQ(get0("HOME"), "(null)");
-    EXPECT_FALSE(support::exists(path("/inst/0")));
-    const std::string lock = path("/inst/0/mng/tty/.tty_info_0.lock");
-    const messages log =
-        support::lines_of(path("/inst/3/mng/tty/.tty_lib_dump.txt"));
-    ASSERT_EQ(log.size(), 1u);
-    EXPECT_EQ(support::without_stamp(log[0]),
-              ids("tty_get_member", 0) + "open file " + lock +
-                  " fail errno:2, No such file or directory\n");
-}
-
-TEST_F(GetLine0, takes_the_first127_characters_of_tmpdir)
-{
-    support::spill(path("/inst/0/mng/tty/.tty_info_0"), "HOME=zero\r\n");
-    // The last slash lies behind what is taken.
-    setenv("TMPDIR", path("/inst/" + std::string(200, 'd') + "/x").c_str(), 1);
-    EXPECT_EQ(get0("HOME"), "zero");
-}
-
-TEST_F(GetLine0, whose_path_does_not_fit_is_null_and_creates_nothing)
-{
-    // "0/mng/tty/.tty_info_0" has 21 characters.
-    for (const size_t slash : {106u, 107u, 126u}) {
-        std::string directory = path("/");
-        directory.append(slash - directory.size(), 'd');
-        std::filesystem::create_directories(directory + "/0/mng/tty");
-        setenv("TMPDIR", (directory + "/3").c_str(), 1);
-        EXPECT_EQ(get0("HOME"), "(null)") << slash;
-        EXPECT_TRUE(std::filesystem::is_empty(directory + "/0/mng/tty"));
-    }
-    std::string directory = path("/");
-    directory.append(105 - directory.size(), 'e');
-    std::filesystem::create_directories(directory + "/0/mng/tty");
-    support::spill(directory + "/0/mng/tty/.tty_info_0", "HOME=fits\r\n");
-    setenv("TMPDIR", (directory + "/3").c_str(), 1);
-    EXPECT_EQ(get0("HOME"), "fits");
 }
 
 class GetAtRoot : public console_test

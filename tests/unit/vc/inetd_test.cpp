@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -11,7 +12,6 @@
 #include "tests/support/fault.h"
 #include "tests/support/fault_row.h"
 #include "tests/unit/vc/vc_fixture.h"
-#include "vc/read_set.h"
 
 class InetdTest : public VcTest
 {
@@ -176,75 +176,4 @@ TEST_F(InetdTest, the_address_has_110_bytes_and_108_of_path)
     EXPECT_GE(fd, 0);
     close(fd);
     setenv("TMPDIR", runtime_dir.c_str(), 1);
-}
-
-TEST(ReadSetTest, a_cleared_set_holds_nothing)
-{
-    static read_set set;
-    for (const int highest : {0, 63, 64, 1023, 1024, READ_SET_SIZE - 1}) {
-        for (int fd = 0; fd <= highest; fd++) {
-            read_set_add(&set, fd);
-        }
-        read_set_clear(&set);
-        EXPECT_EQ(set.highest, -1);
-        for (int fd = 0; fd < READ_SET_SIZE; fd++) {
-            ASSERT_FALSE(read_set_has(&set, fd)) << highest;
-        }
-    }
-}
-
-TEST(ReadSetTest, descriptors_up_to_65535_are_held)
-{
-    static read_set set;
-    read_set_clear(&set);
-    for (const int fd : {0, 63, 64, 1023, 1024, 65535}) {
-        read_set_add(&set, fd);
-        EXPECT_TRUE(read_set_has(&set, fd)) << fd;
-        EXPECT_EQ(set.highest, fd);
-    }
-    read_set_remove(&set, 1024);
-    EXPECT_FALSE(read_set_has(&set, 1024));
-    EXPECT_TRUE(read_set_has(&set, 1023));
-}
-
-TEST(ReadSetTest, others_are_left_out_without_harm)
-{
-    static read_set set;
-    read_set_clear(&set);
-    for (const int fd : {-1, 65536, 0x7fffffff}) {
-        read_set_add(&set, fd);
-        read_set_remove(&set, fd);
-        EXPECT_FALSE(read_set_has(&set, fd)) << fd;
-    }
-    EXPECT_EQ(set.highest, -1);
-}
-
-TEST(ReadSetTest, the_highest_descriptor_does_not_sink)
-{
-    static read_set set;
-    read_set_clear(&set);
-    read_set_add(&set, 9);
-    read_set_add(&set, 3);
-    EXPECT_EQ(set.highest, 9);
-}
-
-TEST(ReadSetTest, a_wait_leaves_the_readable_ones)
-{
-    static read_set set;
-    int quiet[2];
-    int ready[2];
-    ASSERT_EQ(pipe2(quiet, O_CLOEXEC), 0);
-    ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
-    ASSERT_EQ(write(ready[1], "x", 1), 1);
-    const int high = fcntl(ready[0], F_DUPFD_CLOEXEC, 1500);
-    ASSERT_GE(high, 1500);
-    read_set_clear(&set);
-    read_set_add(&set, quiet[0]);
-    read_set_add(&set, high);
-    EXPECT_EQ(read_set_wait(&set, 5, 0), 1);
-    EXPECT_FALSE(read_set_has(&set, quiet[0]));
-    EXPECT_TRUE(read_set_has(&set, high));
-    read_set_clear(&set);
-    read_set_add(&set, quiet[0]);
-    EXPECT_EQ(read_set_wait(&set, 0, 1000), 0);
 }

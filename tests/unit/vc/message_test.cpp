@@ -4,9 +4,7 @@
 #include <fcntl.h>
 #include <stddef.h>
 #include <string.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include "common/io.h"
 #include "tests/support/fault.h"
@@ -146,22 +144,6 @@ TEST_F(MessageTest, an_ipv6_local_address_shares_bytes_with_the_tipc_fields)
     EXPECT_EQ(msg.tipc_addrtype, 0xffffffffu);
     EXPECT_EQ(msg.tipc_scope, -1);
     EXPECT_EQ(msg.tipc_type, 0u);
-}
-
-TEST_F(MessageTest, the_mode_of_a_descriptor_is_switched_both_ways)
-{
-    vc_set_bk(inetd_fd_, false);
-    EXPECT_FALSE(blocking(inetd_fd_));
-    vc_set_bk(inetd_fd_, true);
-    EXPECT_TRUE(blocking(inetd_fd_));
-}
-
-TEST_F(MessageTest, the_mode_is_switched_by_fionbio_and_failure_ignored)
-{
-    const int calls = fault::watch("ioctl", fault::only_what(FIONBIO));
-    vc_set_bk(inetd_fd_, false);
-    EXPECT_EQ(fault::seen(calls), 1);
-    vc_set_bk(-1, false);
 }
 
 TEST_F(MessageTest, a_record_is_sent_whole_in_blocking_mode)

@@ -1,130 +1,17 @@
 #include "vc/service.h"
 
 #include <errno.h>
-#include <fcntl.h>
-#include <signal.h>
+#include <string.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <thread>
 
 #include "tests/support/fault.h"
-#include "tests/support/fault_row.h"
-#include "tests/support/wait.h"
 #include "tests/unit/vc/vc_fixture.h"
-#include "vc/list.h"
-#include "vc/registration.h"
-#include "vc/session.h"
 
 using ServiceTest = VcTest;
-
-static bool allow(const struct sockaddr *, const struct sockaddr *)
-{
-    return true;
-}
-
-static int some_tos()
-{
-    return 8;
-}
-
-static void on_exit_of_session(int, int)
-{
-}
-
-// The nodes in list order.
-static std::vector<vc_srv *> services()
-{
-    std::vector<vc_srv *> nodes;
-    vc_srv *srv;
-
-    VC_FOR_EACH_SERVICE(srv)
-    {
-        nodes.push_back(srv);
-    }
-    return nodes;
-}
-
-static int registered(const vc_reg &reg)
-{
-    return vc_service_reg(&reg);
-}
-
-TEST_F(ServiceTest, list_head_leads_to_itself_both_ways)
-{
-    vc_list head;
-    INIT_LIST_HEAD(&head);
-    EXPECT_EQ(head.next, &head);
-    EXPECT_EQ(head.prev, &head);
-}
-
-TEST_F(ServiceTest, list_keeps_the_order_of_additions)
-{
-    vc_list head;
-    vc_list a;
-    vc_list b;
-    INIT_LIST_HEAD(&head);
-    list_add_tail(&a, &head);
-    list_add_tail(&b, &head);
-    EXPECT_EQ(head.next, &a);
-    EXPECT_EQ(a.next, &b);
-    EXPECT_EQ(b.next, &head);
-    EXPECT_EQ(head.prev, &b);
-    EXPECT_EQ(b.prev, &a);
-    EXPECT_EQ(a.prev, &head);
-}
-
-TEST_F(ServiceTest, list_unlinked_entry_leads_to_itself)
-{
-    vc_list head;
-    vc_list a;
-    vc_list b;
-    INIT_LIST_HEAD(&head);
-    list_add_tail(&a, &head);
-    list_add_tail(&b, &head);
-    list_del_init(&a);
-    EXPECT_EQ(a.next, &a);
-    EXPECT_EQ(a.prev, &a);
-    EXPECT_EQ(head.next, &b);
-    EXPECT_EQ(b.prev, &head);
-}
-
-TEST_F(ServiceTest, list_inserts_between_two_neighbours)
-{
-    vc_list head;
-    vc_list a;
-    vc_list b;
-    INIT_LIST_HEAD(&head);
-    list_add_tail(&b, &head);
-    __list_add(&a, &head, &b);
-    EXPECT_EQ(head.next, &a);
-    EXPECT_EQ(a.next, &b);
-    __list_del(&head, &b);
-    EXPECT_EQ(head.next, &b);
-    EXPECT_EQ(b.prev, &head);
-}
-
-TEST_F(ServiceTest, fields_of_the_registration_stand_in_order)
-{
-    EXPECT_EQ(offsetof(vc_reg, socket_type), 0u);
-    EXPECT_EQ(offsetof(vc_reg, listen_port), 4u);
-    EXPECT_EQ(offsetof(vc_reg, listen_path), 8u);
-    EXPECT_EQ(offsetof(vc_reg, protocol), 8 + sizeof(void *));
-    EXPECT_EQ(offsetof(vc_reg, addrtype), 12 + sizeof(void *));
-    EXPECT_EQ(offsetof(vc_reg, scope), 13 + sizeof(void *));
-    EXPECT_EQ(offsetof(vc_reg, nameseq_type), 16 + sizeof(void *));
-    EXPECT_EQ(offsetof(vc_reg, nameseq_lower), 20 + sizeof(void *));
-    EXPECT_EQ(offsetof(vc_reg, nameseq_upper), 24 + sizeof(void *));
-    EXPECT_LT(offsetof(vc_reg, init_func), offsetof(vc_reg, read_func));
-    EXPECT_LT(offsetof(vc_reg, read_func), offsetof(vc_reg, write_func));
-    EXPECT_LT(offsetof(vc_reg, write_func), offsetof(vc_reg, kill_func));
-    EXPECT_LT(offsetof(vc_reg, kill_func), offsetof(vc_reg, alloc_func));
-    EXPECT_LT(offsetof(vc_reg, alloc_func), offsetof(vc_reg, shell_func));
-    EXPECT_LT(offsetof(vc_reg, shell_func), offsetof(vc_reg, exit_func));
-    EXPECT_LT(offsetof(vc_reg, exit_func), offsetof(vc_reg, acl_func));
-    EXPECT_LT(offsetof(vc_reg, acl_func), offsetof(vc_reg, tos_func));
-}
 
 TEST_F(ServiceTest, state_before_the_first_registration)
 {
@@ -141,324 +28,6 @@ TEST_F(ServiceTest, bits_of_the_flags)
     EXPECT_EQ(SRV_ANNOUNCED, 0x1u);
     EXPECT_EQ(SRV_CLOSED, 0x2u);
     EXPECT_EQ(SRV_STOPPED, 0x4u);
-}
-
-TEST_F(ServiceTest, a_new_service_has_no_listener_and_no_flags)
-{
-    ASSERT_EQ(registered(plain(AF_INET, 23, nullptr, 6)), 0);
-    ASSERT_EQ(services().size(), 1u);
-    EXPECT_EQ(services()[0]->listen_fd, -1);
-    EXPECT_EQ(services()[0]->flags, 0u);
-    EXPECT_TRUE(g_vc_inited);
-    EXPECT_FALSE(g_vc_started);
-    EXPECT_TRUE(messages().empty());
-}
-
-TEST_F(ServiceTest, the_record_is_copied_whole)
-{
-    vc_reg reg = plain(30, 0, nullptr, 3);
-    reg.addrtype = 1;
-    reg.scope = 2;
-    reg.nameseq_type = 3;
-    reg.nameseq_lower = 4;
-    reg.nameseq_upper = 5;
-    reg.exit_func = on_exit_of_session;
-    reg.acl_func = allow;
-    reg.tos_func = some_tos;
-    ASSERT_EQ(vc_service_reg(&reg), 0);
-    const vc_reg &copy = services()[0]->reg;
-    EXPECT_EQ(copy.addrtype, 1);
-    EXPECT_EQ(copy.scope, 2);
-    EXPECT_EQ(copy.nameseq_type, 3u);
-    EXPECT_EQ(copy.nameseq_lower, 4u);
-    EXPECT_EQ(copy.nameseq_upper, 5u);
-    EXPECT_EQ(copy.init_func, reg.init_func);
-    EXPECT_EQ(copy.shell_func, reg.shell_func);
-    EXPECT_EQ(copy.exit_func, reg.exit_func);
-    EXPECT_EQ(copy.acl_func, reg.acl_func);
-    EXPECT_EQ(copy.tos_func, reg.tos_func);
-}
-
-TEST_F(ServiceTest, the_path_is_the_services_own_copy)
-{
-    char name[] = "/tmp/a";
-    ASSERT_EQ(registered(plain(AF_UNIX, 0, name, 7)), 0);
-    name[5] = 'b';
-    EXPECT_STREQ(services()[0]->reg.listen_path, "/tmp/a");
-}
-
-TEST_F(ServiceTest, services_stand_in_the_order_of_registration)
-{
-    ASSERT_EQ(registered(plain(AF_INET, 23, nullptr, 6)), 0);
-    ASSERT_EQ(registered(plain(AF_INET, 24, nullptr, 1)), 0);
-    ASSERT_EQ(registered(plain(AF_UNIX, 0, "/tmp/x", 7)), 0);
-    ASSERT_EQ(services().size(), 3u);
-    EXPECT_EQ(services()[0]->reg.listen_port, 23);
-    EXPECT_EQ(services()[1]->reg.listen_port, 24);
-    EXPECT_EQ(services()[2]->reg.protocol, 7u);
-}
-
-TEST_F(ServiceTest, protocol_12_is_refused)
-{
-    EXPECT_EQ(registered(plain(AF_INET, 23, nullptr, 12)), -1);
-    EXPECT_TRUE(logged("vc: reg parameter error, protocal 12.\n"));
-    EXPECT_TRUE(services().empty());
-}
-
-TEST_F(ServiceTest, a_huge_protocol_is_refused_and_printed_signed)
-{
-    EXPECT_EQ(registered(plain(AF_INET, 23, nullptr, 0xffffffffu)), -1);
-    EXPECT_TRUE(logged("vc: reg parameter error, protocal -1.\n"));
-}
-
-TEST_F(ServiceTest, a_null_record_is_refused_with_protocol_minus_one)
-{
-    ASSERT_EQ(registered(plain(AF_INET, 23, nullptr, 6)), 0);
-    EXPECT_EQ(vc_service_reg(nullptr), -1);
-    EXPECT_TRUE(logged("vc: reg parameter error, protocal -1.\n"));
-}
-
-TEST_F(ServiceTest, each_required_callback_is_required)
-{
-    for (int missing = 0; missing < 6; missing++) {
-        vc_reg reg = plain(AF_INET, 23, nullptr, 6);
-        switch (missing) {
-        case 0:
-            reg.init_func = nullptr;
-            break;
-        case 1:
-            reg.read_func = nullptr;
-            break;
-        case 2:
-            reg.write_func = nullptr;
-            break;
-        case 3:
-            reg.kill_func = nullptr;
-            break;
-        case 4:
-            reg.alloc_func = nullptr;
-            break;
-        default:
-            reg.shell_func = nullptr;
-            break;
-        }
-        EXPECT_EQ(vc_service_reg(&reg), -1) << missing;
-        EXPECT_TRUE(logged("vc: reg parameter error, protocal 6.\n"));
-    }
-    EXPECT_TRUE(services().empty());
-}
-
-TEST_F(ServiceTest, the_optional_callbacks_may_be_null)
-{
-    const vc_reg reg = plain(AF_INET, 23, nullptr, 6);
-    ASSERT_EQ(reg.exit_func, nullptr);
-    ASSERT_EQ(reg.acl_func, nullptr);
-    ASSERT_EQ(reg.tos_func, nullptr);
-    EXPECT_EQ(vc_service_reg(&reg), 0);
-}
-
-TEST_F(ServiceTest, inet_protocols_take_ipv4_and_ipv6_only)
-{
-    int port = 1000;
-    for (const unsigned int protocol : {1u, 2u, 4u, 5u, 6u, 11u}) {
-        EXPECT_EQ(registered(plain(AF_INET, ++port, nullptr, protocol)), 0);
-        EXPECT_EQ(registered(plain(AF_INET6, port, nullptr, protocol)), 0);
-        EXPECT_EQ(registered(plain(AF_UNIX, 0, "/tmp/x", protocol)), -1);
-        EXPECT_TRUE(logged("vc: reg fail, protocol = " +
-                           std::to_string(protocol) + ", socket_type = 1\n"));
-        EXPECT_EQ(registered(plain(30, 0, nullptr, protocol)), -1);
-        EXPECT_TRUE(logged("vc: reg fail, protocol = " +
-                           std::to_string(protocol) + ", socket_type = 30\n"));
-    }
-}
-
-TEST_F(ServiceTest, tipc_protocols_take_tipc_only)
-{
-    for (const unsigned int protocol : {3u, 8u}) {
-        EXPECT_EQ(registered(plain(30, 0, nullptr, protocol)), 0);
-        EXPECT_EQ(registered(plain(AF_INET, 23, nullptr, protocol)), -1);
-        EXPECT_TRUE(logged("vc: reg fail, protocol = " +
-                           std::to_string(protocol) + ", socket_type = 2\n"));
-    }
-}
-
-TEST_F(ServiceTest, path_protocols_take_a_unix_path_without_port_only)
-{
-    for (const unsigned int protocol : {7u, 9u, 10u}) {
-        const std::string name = "/tmp/p" + std::to_string(protocol);
-        const std::string start =
-            "vc: reg fail, protocol = " + std::to_string(protocol);
-        EXPECT_EQ(registered(plain(AF_UNIX, 0, name.c_str(), protocol)), 0);
-        EXPECT_EQ(registered(plain(AF_INET, 0, name.c_str(), protocol)), -1);
-        EXPECT_TRUE(logged(start + ", socket_type = 2, listen_port = 0\n"));
-        EXPECT_EQ(registered(plain(AF_UNIX, 0, nullptr, protocol)), -1);
-        EXPECT_TRUE(logged(start + ", socket_type = 1, listen_port = 0\n"));
-        EXPECT_EQ(registered(plain(AF_UNIX, 0, "", protocol)), -1);
-        EXPECT_TRUE(logged(start + ", socket_type = 1, listen_port = 0\n"));
-        EXPECT_EQ(registered(plain(AF_UNIX, 5, "/tmp/q", protocol)), -1);
-        EXPECT_TRUE(logged(start + ", socket_type = 1, listen_port = 5\n"));
-    }
-}
-
-TEST_F(ServiceTest, protocol_0_takes_any_family)
-{
-    EXPECT_EQ(registered(plain(5, 0, nullptr, 0)), 0);
-    EXPECT_EQ(registered(plain(AF_INET, 23, nullptr, 0)), 0);
-    EXPECT_EQ(registered(plain(AF_UNIX, 0, "/tmp/x", 0)), 0);
-    EXPECT_EQ(registered(plain(30, 0, nullptr, 0)), 0);
-    EXPECT_EQ(services().size(), 4u);
-}
-
-TEST_F(ServiceTest, one_port_of_one_family_is_registered_once)
-{
-    ASSERT_EQ(registered(plain(AF_INET, 23, nullptr, 6)), 0);
-    EXPECT_EQ(registered(plain(AF_INET, 23, nullptr, 1)), -1);
-    EXPECT_TRUE(logged("vc: reg fail, duplicate registration\n"));
-    EXPECT_EQ(services().size(), 1u);
-}
-
-TEST_F(ServiceTest, one_port_of_two_families_is_two_services)
-{
-    EXPECT_EQ(registered(plain(AF_INET, 23, nullptr, 6)), 0);
-    EXPECT_EQ(registered(plain(AF_INET6, 23, nullptr, 6)), 0);
-}
-
-TEST_F(ServiceTest, equal_paths_are_duplicates_of_the_same_family_only)
-{
-    ASSERT_EQ(registered(plain(AF_UNIX, 0, "/tmp/x", 7)), 0);
-    EXPECT_EQ(registered(plain(AF_UNIX, 0, "/tmp/x", 9)), -1);
-    EXPECT_TRUE(logged("vc: reg fail, duplicate registration\n"));
-    EXPECT_EQ(registered(plain(AF_INET, 0, "/tmp/x", 0)), 0);
-}
-
-TEST_F(ServiceTest, port_0_is_no_endpoint)
-{
-    EXPECT_EQ(registered(plain(AF_UNIX, 0, "/tmp/x", 7)), 0);
-    EXPECT_EQ(registered(plain(AF_UNIX, 0, "/tmp/y", 7)), 0);
-    EXPECT_EQ(registered(plain(30, 0, nullptr, 3)), 0);
-    EXPECT_EQ(registered(plain(30, 0, nullptr, 8)), 0);
-}
-
-TEST_F(ServiceTest, protocol_11_starts_closed)
-{
-    ASSERT_EQ(registered(plain(AF_INET, 23, nullptr, 11)), 0);
-    EXPECT_EQ(services()[0]->flags, SRV_CLOSED);
-}
-
-TEST_F(ServiceTest, a_refused_first_registration_still_initialises)
-{
-    EXPECT_EQ(registered(plain(AF_INET, 23, nullptr, 12)), -1);
-    EXPECT_TRUE(g_vc_inited);
-    EXPECT_EQ(vc_service_del(23), 0);
-}
-
-TEST_F(ServiceTest, deletion_before_any_registration_fails)
-{
-    EXPECT_EQ(vc_service_del(23), -1);
-    EXPECT_FALSE(g_vc_inited);
-}
-
-TEST_F(ServiceTest, deletion_without_a_match_succeeds)
-{
-    ASSERT_EQ(registered(plain(AF_INET, 24, nullptr, 6)), 0);
-    EXPECT_EQ(vc_service_del(23), 0);
-    EXPECT_EQ(services().size(), 1u);
-}
-
-TEST_F(ServiceTest, deletion_removes_the_first_match_only)
-{
-    ASSERT_EQ(registered(plain(AF_INET, 23, nullptr, 6)), 0);
-    ASSERT_EQ(registered(plain(AF_INET6, 23, nullptr, 6)), 0);
-    EXPECT_EQ(vc_service_del(23), 0);
-    ASSERT_EQ(services().size(), 1u);
-    EXPECT_EQ(services()[0]->reg.socket_type, AF_INET6);
-}
-
-TEST_F(ServiceTest, deletion_of_port_0_takes_the_first_path)
-{
-    ASSERT_EQ(registered(plain(AF_INET, 23, nullptr, 6)), 0);
-    ASSERT_EQ(registered(plain(AF_UNIX, 0, "/tmp/x", 7)), 0);
-    ASSERT_EQ(registered(plain(AF_UNIX, 0, "/tmp/y", 7)), 0);
-    // Sessions of the service share the path: it outlives the service.
-    static const char *shared;
-    shared = services()[1]->reg.listen_path;
-    EXPECT_EQ(vc_service_del(0), 0);
-    ASSERT_EQ(services().size(), 2u);
-    EXPECT_STREQ(services()[1]->reg.listen_path, "/tmp/y");
-    EXPECT_STREQ(shared, "/tmp/x");
-}
-
-TEST_F(ServiceTest, deletion_closes_the_listener)
-{
-    ASSERT_EQ(registered(plain(AF_INET, 23, nullptr, 6)), 0);
-    const int listener = dup(0);
-    services()[0]->listen_fd = listener;
-    EXPECT_EQ(vc_service_del(23), 0);
-    EXPECT_EQ(fcntl(listener, F_GETFD), -1);
-}
-
-TEST_F(ServiceTest, deletion_of_a_service_on_descriptor_0_closes_it)
-{
-    ASSERT_EQ(registered(plain(AF_INET, 23, nullptr, 6)), 0);
-    const int kept = dup(0);
-    services()[0]->listen_fd = 0;
-    EXPECT_EQ(vc_service_del(23), 0);
-    EXPECT_EQ(fcntl(0, F_GETFD), -1);
-    dup2(kept, 0);
-    close(kept);
-}
-
-TEST_F(ServiceTest, nothing_is_sent_or_logged_on_deletion)
-{
-    ASSERT_EQ(registered(plain(AF_INET, 23, nullptr, 6)), 0);
-    vc_tty_socket_set(inetd_fd_);
-    EXPECT_EQ(vc_service_del(23), 0);
-    EXPECT_TRUE(sent().empty());
-    EXPECT_TRUE(messages().empty());
-}
-
-static volatile sig_atomic_t g_hangups;
-
-static void count_hangup(int)
-{
-    g_hangups = g_hangups + 1;
-}
-
-TEST_F(ServiceTest, a_started_loop_is_woken_by_registration_and_deletion)
-{
-    ASSERT_EQ(registered(plain(AF_INET, 23, nullptr, 6)), 0);
-    signal(SIGHUP, count_hangup);
-    ASSERT_EQ(registered(plain(AF_INET, 24, nullptr, 6)), 0);
-    EXPECT_EQ(g_hangups, 0);
-    g_vc_started = true;
-    ASSERT_EQ(registered(plain(AF_INET, 25, nullptr, 6)), 0);
-    EXPECT_EQ(g_hangups, 1);
-    EXPECT_EQ(vc_service_del(99), 0);
-    EXPECT_EQ(g_hangups, 1);
-    EXPECT_EQ(vc_service_del(25), 0);
-    EXPECT_EQ(g_hangups, 2);
-    EXPECT_EQ(registered(plain(AF_INET, 24, nullptr, 6)), -1);
-    EXPECT_EQ(g_hangups, 2);
-}
-
-TEST_F(ServiceTest, initialisation_empties_the_table_and_the_list)
-{
-    vc_child child = {};
-    vc_child_install(300, &child);
-    EXPECT_EQ(vc_init(6), 0);
-    EXPECT_EQ(vc_child_at(300), nullptr);
-    EXPECT_TRUE(services().empty());
-}
-
-TEST_F(ServiceTest, initialisation_runs_once)
-{
-    ASSERT_EQ(registered(plain(AF_INET, 23, nullptr, 6)), 0);
-    signal(SIGHUP, SIG_DFL);
-    ASSERT_EQ(registered(plain(AF_INET, 24, nullptr, 6)), 0);
-    struct sigaction action;
-    sigaction(SIGHUP, nullptr, &action);
-    EXPECT_EQ(action.sa_handler, SIG_DFL);
-    EXPECT_EQ(services().size(), 2u);
 }
 
 TEST_F(ServiceTest, readers_share_the_lock_and_writers_do_not)
@@ -482,72 +51,78 @@ TEST_F(ServiceTest, readers_share_the_lock_and_writers_do_not)
     EXPECT_TRUE(written);
 }
 
-TEST_F(ServiceTest, services_come_and_go_from_several_threads)
+TEST_F(ServiceTest, a_service_is_told_by_its_own_path_only)
 {
-    ASSERT_EQ(registered(plain(AF_INET, 1, nullptr, 6)), 0);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; t++) {
-        threads.emplace_back([t] {
-            for (int i = 0; i < 200; i++) {
-                const int port = 1000 * (t + 1) + i;
-                const vc_reg reg = plain(AF_INET, port, nullptr, 6);
-                EXPECT_EQ(vc_service_reg(&reg), 0);
-                EXPECT_EQ(vc_service_reg(&reg), -1);
-                EXPECT_EQ(vc_service_del(port), 0);
-            }
-        });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(services().size(), 1u);
+    vc_srv srv = {};
+    EXPECT_FALSE(vc_srv_has_path(&srv, ""));
+    srv.reg.listen_path = "/run/a";
+    EXPECT_TRUE(vc_srv_has_path(&srv, "/run/a"));
+    EXPECT_FALSE(vc_srv_has_path(&srv, "/run/ab"));
+    EXPECT_FALSE(vc_srv_has_path(&srv, "/run/"));
 }
 
-TEST_F(ServiceTest, no_memory_for_the_node_is_reported_and_nothing_kept)
+TEST_F(ServiceTest, a_walk_may_unlink_the_service_it_is_at)
 {
-    fault_row("vc_service_reg", "calloc", "ENOMEM", "-1",
-              "vc: malloc fail, srv == NULL\n",
-              "nothing registered, the lock free");
-    ASSERT_EQ(registered(plain(AF_INET, 23, nullptr, 6)), 0);
-    fault::fail("calloc", 1, ENOMEM);
-    EXPECT_EQ(registered(plain(AF_INET, 24, nullptr, 6)), -1);
-    fault::reset();
-    EXPECT_TRUE(logged("vc: malloc fail, srv == NULL\n"));
-    EXPECT_EQ(services().size(), 1u);
-    // The lock is free again.
-    EXPECT_EQ(registered(plain(AF_INET, 24, nullptr, 6)), 0);
-}
-
-TEST_F(ServiceTest, no_memory_for_the_path_is_reported_and_nothing_kept)
-{
-    fault_row("vc_service_reg", "strdup", "ENOMEM", "-1",
-              "vc: strdup fail, reg->listen_path == NULL\n",
-              "nothing registered, the lock free");
-    ASSERT_EQ(registered(plain(AF_INET, 23, nullptr, 6)), 0);
-    fault::fail("strdup", 1, ENOMEM);
-    EXPECT_EQ(registered(plain(AF_UNIX, 0, "/tmp/x", 7)), -1);
-    fault::reset();
-    EXPECT_TRUE(logged("vc: strdup fail, reg->listen_path == NULL\n"));
-    EXPECT_EQ(services().size(), 1u);
-    EXPECT_EQ(registered(plain(AF_UNIX, 0, "/tmp/x", 7)), 0);
-}
-
-TEST_F(ServiceTest, a_lock_that_cannot_be_made_ends_the_process_with_0)
-{
-    fault_row("vc_service_reg", "pthread_rwlockattr_init", "ENOMEM",
-              "the process ends with status 0", "", "");
-    fault_row("vc_service_reg", "pthread_rwlock_init", "ENOMEM",
-              "the process ends with status 0", "", "");
-    for (const char *call :
-         {"pthread_rwlockattr_init", "pthread_rwlock_init"}) {
-        const pid_t pid = fork();
-        if (pid == 0) {
-            fault::fail(call, 1, ENOMEM);
-            registered(plain(AF_INET, 23, nullptr, 6));
-            _exit(9);
+    add(plain(AF_INET, 23, nullptr, 6));
+    add(plain(AF_INET, 24, nullptr, 6));
+    add(plain(AF_INET, 25, nullptr, 6));
+    std::vector<int> ports;
+    vc_srv *srv;
+    VC_FOR_EACH_SERVICE(srv)
+    {
+        const int port = srv->reg.listen_port;
+        ports.push_back(port);
+        if (port != 25) {
+            EXPECT_EQ(vc_service_del(port), 0);
         }
-        const int status = support::wait_child(pid);
-        EXPECT_TRUE(WIFEXITED(status)) << call;
-        EXPECT_EQ(WEXITSTATUS(status), 0) << call;
     }
+    EXPECT_EQ(ports, (std::vector<int>{23, 24, 25}));
+    EXPECT_EQ(service(1), nullptr);
+}
+
+TEST_F(ServiceTest, a_listener_is_closed_with_and_without_a_shutdown)
+{
+    const Listener closed;
+    const Listener shut;
+    vc_srv srv = {};
+    srv.listen_fd = closed.fd;
+    vc_srv_close_listener(&srv);
+    EXPECT_EQ(srv.listen_fd, -1);
+    EXPECT_TRUE(closed.closed());
+    EXPECT_FALSE(closed.shut_down());
+    srv.listen_fd = shut.fd;
+    vc_srv_shut_listener(&srv);
+    EXPECT_EQ(srv.listen_fd, -1);
+    EXPECT_TRUE(shut.closed());
+    EXPECT_TRUE(shut.shut_down());
+    // There is none any more.
+    const int closes = fault::watch("close");
+    vc_srv_close_listener(&srv);
+    vc_srv_shut_listener(&srv);
+    vc_srv_close_listener_logged(&srv, "somebody");
+    EXPECT_EQ(fault::seen(closes), 0);
+    EXPECT_TRUE(messages().empty());
+}
+
+TEST_F(ServiceTest, a_logged_closing_names_caller_and_descriptor)
+{
+    const Listener listener;
+    const std::string start = "(vc:" + std::to_string(getpid()) +
+                              "):somebody close listen fd(" +
+                              std::to_string(listener.fd) + ") ";
+    vc_srv srv = {};
+    srv.listen_fd = listener.fd;
+    errno = 0;
+    vc_srv_close_listener_logged(&srv, "somebody");
+    EXPECT_EQ(srv.listen_fd, -1);
+    EXPECT_FALSE(listener.shut_down());
+    EXPECT_EQ(messages(), (std::vector<std::string>{start + "success, err " +
+                                                    strerror(0) + ".\r\n"}));
+}
+
+TEST_F(ServiceTest, the_number_of_the_connection_is_on_show)
+{
+    vc_tty_socket_set(17);
+    EXPECT_EQ(g_vc_tty_socket, 17);
+    EXPECT_EQ(vc_tty_socket_get(), 17);
 }

@@ -2,6 +2,8 @@
 
 #include <stdlib.h>
 
+#include <atomic>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -89,4 +91,30 @@ TEST_F(SessionTableTest, an_emptied_table_has_no_lines)
     vc_child_clear_all();
     EXPECT_EQ(vc_child_at(300), nullptr);
     EXPECT_TRUE(lines().empty());
+}
+
+// Runs handlers on another thread while sessions come and go on this one: a
+// record must not be freed under a handler that has found it.
+TEST_F(SessionTableTest, handlers_on_other_threads_never_meet_a_freed_record)
+{
+    std::atomic<bool> stop{false};
+    std::thread handler([&] {
+        while (!stop) {
+            vc_child_table_enter();
+            vc_child *child = vc_child_of_pid(4242);
+            if (child != nullptr) {
+                vc_child_set_exited(child);
+            }
+            vc_child_table_leave();
+        }
+    });
+    for (int i = 0; i < 2000; i++) {
+        auto *child = static_cast<vc_child *>(calloc(1, sizeof(vc_child)));
+        child->ttyno = 300;
+        vc_child_install(300, child);
+        vc_child_set_pid(child, 4242);
+        vc_child_release(child);
+    }
+    stop = true;
+    handler.join();
 }

@@ -11,13 +11,11 @@
 
 #include <algorithm>
 #include <optional>
-#include <thread>
 
 #include "tests/support/fault.h"
 #include "tests/support/fault_row.h"
 #include "tests/unit/vc/vc_fixture.h"
-#include "vc/relay.h"
-#include "vc/signals.h"
+#include "vc/session.h"
 
 // A session made by hand: no forked child unless a test wants one.
 class TeardownTest : public VcTest
@@ -319,82 +317,4 @@ TEST_F(TeardownTest, a_process_that_has_been_reaped_is_not_signalled)
     EXPECT_EQ(fault::seen(kills), 0);
     EXPECT_TRUE(logged("vc: kill pid 4242\n"));
     EXPECT_EQ(sent()[0].pid, 4242);
-}
-
-TEST_F(TeardownTest, a_relay_step_without_session_is_logged)
-{
-    EXPECT_EQ(vc_indata_proc(nullptr), -1);
-    EXPECT_EQ(vc_outdata_proc(nullptr), -1);
-    EXPECT_EQ(messages(), (std::vector<std::string>{
-                              "vc: indata-proc, tel not found\r\n",
-                              "vc: outdata-proc, tel not found\r\n"}));
-}
-
-TEST_F(TeardownTest, a_relay_step_gives_back_what_the_callback_says)
-{
-    vc_child *child = session(300);
-    g_calls.read_result = 7;
-    g_calls.write_result = 9;
-    EXPECT_EQ(vc_indata_proc(child), 7);
-    EXPECT_EQ(g_calls.ttyno, 300);
-    EXPECT_EQ(vc_outdata_proc(child), 9);
-    EXPECT_EQ(g_calls.read, 1);
-    EXPECT_EQ(g_calls.write, 1);
-    EXPECT_TRUE(messages().empty());
-    vc_child_kill(child);
-}
-
-static int fail_with_eio(int)
-{
-    errno = EIO;
-    return -5;
-}
-
-TEST_F(TeardownTest, an_input_step_that_fails_ends_the_session)
-{
-    vc_child *child = session(300);
-    child->reg.read_func = fail_with_eio;
-    EXPECT_EQ(vc_indata_proc(child), -1);
-    EXPECT_EQ(vc_child_at(300), nullptr);
-    EXPECT_EQ(messages()[0],
-              std::string("vc: indata-proc, tel read fail, err:") +
-                  strerror(EIO) + ".\r\n");
-    EXPECT_EQ(sent().size(), 1u);
-}
-
-TEST_F(TeardownTest, an_output_step_that_fails_ends_the_session)
-{
-    vc_child *child = session(300);
-    child->reg.write_func = fail_with_eio;
-    EXPECT_EQ(vc_outdata_proc(child), -1);
-    EXPECT_EQ(vc_child_at(300), nullptr);
-    EXPECT_EQ(messages()[0],
-              std::string("vc: outdata-proc, tel write fail, err:") +
-                  strerror(EIO) + ".\r\n");
-}
-
-// Runs handlers on another thread while sessions come and go on this one: a
-// record must not be freed under a handler that has found it.
-TEST_F(TeardownTest, handlers_on_other_threads_never_meet_a_freed_record)
-{
-    std::atomic<bool> stop{false};
-    std::thread handler([&] {
-        while (!stop) {
-            vc_child_table_enter();
-            vc_child *child = vc_child_of_pid(4242);
-            if (child != nullptr) {
-                vc_child_set_exited(child);
-            }
-            vc_child_table_leave();
-        }
-    });
-    for (int i = 0; i < 2000; i++) {
-        auto *child = static_cast<vc_child *>(calloc(1, sizeof(vc_child)));
-        child->ttyno = 300;
-        vc_child_install(300, child);
-        vc_child_set_pid(child, 4242);
-        vc_child_release(child);
-    }
-    stop = true;
-    handler.join();
 }
