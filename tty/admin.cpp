@@ -17,7 +17,6 @@
 
 // One above the last line: no line is excepted.
 constexpr unsigned int EXCEPT_LINE_MAX = TTY_LINES;
-constexpr unsigned int HOLD_TIME_MAX = 1800;
 constexpr unsigned int SERVICE_PATH_SIZE = 100;
 constexpr unsigned int MASK_TEXT_SIZE = 128;
 // Enabled unless the device says otherwise.
@@ -125,7 +124,7 @@ static bool hold_permitted(unsigned int except_ttyno, unsigned int hold_time)
                       static_cast<int>(except_ttyno));
         return false;
     }
-    if (hold_time > HOLD_TIME_MAX) {
+    if (hold_time > TTY_HOLD_MAX) {
         tty_debug_msg(0, "ttylib: param err, hold_time is %d\n",
                       static_cast<int>(hold_time));
         return false;

@@ -3,15 +3,6 @@
 
 #include <stdint.h>
 
-// Kinds of items, each with a 32-bit value.
-constexpr uint16_t TTYLIB_TLV_LOGSUCC = 0x0001;
-constexpr uint16_t TTYLIB_TLV_TTYNO = 0x0020;
-constexpr uint16_t TTYLIB_TLV_SPEED = 0x0040;
-constexpr uint16_t TTYLIB_TLV_SESSION_TIMEOUT = 0x0080;
-constexpr uint16_t TTYLIB_TLV_EXEC_TIMEOUT = 0x0100;
-constexpr uint16_t TTYLIB_TLV_HOLD_TIME = 0x0800;
-constexpr uint16_t TTYLIB_TLV_RELEASE = 0x1000;
-
 constexpr uint32_t ADMIN_REQUEST_SIZE = 64;
 
 // A request under construction. A zeroed one is empty.

@@ -45,6 +45,9 @@ extern "C" {
 #define TTY_LINE_RESERVED0 80000
 #define TTY_LINE_RESERVED1 80001
 
+/* The most characters that key and value of a line may have together. */
+#define TTY_PAIR_MAX 1020
+
 /*
  * Stores a value of a line.
  *
@@ -53,8 +56,8 @@ extern "C" {
  *        refused
  * value  text to store; may be empty, must not be null. It is stored as it
  *        is: a line feed in it splits its line of the file. Key and value
- *        together longer than 1020 characters are cut and lose their line
- *        end, so that the next key of the file runs into them.
+ *        together longer than TTY_PAIR_MAX are cut and lose their line end,
+ *        so that the next key of the file runs into them.
  *
  * Returns 0, or -1 when the request is refused or the file could not be
  * replaced; the old content is then still in place. The file is written
@@ -126,7 +129,21 @@ int tty_code2speed(int code);
  * does not read. Signals are held back meanwhile. A process that does not
  * ignore SIGPIPE is ended by it, after the call's work is done, when the
  * daemon has gone.
+ *
+ * On the wire a request is the line's item and one more, and a release its own
+ * item alone; an item is 8 bytes in the machine's byte order: 16 bits of type,
+ * 16 bits that hold the length of the value, always 4, and 32 bits of value.
  */
+#define TTYLIB_TLV_LOGSUCC 0x0001         /* 1: the user has logged in */
+#define TTYLIB_TLV_TTYNO 0x0020           /* a line; in a hold, to except */
+#define TTYLIB_TLV_SPEED 0x0040           /* the new speed */
+#define TTYLIB_TLV_SESSION_TIMEOUT 0x0080 /* the new time-out */
+#define TTYLIB_TLV_EXEC_TIMEOUT 0x0100    /* the new time-out */
+#define TTYLIB_TLV_HOLD_TIME 0x0800       /* 0 to TTY_HOLD_MAX */
+#define TTYLIB_TLV_RELEASE 0x1000         /* 0 */
+
+/* The longest hold, in seconds. */
+#define TTY_HOLD_MAX 1800
 
 /*
  * Records how a login on a line ended in its key LOGSUCC ("1" or "0") and
@@ -156,7 +173,7 @@ int tty_cfg_update(unsigned int ttyno, const char *name, unsigned int value);
  * time is over.
  *
  * except_ttyno  the line to except, 0 to 1585; 1586: none
- * hold_time     0 to 1800
+ * hold_time     0 to TTY_HOLD_MAX
  *
  * Returns 0, or -1 for a value out of range, while an earlier hold of this
  * process has not been released, or when the request could not be sent. A hold

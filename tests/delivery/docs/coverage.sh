@@ -56,8 +56,8 @@ check_numbers() {
         "$(sed -nE 's/^\.It (0x[0-9a-f]+) Ta .*/\1/p' \
             "$source/man/man7/vc.7" | grep -vx 0x408)"
     same "tty(7)" \
-        "$(sed -nE 's/^constexpr .*TTYLIB_TLV_.* = (0x[0-9a-f]+);$/\1/p' \
-            "$source/tty/admin_channel.h")" \
+        "$(sed -nE 's/^#define TTYLIB_TLV_[A-Z_]+ (0x[0-9a-f]+)( .*)?$/\1/p' \
+            "$source/include/ttyline/tty.h")" \
         "$(sed -nE 's/^\.It (0x[0-9a-f]+) Ta .*/\1/p' \
             "$source/man/man7/tty.7")"
 }
