@@ -11,7 +11,6 @@
 #include <netinet/in.h>
 #include <pwd.h>
 #include <sys/ioctl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <syslog.h>
@@ -121,21 +120,6 @@ void make_terminal_sane(int fd)
         size.ws_col = 80;
         ioctl(fd, TIOCSWINSZ, &size);
     }
-}
-
-bool raise_descriptor_limit(unsigned most)
-{
-    rlimit limit;
-
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
-        return false;
-    }
-    rlim_t wanted = limit.rlim_max < most ? limit.rlim_max : most;
-    if (limit.rlim_cur >= wanted) {
-        return true;
-    }
-    limit.rlim_cur = wanted;
-    return setrlimit(RLIMIT_NOFILE, &limit) == 0;
 }
 
 /* IPv4 takes its IPv6-mapped form, so that one comparison serves both. */

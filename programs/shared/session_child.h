@@ -1,8 +1,8 @@
 /*
  * What a login daemon needs besides its callbacks: the way from the forked
- * child to the session program, the peers that may come in, and the limit on
- * descriptors. Linking daemon_util.cpp also provides printk_syslog_ext() of
- * ttyline/vc.h, on top of syslog(3).
+ * child to the session program, and the peers that may come in. Linking
+ * session_child.cpp also provides printk_syslog_ext() of ttyline/vc.h, on top
+ * of syslog(3).
  */
 #ifndef TTYLINE_EXAMPLES_DAEMON_UTIL_H
 #define TTYLINE_EXAMPLES_DAEMON_UTIL_H
@@ -40,13 +40,6 @@ void close_listed_descriptors(int lowest);
  * echo and carriage-return translation switched off.
  */
 void make_terminal_sane(int fd);
-
-/* The session service watches no descriptor of this number or above. */
-constexpr unsigned watched_descriptors = 65536;
-
-/* Raises the soft limit on open descriptors to the hard one, at most to most.
- */
-bool raise_descriptor_limit(unsigned most);
 
 /* Addresses that agree with this one in the first bits. */
 struct allow_entry {

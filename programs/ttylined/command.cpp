@@ -1,19 +1,21 @@
-/*
- * Commands of an operator: a table of names and functions. Each function gets
- * what follows the name and appends whole lines to the reply.
- */
+// Commands of an operator: a table of names and functions. Each function gets
+// what follows the name and appends whole lines to the reply.
+#include "programs/ttylined/command.h"
+
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
-#include "programs/ttylined/server.h"
+#include "programs/shared/parse.h"
+#include "programs/ttylined/clock.h"
+#include "programs/ttylined/record.h"
 
-static constexpr long long ms_per_second = 1000;
+constexpr int64_t MS_PER_SECOND = 1000;
 
-/* The library tears down sessions on the order of a clear only here. */
-static constexpr line_range clearable = {258, 321};
-static constexpr int port_max = 65535;
+// The library tears down sessions on the order of a clear only here.
+constexpr line_range CLEARABLE = {258, 321};
+constexpr int PORT_MAX = 65535;
 
 static void add_line(std::string &reply, const char *format, ...)
     __attribute__((format(printf, 2, 3)));
@@ -30,7 +32,7 @@ static void add_line(std::string &reply, const char *format, ...)
     reply += '\n';
 }
 
-/* Takes the first word off the text; empty when there is none. */
+// Takes the first word off the text; empty when there is none.
 static std::string take_word(std::string &text)
 {
     const std::size_t start =
@@ -69,7 +71,7 @@ static void run_list(server &srv, std::string &, std::string &reply)
 {
     add_line(reply, "%-5s %-8s %-6s %-10s %-11s %-8s %s", "line", "protocol",
              "client", "client-pid", "session-pid", "state", "peer");
-    for (const pool_line &line : srv.pool.lines) {
+    for (const pool_line &line : srv.lines.pool.lines) {
         if (line.state == line_state::unused) {
             continue;
         }
@@ -84,7 +86,7 @@ static void run_services(server &srv, std::string &, std::string &reply)
 {
     add_line(reply, "%-6s %-10s %-8s %-6s %-6s %-9s %s", "client", "client-pid",
              "protocol", "family", "port", "state", "path");
-    for (const auto &[number, cli] : srv.clients) {
+    for (const auto &[number, cli] : srv.daemons.clients) {
         for (const service &known : cli.services) {
             const tty_cmsg &record = known.request;
             add_line(reply, "%-6u %-10d %-8d %-6d %-6d %-9s %s", number,
@@ -104,38 +106,36 @@ static void run_clear(server &srv, std::string &arguments, std::string &reply)
                  TTY_LINES - 1);
         return;
     }
-    const pool_line *line = pool_find(srv.pool, ttyno);
+    const pool_line *line = pool_find(srv.lines.pool, ttyno);
     if (line->state == line_state::unused) {
         add_line(reply, "error: line %d is free", ttyno);
         return;
     }
-    const auto owner = srv.clients.find(line->client);
-    if (owner == srv.clients.end()) {
+    const auto owner = srv.daemons.clients.find(line->client);
+    if (owner == srv.daemons.clients.end()) {
         add_line(reply, "error: the daemon of line %d is not connected", ttyno);
         return;
     }
     tty_cmsg record = {};
     record.vc_flag = VC_FLAG_CLIENT_CLEAR;
     record.ttyno = ttyno;
-    client_send(srv, owner->second, record);
+    client_send(owner->second, record);
     add_line(reply, "ok: sent to client %u", owner->first);
-    if (ttyno < clearable.low || ttyno > clearable.high) {
+    if (ttyno < CLEARABLE.low || ttyno > CLEARABLE.high) {
         add_line(reply, "note: the daemon only honours lines %d to %d",
-                 clearable.low, clearable.high);
+                 CLEARABLE.low, CLEARABLE.high);
     }
 }
 
-/*
- * Sends an order to every client with a service that fits, once each and with
- * the process id under which it announced the service.
- */
+// Sends an order to every client with a service that fits, once each and with
+// the process id under which it announced the service.
 template <typename Fits>
 static void send_order(server &srv, tty_cmsg order, const char *state,
                        Fits fits, std::string &reply)
 {
     int sent = 0;
 
-    for (auto &[number, cli] : srv.clients) {
+    for (auto &[number, cli] : srv.daemons.clients) {
         bool found = false;
         for (service &known : cli.services) {
             if (known.request.protocol == order.protocol &&
@@ -146,7 +146,7 @@ static void send_order(server &srv, tty_cmsg order, const char *state,
             }
         }
         if (found) {
-            client_send(srv, cli, order);
+            client_send(cli, order);
             add_line(reply, "ok: sent to client %u", number);
             sent++;
         }
@@ -161,7 +161,7 @@ static void run_stop(server &srv, std::string &arguments, std::string &reply)
     tty_cmsg order = {};
 
     order.vc_flag = VC_FLAG_STOP_LISTEN;
-    if (!take_number(arguments, 0, pool_protocols - 1, order.protocol) ||
+    if (!take_number(arguments, 0, POOL_PROTOCOLS - 1, order.protocol) ||
         !arguments.empty()) {
         add_line(reply, "error: stop PROTOCOL, a protocol from 0 to 11");
         return;
@@ -185,8 +185,8 @@ static void run_delete_port(server &srv, std::string &arguments,
     tty_cmsg order = {};
 
     order.vc_flag = VC_FLAG_PORT_FAIL;
-    if (!take_number(arguments, 0, pool_protocols - 1, order.protocol) ||
-        !take_number(arguments, 0, port_max, order.port) ||
+    if (!take_number(arguments, 0, POOL_PROTOCOLS - 1, order.protocol) ||
+        !take_number(arguments, 0, PORT_MAX, order.port) ||
         !arguments.empty()) {
         add_line(reply, "error: delete-port PROTOCOL PORT");
         return;
@@ -205,7 +205,7 @@ static void run_delete_path(server &srv, std::string &arguments,
     tty_cmsg order = {};
 
     order.vc_flag = VC_FLAG_PATH_FAIL;
-    if (!take_number(arguments, 0, pool_protocols - 1, order.protocol) ||
+    if (!take_number(arguments, 0, POOL_PROTOCOLS - 1, order.protocol) ||
         arguments.empty() || arguments.size() >= VC_PATH_SIZE) {
         add_line(reply, "error: delete-path PROTOCOL PATH, a path of at most "
                         "63 characters");
@@ -231,8 +231,8 @@ static std::string hold_text(const line_hold &hold)
     if (hold.until == 0) {
         return "all lines" + except + ", until released";
     }
-    const long long left =
-        (hold.until - monotonic_ms() + ms_per_second - 1) / ms_per_second;
+    const int64_t left =
+        (hold.until - monotonic_ms() + MS_PER_SECOND - 1) / MS_PER_SECOND;
     return "all lines" + except + ", " + std::to_string(left) + " s left";
 }
 
@@ -249,12 +249,12 @@ static bool is_known(const line_facts &facts)
 
 static void run_admin(server &srv, std::string &, std::string &reply)
 {
-    add_line(reply, "hold: %s", hold_text(srv.hold).c_str());
-    add_line(reply, "waiting: %zu", srv.waiting.size());
+    add_line(reply, "hold: %s", hold_text(srv.lines.hold).c_str());
+    add_line(reply, "waiting: %zu", srv.lines.waiting.size());
     add_line(reply, "%-5s %-5s %-10s %-15s %s", "line", "login", "speed",
              "session-timeout", "exec-timeout");
     for (int ttyno = 0; ttyno < TTY_LINES; ttyno++) {
-        const line_facts &facts = pool_find(srv.pool, ttyno)->facts;
+        const line_facts &facts = pool_find(srv.lines.pool, ttyno)->facts;
         if (is_known(facts)) {
             add_line(reply, "%-5d %-5s %-10s %-15s %s", ttyno,
                      facts.logged_in ? "yes" : "no",
@@ -272,23 +272,23 @@ static void run_hold(server &srv, std::string &arguments, std::string &reply)
     int seconds = 0;
 
     if ((line != "none" && !parse_number(line, 0, TTY_LINES - 1, except)) ||
-        !take_number(arguments, 0, hold_seconds_max, seconds) ||
+        !take_number(arguments, 0, TTY_HOLD_MAX, seconds) ||
         !arguments.empty()) {
         add_line(reply,
                  "error: hold LINE|none SECONDS, a line from 0 to %d and a "
                  "time from 0 to %d",
-                 TTY_LINES - 1, hold_seconds_max);
+                 TTY_LINES - 1, TTY_HOLD_MAX);
         return;
     }
-    hold_begin(srv, except, seconds);
-    add_line(reply, "ok: %s", hold_text(srv.hold).c_str());
+    hold_begin(srv.lines.hold, except, seconds);
+    add_line(reply, "ok: %s", hold_text(srv.lines.hold).c_str());
 }
 
 static void run_release(server &srv, std::string &arguments, std::string &reply)
 {
     if (!arguments.empty()) {
         add_line(reply, "error: release takes no argument");
-    } else if (hold_end(srv)) {
+    } else if (hold_end(srv.lines.hold)) {
         add_line(reply, "ok: released");
     } else {
         add_line(reply, "error: no line is held");
@@ -303,32 +303,34 @@ static void run_quit(server &srv, std::string &, std::string &reply)
 
 static void run_help(server &srv, std::string &arguments, std::string &reply);
 
-static constexpr struct {
+constexpr struct {
     const char *name;
+    const char *arguments;
     void (*run)(server &, std::string &arguments, std::string &reply);
-    const char *help;
+    const char *purpose;
 } commands[] = {
-    {"list", run_list, "list                         lines in use"},
-    {"services", run_services, "services                     listen requests"},
-    {"clear", run_clear, "clear LINE                   end a session"},
-    {"stop", run_stop, "stop PROTOCOL                close the listeners"},
-    {"delete-port", run_delete_port,
-     "delete-port PROTOCOL PORT    delete a listener, reset its daemon"},
-    {"delete-path", run_delete_path,
-     "delete-path PROTOCOL PATH    the same for a unix path"},
-    {"admin", run_admin,
-     "admin                        the hold, logins and settings of lines"},
-    {"hold", run_hold,
-     "hold LINE|none SECONDS       assign no other line; 0: until released"},
-    {"release", run_release, "release                      end the hold"},
-    {"help", run_help, "help                         this text"},
-    {"quit", run_quit, "quit                         end ttylined"},
+    {"list", "", run_list, "lines in use"},
+    {"services", "", run_services, "listen requests"},
+    {"clear", "LINE", run_clear, "end a session"},
+    {"stop", "PROTOCOL", run_stop, "close the listeners"},
+    {"delete-port", "PROTOCOL PORT", run_delete_port,
+     "delete a listener, reset its daemon"},
+    {"delete-path", "PROTOCOL PATH", run_delete_path,
+     "the same for a unix path"},
+    {"admin", "", run_admin, "the hold, logins and settings of lines"},
+    {"hold", "LINE|none SECONDS", run_hold,
+     "assign no other line; 0: until released"},
+    {"release", "", run_release, "end the hold"},
+    {"help", "", run_help, "this text"},
+    {"quit", "", run_quit, "end ttylined"},
 };
 
 static void run_help(server &, std::string &, std::string &reply)
 {
     for (const auto &command : commands) {
-        add_line(reply, "%s", command.help);
+        const std::string usage =
+            std::string(command.name) + " " + command.arguments;
+        add_line(reply, "%-28s %s", usage.c_str(), command.purpose);
     }
 }
 

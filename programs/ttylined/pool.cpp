@@ -1,14 +1,13 @@
-/*
- * The pool of lines: ranges by protocol, one common occupancy. Protocols may
- * share lines; a line has one owner at a time whatever the ranges say.
- */
+// The pool of lines: ranges by protocol, one common occupancy. Protocols may
+// share lines; a line has one owner at a time whatever the ranges say.
 #include "programs/ttylined/pool.h"
 
 #include <algorithm>
-#include <charconv>
 
-/* Lines that can carry a session of the network. */
-static constexpr line_range usable[] = {{258, 1148}, {1421, 1585}};
+#include "programs/shared/parse.h"
+
+// Lines that can carry a session of the network.
+constexpr line_range usable[] = {{258, 1148}, {1421, 1585}};
 
 void pool_init(line_pool &pool)
 {
@@ -16,19 +15,6 @@ void pool_init(line_pool &pool)
     for (std::vector<line_range> &ranges : pool.ranges) {
         ranges.assign(std::begin(usable), std::end(usable));
     }
-}
-
-bool parse_number(const std::string &text, int low, int high, int &value)
-{
-    const char *end = text.data() + text.size();
-    int number = 0;
-
-    auto [stop, failed] = std::from_chars(text.data(), end, number);
-    if (failed != std::errc{} || stop != end || number < low || number > high) {
-        return false;
-    }
-    value = number;
-    return true;
 }
 
 static bool is_usable(const line_range &range)
@@ -66,7 +52,7 @@ bool pool_set_ranges(line_pool &pool, const std::string &text,
     int protocol = 0;
 
     if (equals == std::string::npos ||
-        !parse_number(text.substr(0, equals), 0, pool_protocols - 1,
+        !parse_number(text.substr(0, equals), 0, POOL_PROTOCOLS - 1,
                       protocol)) {
         error = "'" + text + "': PROTO=LO-HI with a protocol 0 to 11 is " +
                 "expected";
@@ -92,7 +78,7 @@ bool pool_set_ranges(line_pool &pool, const std::string &text,
     return true;
 }
 
-static pool_line *find_line(line_pool &pool, int ttyno)
+const pool_line *pool_find(const line_pool &pool, int ttyno)
 {
     if (ttyno < 0 || ttyno >= TTY_LINES) {
         return nullptr;
@@ -100,12 +86,10 @@ static pool_line *find_line(line_pool &pool, int ttyno)
     return &pool.lines[static_cast<std::size_t>(ttyno)];
 }
 
-const pool_line *pool_find(const line_pool &pool, int ttyno)
+// The same for a pool that may be changed.
+static pool_line *find_line(line_pool &pool, int ttyno)
 {
-    if (ttyno < 0 || ttyno >= TTY_LINES) {
-        return nullptr;
-    }
-    return &pool.lines[static_cast<std::size_t>(ttyno)];
+    return const_cast<pool_line *>(pool_find(pool, ttyno));
 }
 
 static int lowest_free(const line_pool &pool, const line_range &range)
@@ -120,7 +104,7 @@ static int lowest_free(const line_pool &pool, const line_range &range)
 
 static std::vector<line_range> ranges_of(const line_pool &pool, int protocol)
 {
-    if (protocol >= 0 && protocol < pool_protocols) {
+    if (protocol >= 0 && protocol < POOL_PROTOCOLS) {
         return pool.ranges[static_cast<std::size_t>(protocol)];
     }
     return {std::begin(usable), std::end(usable)};
@@ -214,12 +198,10 @@ bool pool_confirm(line_pool &pool, unsigned client, const tty_cmsg &record)
     return true;
 }
 
-/*
- * A failure after the session record existed is told twice: a line clean,
- * whose connection fields mean nothing, then the assignment sent back. The
- * first frees the line, so the second may find it in other hands, even in
- * those of the same client: it is known by the connection it names.
- */
+// A failure after the session record existed is told twice: a line clean,
+// whose connection fields mean nothing, then the assignment sent back. The
+// first frees the line, so the second may find it in other hands, even in
+// those of the same client: it is known by the connection it names.
 static bool is_late_answer(const pool_line &line, unsigned client,
                            const tty_cmsg &record)
 {

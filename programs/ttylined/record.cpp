@@ -1,65 +1,65 @@
-/*
- * Records as text. The kinds are a table: bit, name and meaningful fields for
- * each direction, in the order in which bits are looked at.
- */
+// Records as text. The kinds are a table: bit, name and meaningful fields for
+// each direction, in the order in which bits are looked at.
 #include "programs/ttylined/record.h"
 
 #include <arpa/inet.h>
 #include <cstdio>
 #include <cstring>
 
+#include "programs/shared/escape.h"
+
 enum field : unsigned {
-    f_ttyno = 1u << 0,
-    f_family = 1u << 1,
-    f_port = 1u << 2,
-    f_protocol = 1u << 3,
-    f_pid = 1u << 4,
-    f_peer = 1u << 5,
-    f_local = 1u << 6,
-    f_path = 1u << 7,
-    f_accept = 1u << 8,
-    f_tos = 1u << 9,
-    f_tipc = 1u << 10,
-    f_new_port = 1u << 11,
+    F_TTYNO = 1u << 0,
+    F_FAMILY = 1u << 1,
+    F_PORT = 1u << 2,
+    F_PROTOCOL = 1u << 3,
+    F_PID = 1u << 4,
+    F_PEER = 1u << 5,
+    F_LOCAL = 1u << 6,
+    F_PATH = 1u << 7,
+    F_ACCEPT = 1u << 8,
+    F_TOS = 1u << 9,
+    F_TIPC = 1u << 10,
+    F_NEW_PORT = 1u << 11,
 };
 
-static constexpr unsigned listen_port_fields =
-    f_family | f_port | f_protocol | f_pid | f_tos | f_tipc;
-static constexpr unsigned listen_path_fields =
-    f_family | f_protocol | f_pid | f_tos | f_path;
-static constexpr unsigned report_fields =
-    f_family | f_protocol | f_pid | f_peer | f_local | f_path | f_accept;
-static constexpr unsigned answer_fields =
-    f_ttyno | f_family | f_port | f_path | f_accept;
+constexpr unsigned LISTEN_PORT_FIELDS =
+    F_FAMILY | F_PORT | F_PROTOCOL | F_PID | F_TOS | F_TIPC;
+constexpr unsigned LISTEN_PATH_FIELDS =
+    F_FAMILY | F_PROTOCOL | F_PID | F_TOS | F_PATH;
+constexpr unsigned REPORT_FIELDS =
+    F_FAMILY | F_PROTOCOL | F_PID | F_PEER | F_LOCAL | F_PATH | F_ACCEPT;
+constexpr unsigned ANSWER_FIELDS =
+    F_TTYNO | F_FAMILY | F_PORT | F_PATH | F_ACCEPT;
 
 struct kind_row {
     uint32_t bit;
     record_kind kind;
-    const char *from_name; /* null: means nothing in this direction */
+    const char *from_name; // null: means nothing in this direction
     unsigned from_fields;
     const char *to_name;
     unsigned to_fields;
 };
 
-static constexpr kind_row kinds[] = {
-    {VC_FLAG_CLIENT_ALLOC, record_kind::alloc, "accept report", report_fields,
-     "line assignment", answer_fields},
+constexpr kind_row kinds[] = {
+    {VC_FLAG_CLIENT_ALLOC, record_kind::alloc, "accept report", REPORT_FIELDS,
+     "line assignment", ANSWER_FIELDS},
     {VC_FLAG_CLIENT_CLEAR, record_kind::clear, "line clean",
-     f_ttyno | f_port | f_protocol | f_pid, "client clear", f_ttyno},
+     F_TTYNO | F_PORT | F_PROTOCOL | F_PID, "client clear", F_TTYNO},
     {VC_FLAG_PORT_PERMIT, record_kind::port_permit, "listen request",
-     listen_port_fields, "permit", listen_port_fields},
+     LISTEN_PORT_FIELDS, "permit", LISTEN_PORT_FIELDS},
     {VC_FLAG_PATH_PERMIT, record_kind::path_permit, "listen request",
-     listen_path_fields, "permit", listen_path_fields},
+     LISTEN_PATH_FIELDS, "permit", LISTEN_PATH_FIELDS},
     {VC_FLAG_PORT_FAIL, record_kind::port_fail, "listen failed",
-     listen_port_fields, "delete port", f_port | f_protocol | f_pid},
+     LISTEN_PORT_FIELDS, "delete port", F_PORT | F_PROTOCOL | F_PID},
     {VC_FLAG_PATH_FAIL, record_kind::path_fail, "listen failed",
-     listen_path_fields, "delete path", f_path | f_protocol | f_pid},
-    {VC_FLAG_ALLOC_OK, record_kind::alloc_ok, "alloc ok", answer_fields | f_pid,
+     LISTEN_PATH_FIELDS, "delete path", F_PATH | F_PROTOCOL | F_PID},
+    {VC_FLAG_ALLOC_OK, record_kind::alloc_ok, "alloc ok", ANSWER_FIELDS | F_PID,
      nullptr, 0},
     {VC_FLAG_STOP_LISTEN, record_kind::stop_listen, nullptr, 0, "stop listen",
-     f_protocol | f_pid},
+     F_PROTOCOL | F_PID},
     {VC_FLAG_PORT_CHANGE, record_kind::port_change, "port change",
-     f_family | f_port | f_new_port | f_protocol | f_pid, nullptr, 0},
+     F_FAMILY | F_PORT | F_NEW_PORT | F_PROTOCOL | F_PID, nullptr, 0},
 };
 
 static const char *name_of(const kind_row &row, record_way way)
@@ -92,28 +92,9 @@ static std::string hex_text(uint32_t value)
     return text;
 }
 
-static std::string escaped_byte(unsigned char byte)
-{
-    char text[8];
-
-    std::snprintf(text, sizeof text, "\\x%02x", byte);
-    return text;
-}
-
 std::string escaped_text(const char *bytes, std::size_t limit)
 {
-    const std::size_t length = strnlen(bytes, limit);
-    std::string text;
-
-    for (std::size_t i = 0; i < length; i++) {
-        const auto byte = static_cast<unsigned char>(bytes[i]);
-        if (byte < ' ' || byte > '~' || byte == '"' || byte == '\\') {
-            text += escaped_byte(byte);
-        } else {
-            text += bytes[i];
-        }
-    }
-    return text;
+    return escaped(std::string(bytes, strnlen(bytes, limit)), "\"\\");
 }
 
 static std::string address_text(int family, const uint8_t *address, int port)
@@ -145,10 +126,10 @@ static void add_addresses(std::string &text, const tty_cmsg &record,
     const bool has_address =
         record.socktype == AF_INET || record.socktype == AF_INET6;
 
-    if ((fields & f_peer) != 0 && has_address) {
+    if ((fields & F_PEER) != 0 && has_address) {
         text += " peer=" + record_peer_text(record);
     }
-    if ((fields & f_local) != 0) {
+    if ((fields & F_LOCAL) != 0) {
         if (has_address) {
             text += " local=" + address_text(record.socktype, record.local_addr,
                                              record.port);
@@ -166,15 +147,15 @@ static void add_numbers(std::string &text, const tty_cmsg &record,
         const char *name;
         int32_t value;
     } numbers[] = {
-        {f_ttyno, "ttyno", record.ttyno},
-        {f_family, "family", record.socktype},
-        {f_port, "port", record.port},
-        {f_new_port, "new_port", record.peer_port},
-        {f_protocol, "protocol", record.protocol},
-        {f_pid, "pid", record.pid},
-        {f_tos, "tos", record.tos},
-        {f_accept, "sockfd", record.sockfd},
-        {f_accept, "accept_id", record.accept_id},
+        {F_TTYNO, "ttyno", record.ttyno},
+        {F_FAMILY, "family", record.socktype},
+        {F_PORT, "port", record.port},
+        {F_NEW_PORT, "new_port", record.peer_port},
+        {F_PROTOCOL, "protocol", record.protocol},
+        {F_PID, "pid", record.pid},
+        {F_TOS, "tos", record.tos},
+        {F_ACCEPT, "sockfd", record.sockfd},
+        {F_ACCEPT, "accept_id", record.accept_id},
     };
 
     for (const auto &number : numbers) {
@@ -208,10 +189,10 @@ std::string record_text(const tty_cmsg &record, record_way way)
     }
     add_numbers(text, record, fields);
     add_addresses(text, record, fields);
-    if ((fields & f_tipc) != 0 && record.socktype == AF_TIPC) {
+    if ((fields & F_TIPC) != 0 && record.socktype == AF_TIPC) {
         add_tipc(text, record);
     }
-    if ((fields & f_path) != 0 && record.path[0] != '\0') {
+    if ((fields & F_PATH) != 0 && record.path[0] != '\0') {
         text += " path=\"" + escaped_text(record.path, VC_PATH_SIZE) + "\"";
     }
     return text;

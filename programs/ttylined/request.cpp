@@ -16,22 +16,21 @@ static_assert(offsetof(item, type) == 0, "type");
 static_assert(offsetof(item, length) == 2, "length");
 static_assert(offsetof(item, value) == 4, "value");
 
-static constexpr uint16_t item_ttyno = 0x0020;
-static constexpr uint16_t item_release = 0x1000;
-
-/* The items that make a request, with the name of their number. */
-static constexpr struct kind_row {
+// The items that make a request, with the name of their number.
+constexpr struct kind_row {
     uint16_t type;
     request_kind kind;
     const char *name;
-    const char *number; /* null: says nothing */
+    const char *number; // null: says nothing
 } kinds[] = {
-    {0x0001, request_kind::login, "login", nullptr},
-    {0x0040, request_kind::speed, "speed", "value"},
-    {0x0080, request_kind::session_timeout, "session timeout", "value"},
-    {0x0100, request_kind::exec_timeout, "exec timeout", "value"},
-    {0x0800, request_kind::hold, "hold", "time"},
-    {item_release, request_kind::release, "release", nullptr},
+    {TTYLIB_TLV_LOGSUCC, request_kind::login, "login", nullptr},
+    {TTYLIB_TLV_SPEED, request_kind::speed, "speed", "value"},
+    {TTYLIB_TLV_SESSION_TIMEOUT, request_kind::session_timeout,
+     "session timeout", "value"},
+    {TTYLIB_TLV_EXEC_TIMEOUT, request_kind::exec_timeout, "exec timeout",
+     "value"},
+    {TTYLIB_TLV_HOLD_TIME, request_kind::hold, "hold", "time"},
+    {TTYLIB_TLV_RELEASE, request_kind::release, "release", nullptr},
 };
 
 static const kind_row *find_kind(uint16_t type)
@@ -69,7 +68,7 @@ static request_result item_at(const std::string &bytes, std::size_t at,
         return request_result::none;
     }
     std::memcpy(&found, bytes.data() + at, sizeof found);
-    if (found.type != item_ttyno && find_kind(found.type) == nullptr) {
+    if (found.type != TTYLIB_TLV_TTYNO && find_kind(found.type) == nullptr) {
         why = "unknown " + item_name(found);
         return request_result::broken;
     }
@@ -88,7 +87,7 @@ request_result request_next(std::string &bytes, line_request &request,
     std::size_t at = 0;
 
     request_result result = item_at(bytes, at, last, why);
-    const bool has_line = last.type == item_ttyno;
+    const bool has_line = last.type == TTYLIB_TLV_TTYNO;
     if (result == request_result::request && has_line) {
         ttyno = last.value;
         at += sizeof last;
@@ -98,7 +97,7 @@ request_result request_next(std::string &bytes, line_request &request,
         return result;
     }
     const kind_row *row = find_kind(last.type);
-    if (row == nullptr || (last.type == item_release) == has_line) {
+    if (row == nullptr || (last.type == TTYLIB_TLV_RELEASE) == has_line) {
         why = item_name(last) + (has_line ? " after" : " without") +
               " a line number";
         return request_result::broken;
@@ -115,7 +114,7 @@ bool request_valid(const line_request &request, std::string &why)
     why.clear();
     if (request.ttyno >= TTY_LINES + (holds ? 1U : 0U)) {
         why = "no such line";
-    } else if (holds && request.value > uint32_t{hold_seconds_max}) {
+    } else if (holds && request.value > uint32_t{TTY_HOLD_MAX}) {
         why = "the time is too long";
     } else if ((request.kind == request_kind::login && request.value != 1) ||
                (request.kind == request_kind::release && request.value != 0)) {

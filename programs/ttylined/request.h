@@ -1,24 +1,16 @@
-/*
- * Requests of the line library, out of the bytes of a stream.
- *
- * A request is one or two items of 8 bytes: 16 bits of type, 16 bits of
- * length, always 4, and 32 bits of value, all in the order of the host. Two
- * when it is about a line, the first one gives the line's number then.
- */
-#ifndef TTYLINED_REQUEST_H
-#define TTYLINED_REQUEST_H
+// Requests of the line library, out of the bytes of a stream. ttyline/tty.h
+// says what they look like.
+#pragma once
 
 #include <cstdint>
 #include <string>
-
-constexpr int hold_seconds_max = 1800;
 
 enum class request_kind {
     login,
     speed,
     session_timeout,
     exec_timeout,
-    hold, /* the line is the one that is excepted, 1586: none */
+    hold, // the line is the one that is excepted, 1586: none
     release,
 };
 
@@ -29,20 +21,18 @@ struct line_request {
 };
 
 enum class request_result {
-    none,    /* more bytes are needed */
-    request, /* its bytes were taken off */
-    broken,  /* no request begins like this, and where the next one begins is
-                not known */
+    none,    // more bytes are needed
+    request, // its bytes were taken off
+    broken,  // no request begins like this, and where the next one begins is
+             // not known
 };
 
-/* Takes the next request off the bytes; why is set when they are broken. */
+// Takes the next request off the bytes; why is set when they are broken.
 request_result request_next(std::string &bytes, line_request &request,
                             std::string &why);
 
-/* False, and why, for numbers that mean nothing. */
+// False, and why, for numbers that mean nothing.
 bool request_valid(const line_request &request, std::string &why);
 
-/* "login ttyno=300", "hold except=300 time=60" */
+// "login ttyno=300", "hold except=300 time=60"
 std::string request_text(const line_request &request);
-
-#endif

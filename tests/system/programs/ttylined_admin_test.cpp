@@ -1,7 +1,4 @@
-/*
- * The requests of the line library, as the line-allocation daemon takes them:
- * logins, settings, hold and release.
- */
+// The requests of the line library, as the line-allocation daemon takes them.
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -12,136 +9,11 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <ttyline/tty.h>
 
-#include "tests/system/programs/ttylined_run.h"
-
-using bytes = std::vector<unsigned char>;
-
-static bytes item(uint16_t type, uint32_t value, uint16_t length = 4)
-{
-    bytes made(8);
-
-    std::memcpy(made.data(), &type, sizeof type);
-    std::memcpy(made.data() + 2, &length, sizeof length);
-    std::memcpy(made.data() + 4, &value, sizeof value);
-    return made;
-}
-
-static bytes operator+(bytes a, const bytes &b)
-{
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-
-static bytes about_line(uint32_t ttyno, uint16_t type, uint32_t value)
-{
-    return item(0x20, ttyno) + item(type, value);
-}
-
-static bytes hold(uint32_t except, uint32_t seconds)
-{
-    return about_line(except, 0x800, seconds);
-}
-
-static bytes release()
-{
-    return item(0x1000, 0);
-}
-
-static bool has(const std::string &text, const std::string &piece)
-{
-    return text.find(piece) != std::string::npos;
-}
-
-static int count_of(const std::string &text, const std::string &piece)
-{
-    int count = 0;
-
-    for (std::size_t at = text.find(piece); at != std::string::npos;
-         at = text.find(piece, at + 1)) {
-        count++;
-    }
-    return count;
-}
-
-class TtylinedAdmin : public ::testing::Test
-{
-  protected:
-    ttylined_run run;
-    unique_fd control;
-
-    void start(std::vector<std::string> arguments = {}, int open_files = 0)
-    {
-        run_options options;
-        options.arguments = std::move(arguments);
-        options.arguments.insert(options.arguments.end(),
-                                 {"--trace", "--control", run.control_path()});
-        options.open_files = open_files;
-        ASSERT_TRUE(run.start(options));
-        control = connect_unix(run.control_path());
-        ASSERT_GE(control.fd, 0);
-    }
-
-    unique_fd client() const
-    {
-        return connect_unix(run.socket_path());
-    }
-
-    unique_fd admin() const
-    {
-        return connect_unix(run.admin_path());
-    }
-
-    std::string ask(const std::string &line) const
-    {
-        return command(control, control, line);
-    }
-
-    std::string traced(const std::string &text) const
-    {
-        return read_until(run.out, text);
-    }
-
-    /* From a process that has ended when the daemon reads it. */
-    bool tell(const bytes &request) const
-    {
-        const unique_fd fd = admin();
-
-        return send(fd, request);
-    }
-
-    static bool send(const unique_fd &fd, const bytes &request)
-    {
-        return send_bytes(fd.fd, request.data(), request.size());
-    }
-
-    static bool report(const unique_fd &fd, int protocol, int sockfd)
-    {
-        return send_record(fd, accept_report(protocol, sockfd, sockfd));
-    }
-
-    /* The line of the next assignment, which must be for this connection. */
-    static int assigned(const unique_fd &fd, int sockfd)
-    {
-        const auto answer = read_record(fd);
-
-        return answer && answer->vc_flag == 0x001 && answer->sockfd == sockfd
-                   ? answer->ttyno
-                   : -1000;
-    }
-};
-
-static long long now_ms()
-{
-    timespec now = {};
-
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
-}
+#include "tests/system/programs/ttylined_admin_run.h"
 
 TEST_F(TtylinedAdmin, the_socket_is_closed_to_others_and_leaves_with_the_daemon)
 {
@@ -289,7 +161,7 @@ TEST_F(TtylinedAdmin, requests_may_arrive_byte_by_byte)
 TEST_F(TtylinedAdmin, many_requests_arrive_in_one_read)
 {
     start();
-    /* Of 8 and of 16 bytes, so that reads end within one. */
+    // Of 8 and of 16 bytes, so that reads end within one.
     bytes all;
     for (uint32_t ttyno = 0; ttyno < 1586; ttyno++) {
         all = std::move(all) + about_line(ttyno, 0x80, ttyno + 1);
@@ -337,7 +209,7 @@ TEST_F(TtylinedAdmin, a_peer_that_breaks_the_format_is_dropped)
     int number = 1;
     for (const auto &row : rows) {
         const unique_fd fd = admin();
-        /* What follows is not obeyed, what came before is. */
+        // What follows is not obeyed, what came before is.
         ASSERT_TRUE(
             send(fd, about_line(9, 0x40, 1) + row.request + hold(5, 0)));
         EXPECT_TRUE(waits_for_end(fd));
@@ -349,7 +221,7 @@ TEST_F(TtylinedAdmin, a_peer_that_breaks_the_format_is_dropped)
         EXPECT_EQ(count_of(text, "note " + name + "dropped, " + row.why + "\n"),
                   1)
             << text;
-        /* Connected, obeyed, dropped. */
+        // Connected, obeyed, dropped.
         EXPECT_EQ(count_of(text, name), 3) << text;
     }
     EXPECT_TRUE(has(ask("admin"), "hold: none\n"));
@@ -406,221 +278,6 @@ TEST_F(TtylinedAdmin, a_peer_may_vanish_in_the_middle)
     EXPECT_TRUE(settled(client()));
 }
 
-TEST_F(TtylinedAdmin, a_hold_keeps_a_report_waiting_until_the_release)
-{
-    start();
-    const unique_fd fd = client();
-    const unique_fd tool = admin();
-    ASSERT_TRUE(send(tool, hold(1586, 0)));
-    ASSERT_TRUE(report(fd, 6, 7));
-    /* What is asked later is answered first. */
-    ASSERT_TRUE(settled(fd));
-    EXPECT_EQ(ask("admin").rfind("hold: all lines, until released\n"
-                                 "waiting: 1\n",
-                                 0),
-              0U);
-    ASSERT_TRUE(send(tool, release()));
-    EXPECT_EQ(assigned(fd, 7), 258);
-    EXPECT_EQ(take_line(fd, 6, 8, 2), 259);
-    EXPECT_TRUE(has(ask("admin"), "hold: none\nwaiting: 0\n"));
-}
-
-TEST_F(TtylinedAdmin, a_hold_is_obeyed_by_what_comes_after_it)
-{
-    start();
-    run.out.reset();
-    /* Their records keep the daemon busy between its wait and the last one. */
-    std::vector<unique_fd> busy;
-    for (int i = 0; i < 8; i++) {
-        busy.push_back(client());
-    }
-    const unique_fd fd = client();
-    const tty_cmsg junk = with_flag(listen_request(1, 6), 0x4);
-    const std::vector<tty_cmsg> much(320, junk);
-    for (int i = 1; i <= 50; i++) {
-        for (const unique_fd &other : busy) {
-            ASSERT_TRUE(
-                send_bytes(other.fd, much.data(), much.size() * sizeof junk));
-        }
-        ASSERT_TRUE(send_record(fd, junk));
-        usleep(static_cast<useconds_t>(20 * i));
-        /* On a connection that nobody has accepted yet. */
-        ASSERT_TRUE(tell(hold(1586, 0)));
-        ASSERT_TRUE(report(fd, 6, i));
-        ASSERT_TRUE(settled(fd)) << i;
-        ASSERT_TRUE(tell(release()));
-        ASSERT_EQ(assigned(fd, i), 258) << i;
-        ASSERT_TRUE(send_record(fd, line_clean(258, 0)));
-    }
-}
-
-TEST_F(TtylinedAdmin, the_excepted_line_is_assigned)
-{
-    start();
-    const unique_fd fd = client();
-    ASSERT_TRUE(tell(hold(300, 0)));
-    ASSERT_TRUE(report(fd, 6, 7));
-    EXPECT_EQ(assigned(fd, 7), 300);
-    ASSERT_TRUE(report(fd, 6, 8));
-    ASSERT_TRUE(report(fd, 6, 9));
-    ASSERT_TRUE(settled(fd));
-    /* Who waits first gets it when it is free again. */
-    ASSERT_TRUE(send_record(fd, line_clean(300, 0)));
-    EXPECT_EQ(assigned(fd, 8), 300);
-    ASSERT_TRUE(settled(fd));
-    ASSERT_TRUE(tell(release()));
-    EXPECT_EQ(assigned(fd, 9), 258);
-}
-
-TEST_F(TtylinedAdmin, the_excepted_line_goes_only_to_its_protocol)
-{
-    start({"--pool", "6=300-310", "--pool", "7=400-410"});
-    const unique_fd fd = client();
-    ASSERT_TRUE(tell(hold(400, 0)));
-    ASSERT_TRUE(report(fd, 6, 7));
-    ASSERT_TRUE(report(fd, 7, 8));
-    EXPECT_EQ(assigned(fd, 8), 400);
-    ASSERT_TRUE(settled(fd));
-    ASSERT_TRUE(tell(release()));
-    EXPECT_EQ(assigned(fd, 7), 300);
-}
-
-TEST_F(TtylinedAdmin, a_hold_ends_by_itself)
-{
-    start();
-    const unique_fd fd = client();
-    const long long begin = now_ms();
-    ASSERT_TRUE(tell(hold(1586, 1)));
-    ASSERT_TRUE(report(fd, 6, 7));
-    EXPECT_EQ(assigned(fd, 7), 258);
-    EXPECT_GE(now_ms() - begin, 990);
-    EXPECT_TRUE(has(traced("is over"), "note the time of the hold is over\n"));
-    EXPECT_TRUE(has(ask("admin"), "hold: none\n"));
-}
-
-TEST_F(TtylinedAdmin, a_later_hold_takes_the_place_of_the_first)
-{
-    start();
-    const unique_fd fd = client();
-    const unique_fd first = admin();
-    const unique_fd second = admin();
-    ASSERT_TRUE(send(first, hold(1586, 1800)));
-    ASSERT_TRUE(report(fd, 6, 7));
-    ASSERT_TRUE(report(fd, 6, 8));
-    ASSERT_TRUE(settled(fd));
-    ASSERT_TRUE(send(second, hold(300, 0)));
-    EXPECT_EQ(assigned(fd, 7), 300);
-    EXPECT_TRUE(has(ask("admin"), "hold: all lines but 300, until released\n"));
-    /* One release ends it, whoever sends it. */
-    ASSERT_TRUE(send(first, release()));
-    EXPECT_EQ(assigned(fd, 8), 258);
-}
-
-TEST_F(TtylinedAdmin, the_time_of_the_later_hold_counts)
-{
-    start();
-    const unique_fd fd = client();
-    ASSERT_TRUE(tell(hold(1586, 0)));
-    ASSERT_TRUE(report(fd, 6, 7));
-    ASSERT_TRUE(settled(fd));
-    ASSERT_TRUE(tell(hold(1586, 1)));
-    EXPECT_EQ(assigned(fd, 7), 258);
-}
-
-TEST_F(TtylinedAdmin, a_hold_outlives_its_process)
-{
-    start();
-    const unique_fd fd = client();
-    ASSERT_EQ(in_child(run,
-                       [] {
-                           return tty_hold_line(TTY_LINES, 1800) == 0;
-                       }),
-              0);
-    ASSERT_TRUE(has(traced("admin 1: disconnected"),
-                    "admin 1: hold except=none time=1800\n"));
-    ASSERT_TRUE(report(fd, 6, 7));
-    ASSERT_TRUE(settled(fd));
-    ASSERT_EQ(in_child(run,
-                       [] {
-                           return tty_release_line() == 0;
-                       }),
-              0);
-    EXPECT_EQ(assigned(fd, 7), 258);
-}
-
-TEST_F(TtylinedAdmin, reports_are_served_in_the_order_in_which_they_came)
-{
-    start();
-    const unique_fd first = client();
-    const unique_fd second = client();
-    ASSERT_TRUE(tell(hold(1586, 0)));
-    for (int i = 0; i < 3; i++) {
-        ASSERT_TRUE(report(first, 6, 10 + i));
-        ASSERT_TRUE(settled(first));
-        ASSERT_TRUE(report(second, 6, 20 + i));
-        ASSERT_TRUE(settled(second));
-    }
-    ASSERT_TRUE(tell(release()));
-    for (int i = 0; i < 3; i++) {
-        EXPECT_EQ(assigned(first, 10 + i), 258 + 2 * i);
-        EXPECT_EQ(assigned(second, 20 + i), 259 + 2 * i);
-    }
-}
-
-TEST_F(TtylinedAdmin, a_daemon_may_vanish_while_its_report_waits)
-{
-    start();
-    unique_fd gone = client();
-    const unique_fd fd = client();
-    ASSERT_TRUE(tell(hold(1586, 0)));
-    ASSERT_TRUE(report(gone, 6, 7));
-    ASSERT_TRUE(settled(gone));
-    ASSERT_TRUE(report(fd, 6, 8));
-    ASSERT_TRUE(settled(fd));
-    gone.reset();
-    ASSERT_TRUE(has(traced("client 1: disconnected"), "disconnected"));
-    ASSERT_TRUE(settled(fd));
-    EXPECT_TRUE(has(ask("admin"), "waiting: 1\n"));
-    ASSERT_TRUE(tell(release()));
-    EXPECT_EQ(assigned(fd, 8), 258);
-    EXPECT_EQ(take_line(fd, 6, 9, 3), 259);
-}
-
-TEST_F(TtylinedAdmin, a_daemon_that_vanishes_with_the_release_gets_nothing)
-{
-    start();
-    unique_fd gone = client();
-    const unique_fd fd = client();
-    ASSERT_TRUE(tell(hold(1586, 0)));
-    ASSERT_TRUE(report(gone, 6, 7));
-    ASSERT_TRUE(settled(gone));
-    gone.reset();
-    ASSERT_TRUE(tell(release()));
-    ASSERT_TRUE(has(traced("client 1: disconnected"), "disconnected"));
-    EXPECT_EQ(take_line(fd, 6, 8, 2), 258);
-}
-
-TEST_F(TtylinedAdmin, no_more_reports_wait_than_there_are_lines)
-{
-    start();
-    const unique_fd fd = client();
-    ASSERT_TRUE(tell(hold(1586, 0)));
-    for (int i = 1; i <= 1586; i++) {
-        ASSERT_TRUE(report(fd, 6, i));
-    }
-    ASSERT_TRUE(settled(fd));
-    ASSERT_TRUE(report(fd, 6, 2000));
-    EXPECT_EQ(assigned(fd, 2000), -1);
-    ASSERT_TRUE(tell(release()));
-    int served = 0;
-    for (int i = 1; i <= 1586; i++) {
-        const int ttyno = assigned(fd, i);
-        ASSERT_GE(ttyno, -1) << i;
-        served += ttyno >= 0 ? 1 : 0;
-    }
-    EXPECT_EQ(served, 1056);
-}
-
 TEST_F(TtylinedAdmin, more_connections_than_descriptors_are_survived)
 {
     start({}, 16);
@@ -635,7 +292,7 @@ TEST_F(TtylinedAdmin, more_connections_than_descriptors_are_survived)
     ASSERT_TRUE(has(traced("accept:"), "accept: Too many open files\n"));
     ASSERT_TRUE(settled(fd));
     EXPECT_LT(count_of(ask("admin"), " yes "), 40);
-    /* All that waited are served once the others leave. */
+    // All that waited are served once the others leave.
     peers.clear();
     const long long deadline = now_ms() + 20000;
     while (count_of(ask("admin"), " yes ") < 40 && now_ms() < deadline) {
@@ -644,7 +301,7 @@ TEST_F(TtylinedAdmin, more_connections_than_descriptors_are_survived)
     EXPECT_EQ(count_of(ask("admin"), " yes "), 40);
 }
 
-/* Sends from several threads at once, each about a line of its own. */
+// Sends from several threads at once, each about a line of its own.
 static bool send_from_threads(unsigned threads, unsigned requests)
 {
     std::vector<std::thread> senders;
@@ -739,33 +396,11 @@ TEST_F(TtylinedAdmin, what_is_known_of_a_line_ends_with_its_session)
     ASSERT_TRUE(has(traced("client 1: disconnected"), "disconnected"));
     EXPECT_FALSE(has(ask("admin"), "\n259 "));
 
-    /* A login that comes too late is not the next user's. */
+    // A login that comes too late is not the next user's.
     ASSERT_TRUE(send(tool, about_line(258, 0x1, 1)));
     EXPECT_TRUE(has(ask("admin"), "\n258   yes "));
     ASSERT_EQ(take_line(other, 6, 7, 1), 258);
     EXPECT_FALSE(has(ask("admin"), "\n258 "));
-}
-
-TEST_F(TtylinedAdmin, an_operator_holds_and_releases)
-{
-    start();
-    const unique_fd fd = client();
-    EXPECT_EQ(ask("release"), "error: no line is held\n");
-    EXPECT_EQ(ask("hold none 1800"), "ok: all lines, 1800 s left\n");
-    EXPECT_EQ(ask("hold 300 0"), "ok: all lines but 300, until released\n");
-    ASSERT_TRUE(report(fd, 6, 7));
-    EXPECT_EQ(assigned(fd, 7), 300);
-    ASSERT_TRUE(report(fd, 6, 8));
-    ASSERT_TRUE(settled(fd));
-    EXPECT_EQ(ask("release"), "ok: released\n");
-    EXPECT_EQ(assigned(fd, 8), 258);
-    for (const char *line : {"hold", "hold 300", "hold none", "hold 1586 0",
-                             "hold -1 0", "hold 300 1801", "hold 300 -1",
-                             "hold 300 0 0", "hold all 0", "release 300"}) {
-        EXPECT_EQ(ask(line).rfind("error: ", 0), 0U) << line;
-    }
-    EXPECT_TRUE(has(ask("admin"), "hold: none\n"));
-    EXPECT_TRUE(has(ask("help"), "release  "));
 }
 
 TEST_F(TtylinedAdmin, a_peer_that_floods_delays_nobody)

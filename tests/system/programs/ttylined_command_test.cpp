@@ -1,6 +1,4 @@
-/*
- * The line-allocation daemon as its operator sees it.
- */
+// The line-allocation daemon as its operator sees it.
 #include <csignal>
 #include <cstring>
 
@@ -41,11 +39,6 @@ class TtylinedCommand : public ::testing::Test
     }
 };
 
-static bool has(const std::string &text, const std::string &part)
-{
-    return text.find(part) != std::string::npos;
-}
-
 static bool is_error(const std::string &text)
 {
     return text.rfind("error: ", 0) == 0;
@@ -79,7 +72,7 @@ TEST_F(TtylinedCommand, list_shows_sessions_and_their_state)
 
     ASSERT_TRUE(send_record(fd, line_clean(258, 4711)));
     ASSERT_TRUE(settled(fd));
-    EXPECT_FALSE(has(ask("list"), "\n258 "));
+    EXPECT_EQ(column(ask("list"), "line"), cells{"259"});
 }
 
 TEST_F(TtylinedCommand, alloc_ok_of_another_daemon_changes_nothing)
@@ -90,7 +83,8 @@ TEST_F(TtylinedCommand, alloc_ok_of_another_daemon_changes_nothing)
     ok.ttyno = take_line(fd, 6, 7, 1);
     ASSERT_TRUE(send_record(other, with_flag(ok, 0x020)));
     ASSERT_TRUE(settled(other));
-    EXPECT_TRUE(has(ask("list"), "assigned"));
+    EXPECT_EQ(column(ask("list"), "line"), cells{"258"});
+    EXPECT_EQ(column(ask("list"), "state"), cells{"assigned"});
 }
 
 TEST_F(TtylinedCommand, services_shows_listen_requests_once)
@@ -103,13 +97,14 @@ TEST_F(TtylinedCommand, services_shows_listen_requests_once)
     ASSERT_TRUE(send_record(fd, path_request("/run/a\nb", 7)));
     ASSERT_TRUE(read_record(fd));
     const std::string table = ask("services");
-    EXPECT_EQ(table.find("2323"), table.rfind("2323"));
-    EXPECT_TRUE(has(table, "2323   permitted -\n")) << table;
-    EXPECT_TRUE(has(table, "/run/a\\x0ab\n"));
+    EXPECT_EQ(column(table, "port"), (cells{"2323", "0"})) << table;
+    EXPECT_EQ(column(table, "state"), (cells{"permitted", "permitted"}));
+    EXPECT_EQ(column(table, "path"), (cells{"-", "/run/a\\x0ab"}));
 
     ASSERT_TRUE(send_record(fd, with_flag(listen_request(2323, 6), 0x010)));
     ASSERT_TRUE(settled(fd));
-    EXPECT_TRUE(has(ask("services"), "2323   failed"));
+    EXPECT_EQ(column(ask("services"), "state"),
+              (cells{"failed", "permitted", "permitted"}));
 }
 
 TEST_F(TtylinedCommand, services_follows_a_port_change)
@@ -121,19 +116,18 @@ TEST_F(TtylinedCommand, services_follows_a_port_change)
     change.peer_port = 2424;
     ASSERT_TRUE(send_record(fd, change));
     ASSERT_TRUE(read_record(fd));
-    const std::string table = ask("services");
-    EXPECT_TRUE(has(table, "2424"));
-    EXPECT_FALSE(has(table, "2323"));
+    EXPECT_EQ(column(ask("services"), "port"), cells{"2424"});
 }
 
 TEST_F(TtylinedCommand, services_of_a_daemon_leave_with_it)
 {
     unique_fd fd = client();
     ASSERT_TRUE(settled(fd));
-    EXPECT_TRUE(has(ask("services"), "permitted"));
+    EXPECT_EQ(column(ask("services"), "client"), cells{"1"});
     fd.reset();
-    EXPECT_TRUE(settled(client()));
-    EXPECT_FALSE(has(ask("services"), "\n1 "));
+    const unique_fd other = client();
+    EXPECT_TRUE(settled(other));
+    EXPECT_EQ(column(ask("services"), "client"), cells{"2"});
 }
 
 TEST_F(TtylinedCommand, clear_tells_the_owner)
@@ -149,9 +143,9 @@ TEST_F(TtylinedCommand, clear_tells_the_owner)
     expected.vc_flag = 0x002;
     expected.ttyno = 259;
     EXPECT_EQ(std::memcmp(&*record, &expected, sizeof expected), 0);
-    /* Nothing went to the other one, and the line is taken until cleaned. */
+    // Nothing went to the other one, and the line is taken until cleaned.
     EXPECT_TRUE(settled(first));
-    EXPECT_TRUE(has(ask("list"), "\n259 "));
+    EXPECT_EQ(column(ask("list"), "line"), (cells{"258", "259"}));
 }
 
 TEST_F(TtylinedCommand, clear_says_when_it_will_not_be_honoured)
@@ -198,7 +192,10 @@ TEST_F(TtylinedCommand, stop_goes_to_every_daemon_of_the_protocol)
     ASSERT_TRUE(record);
     EXPECT_EQ(std::memcmp(&*record, &expected, sizeof expected), 0);
     EXPECT_TRUE(settled(third));
-    EXPECT_TRUE(has(ask("services"), "stopped"));
+    const std::string table = ask("services");
+    EXPECT_EQ(column(table, "client"), (cells{"1", "2", "3", "3"})) << table;
+    EXPECT_EQ(column(table, "state"),
+              (cells{"stopped", "stopped", "permitted", "permitted"}));
 }
 
 TEST_F(TtylinedCommand, delete_port_goes_to_the_daemon_of_the_port)
@@ -284,7 +281,7 @@ TEST_F(TtylinedCommand, a_too_long_line_is_dropped)
     const std::string longest(512, 'x');
     EXPECT_TRUE(has(ask(longest), "unknown command"));
     EXPECT_EQ(ask(longest + "x"), "error: line too long\n");
-    /* The tail of a long line is no command of its own. */
+    // The tail of a long line is no command of its own.
     EXPECT_EQ(ask(std::string(100000, 'x') + " quit"),
               "error: line too long\n");
     EXPECT_TRUE(has(ask("help"), "list"));
@@ -313,7 +310,7 @@ TEST_F(TtylinedCommand, an_operator_who_does_not_read_delays_nobody)
     for (int i = 1; i <= 200; i++) {
         ASSERT_GE(take_line(fd, 6, 7, i), 258);
     }
-    /* Some 10 KiB each: far more than all buffers hold. */
+    // Some 10 KiB each: far more than all buffers hold.
     std::string lines;
     for (int i = 0; i < 500; i++) {
         lines += "list\n";
@@ -323,7 +320,7 @@ TEST_F(TtylinedCommand, an_operator_who_does_not_read_delays_nobody)
     const unique_fd second = connect_unix(run.control_path());
     EXPECT_TRUE(has(command(second, second, "help"), "clear"));
 
-    /* Nothing was lost for the one who reads after all. */
+    // Nothing was lost for the one who reads after all.
     shutdown(control.fd, SHUT_WR);
     std::string all;
     char bytes[65536];

@@ -1,11 +1,13 @@
 #include "tests/system/programs/ttylined_run.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <sstream>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -105,7 +107,7 @@ struct child_ends {
     dup2(ends.in, STDIN_FILENO);
     dup2(ends.out, STDOUT_FILENO);
     dup2(ends.err, STDERR_FILENO);
-    /* Descriptors stay open in the child only when they are duplicates. */
+    // Descriptors stay open in the child only when they are duplicates.
     const int ready = fcntl(ends.ready, F_DUPFD, 3);
     const std::string ready_text = std::to_string(ready);
     setenv("TMPDIR", run.directory.c_str(), 1);
@@ -242,7 +244,7 @@ bool send_record(const unique_fd &fd, const tty_cmsg &record)
     return send_bytes(fd.fd, &record, sizeof record);
 }
 
-/* As the session service reads: one call, and less than all is a failure. */
+// As the session service reads: one call, and less than all is a failure.
 std::optional<tty_cmsg> read_record(const unique_fd &fd)
 {
     tty_cmsg record = {};
@@ -268,7 +270,7 @@ bool waits_for_end(const unique_fd &fd)
     return false;
 }
 
-/* Byte by byte, so that what follows the line stays for the next call. */
+// Byte by byte, so that what follows the line stays for the next call.
 std::string read_until(const unique_fd &fd, const std::string &text)
 {
     const auto deadline = steady::now() + patience;
@@ -321,71 +323,6 @@ std::string command(const unique_fd &to, const unique_fd &from,
     return reply;
 }
 
-tty_cmsg listen_request(int port, int protocol)
-{
-    tty_cmsg record = {};
-
-    record.vc_flag = 0x008;
-    record.socktype = AF_INET;
-    record.port = port;
-    record.protocol = protocol;
-    record.pid = getpid();
-    record.tos = -1;
-    return record;
-}
-
-tty_cmsg path_request(const std::string &path, int protocol)
-{
-    tty_cmsg record = {};
-
-    record.vc_flag = 0x080;
-    record.socktype = AF_UNIX;
-    record.protocol = protocol;
-    record.pid = getpid();
-    record.tos = -1;
-    std::memcpy(record.path, path.data(),
-                path.size() < sizeof record.path ? path.size()
-                                                 : sizeof record.path);
-    return record;
-}
-
-tty_cmsg accept_report(int protocol, int sockfd, int accept_id)
-{
-    tty_cmsg record = {};
-
-    record.vc_flag = 0x001;
-    record.sockfd = sockfd;
-    record.socktype = AF_INET;
-    record.port = 23;
-    record.protocol = protocol;
-    record.pid = getpid();
-    record.peer_port = 40000;
-    record.accept_id = accept_id;
-    const uint8_t loopback[] = {127, 0, 0, 1};
-    const uint8_t peer[] = {192, 0, 2, 7};
-    std::memcpy(record.local_addr, loopback, sizeof loopback);
-    std::memcpy(record.peer_addr, peer, sizeof peer);
-    return record;
-}
-
-tty_cmsg with_flag(tty_cmsg record, uint32_t flag)
-{
-    record.vc_flag = flag;
-    return record;
-}
-
-tty_cmsg line_clean(int ttyno, int pid)
-{
-    tty_cmsg record = {};
-
-    record.vc_flag = 0x002;
-    record.ttyno = ttyno;
-    record.port = 23;
-    record.protocol = 6;
-    record.pid = pid;
-    return record;
-}
-
 int take_line(const unique_fd &fd, int protocol, int sockfd, int accept_id)
 {
     if (!send_record(fd, accept_report(protocol, sockfd, accept_id))) {
@@ -408,4 +345,49 @@ bool settled(const unique_fd &fd)
     }
     const std::optional<tty_cmsg> answer = read_record(fd);
     return answer && answer->vc_flag == 0x008 && answer->port == 9;
+}
+
+bool has(const std::string &text, const std::string &part)
+{
+    return text.find(part) != std::string::npos;
+}
+
+int count_of(const std::string &text, const std::string &part)
+{
+    int count = 0;
+
+    for (std::size_t at = text.find(part); at != std::string::npos;
+         at = text.find(part, at + 1)) {
+        count++;
+    }
+    return count;
+}
+
+static std::vector<std::string> words_of(const std::string &line)
+{
+    std::istringstream text(line);
+    std::vector<std::string> words;
+
+    for (std::string word; text >> word;) {
+        words.push_back(word);
+    }
+    return words;
+}
+
+cells column(const std::string &table, const std::string &name)
+{
+    std::istringstream text(table);
+    std::string line;
+    cells found;
+
+    std::getline(text, line);
+    const std::vector<std::string> names = words_of(line);
+    const auto at = std::find(names.begin(), names.end(), name);
+    EXPECT_NE(at, names.end()) << "no column " << name << " in:\n" << table;
+    const auto index = static_cast<std::size_t>(at - names.begin());
+    while (std::getline(text, line)) {
+        const std::vector<std::string> words = words_of(line);
+        found.push_back(index < words.size() ? words[index] : "");
+    }
+    return found;
 }

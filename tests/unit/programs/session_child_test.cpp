@@ -12,7 +12,6 @@
 #include <pwd.h>
 #include <string>
 #include <sys/ioctl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -311,38 +310,6 @@ TEST(SessionTerminal, gets_the_modes_of_an_ordinary_shell)
     EXPECT_EQ(80, size.ws_col);
     close(slave);
     close(master);
-}
-
-int raised_limit(rlim_t soft, rlim_t hard, rlim_t wanted)
-{
-    rlimit limit = {soft, hard};
-    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
-        return 10;
-    }
-    if (!raise_descriptor_limit(400) || getrlimit(RLIMIT_NOFILE, &limit) != 0) {
-        return 11;
-    }
-    return limit.rlim_cur == wanted && limit.rlim_max == hard ? 0 : 12;
-}
-
-TEST(DescriptorLimit, is_raised_to_the_hard_one)
-{
-    EXPECT_TRUE(succeeded(in_child([] {
-        return raised_limit(64, 300, 300);
-    })));
-    EXPECT_TRUE(succeeded(in_child([] {
-        return raised_limit(300, 300, 300);
-    })));
-}
-
-TEST(DescriptorLimit, stops_at_what_is_asked_for)
-{
-    EXPECT_TRUE(succeeded(in_child([] {
-        return raised_limit(64, 512, 400);
-    })));
-    EXPECT_TRUE(succeeded(in_child([] {
-        return raised_limit(450, 512, 450);
-    })));
 }
 
 TEST(UserShell, comes_from_the_environment_else_from_the_password_file)

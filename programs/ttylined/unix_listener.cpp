@@ -1,24 +1,18 @@
-/*
- * A socket file that is there may belong to a server that is alive, so it is
- * tried before it is replaced. Two servers that start together would both
- * find it dead; the lock on the directory lets only one of them try.
- */
-#include "programs/shared/unix_listener.h"
+// A socket file that is there may belong to a server that is alive, so it is
+// tried before it is replaced. Two servers that start together would both
+// find it dead: whoever fears that locks something first.
+#include "programs/ttylined/unix_listener.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 
-#include <fcntl.h>
-#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-static constexpr int backlog = 64;
-static constexpr mode_t directory_mode = 0700;
-static constexpr mode_t socket_mode = 0600;
+constexpr int BACKLOG = 64;
+constexpr mode_t SOCKET_MODE = 0600;
 
 static bool fail(std::string &error, const std::string &what)
 {
@@ -44,7 +38,7 @@ static int unix_socket()
     return socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
 }
 
-/* Also true when the server is alive but has no room for one more. */
+// Also true when the server is alive but has no room for one more.
 static bool is_served(const sockaddr_un &address)
 {
     const int fd = unix_socket();
@@ -77,7 +71,7 @@ static bool remove_stale(const sockaddr_un &address, std::string &error)
     return unlink(path.c_str()) == 0 || fail(error, path);
 }
 
-/* The mode is set before anybody can connect: listen() comes last. */
+// The mode is set before anybody can connect: listen() comes last.
 static bool bind_and_listen(int fd, const sockaddr_un &address,
                             std::string &error)
 {
@@ -87,7 +81,7 @@ static bool bind_and_listen(int fd, const sockaddr_un &address,
              sizeof address) != 0) {
         return fail(error, path);
     }
-    if (chmod(path, socket_mode) != 0 || listen(fd, backlog) != 0) {
+    if (chmod(path, SOCKET_MODE) != 0 || listen(fd, BACKLOG) != 0) {
         fail(error, path);
         unlink(path);
         return false;
@@ -134,46 +128,4 @@ void unix_listener_end(unix_listener &listener)
     }
     close(listener.fd);
     listener.fd = -1;
-}
-
-/* The descriptor stays open: it carries the lock until the process ends. */
-static bool lock_directory(const std::string &path, std::string &error)
-{
-    const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-
-    if (fd < 0) {
-        return fail(error, path);
-    }
-    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
-        error = path + ": another line-allocation daemon runs there";
-        close(fd);
-        return false;
-    }
-    return true;
-}
-
-static std::string runtime_directory()
-{
-    const char *prefix = std::getenv("TMPDIR");
-
-    return prefix == nullptr ? "/" : prefix;
-}
-
-std::string admin_socket_path()
-{
-    return runtime_directory() + "/mng/tty/.tty_rl";
-}
-
-bool runtime_socket_path(std::string &path, std::string &error)
-{
-    std::string directory = runtime_directory();
-
-    for (const char *name : {"/mng", "/tty", "/inetd"}) {
-        directory += name;
-        if (mkdir(directory.c_str(), directory_mode) != 0 && errno != EEXIST) {
-            return fail(error, directory);
-        }
-    }
-    path = directory + "/.qv_inetd";
-    return lock_directory(directory, error);
 }
