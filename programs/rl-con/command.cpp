@@ -7,68 +7,45 @@
 #include <ttyline/kit.h>
 #include <ttyline/tty.h>
 
-/*
- * Name and value together. The store cuts a line at 1023 bytes: of a longer
- * pair the line end would be lost, and the key after it with that.
- */
-static constexpr size_t stored_max = 1020;
-static constexpr int value_size = 1024;
-static const char blanks[] = " \t";
+#include "programs/shared/escape.h"
+#include "programs/shared/keys.h"
 
-std::string printable(const std::string &text)
-{
-    std::string shown;
-    char code[8];
-
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (c == '\\') {
-            shown += "\\\\";
-        } else if (byte >= ' ' && byte <= '~') {
-            shown += c;
-        } else {
-            snprintf(code, sizeof code, "\\x%02x", unsigned{byte});
-            shown += code;
-        }
-    }
-    return shown;
-}
+constexpr int VALUE_SIZE = 1024;
+static const char BLANKS[] = " \t";
 
 static std::string trimmed(const std::string &text)
 {
-    const size_t first = text.find_first_not_of(blanks);
+    const size_t first = text.find_first_not_of(BLANKS);
 
     if (first == std::string::npos) {
         return "";
     }
-    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+    return text.substr(first, text.find_last_not_of(BLANKS) - first + 1);
 }
 
 std::string take_word(std::string &text)
 {
     text = trimmed(text);
-    const size_t end = text.find_first_of(blanks);
+    const size_t end = text.find_first_of(BLANKS);
     std::string word = text.substr(0, end);
     text = end == std::string::npos ? "" : trimmed(text.substr(end));
     return word;
 }
 
-/* Also of a word with a zero byte in it, which equals no key. */
-static bool key_known(const std::string &key)
+// Says so when it is none.
+static bool check_key(const std::string &key)
 {
-    for (unsigned i = 0; kit_key(i) != nullptr; i++) {
-        if (key == kit_key(i)) {
-            return true;
-        }
+    if (key_known(key)) {
+        return true;
     }
-    printf("no such key: %s\n", printable(key).c_str());
+    printf("no such key: %s\n", escaped(key).c_str());
     return false;
 }
 
-/* False when nothing is stored, or nothing that can be read. */
+// False when nothing is stored, or nothing that can be read.
 static bool read_key(const console &c, const char *key, std::string &value)
 {
-    char text[value_size];
+    char text[VALUE_SIZE];
 
     if (tty_getenv(c.line, key, text, sizeof text) == nullptr) {
         return false;
@@ -84,9 +61,10 @@ static bool store_key(const console &c, const char *key,
         printf("a value cannot hold a zero byte\n");
         return false;
     }
-    if (strlen(key) + value.size() > stored_max) {
-        printf("too long: name and value have room for %zu bytes\n",
-               stored_max);
+    // Of a longer pair the line end would be lost, and the next key with it.
+    if (strlen(key) + value.size() > TTY_PAIR_MAX) {
+        printf("too long: name and value have room for %d bytes\n",
+               TTY_PAIR_MAX);
         return false;
     }
     if (tty_setenv(c.line, key, value.c_str()) != 0) {
@@ -103,11 +81,11 @@ static void show(const console &c, const std::string &arguments)
 
     (void)arguments;
     printf("line    %u\n", c.line);
-    printf("device  %s\n", printable(c.device).c_str());
-    printf("peer    %s\n", printable(c.peer).c_str());
+    printf("device  %s\n", escaped(c.device).c_str());
+    printf("peer    %s\n", escaped(c.peer).c_str());
     for (unsigned i = 0; kit_key(i) != nullptr; i++) {
         if (read_key(c, kit_key(i), value)) {
-            printf("%s=%s\n", kit_key(i), printable(value).c_str());
+            printf("%s=%s\n", kit_key(i), escaped(value).c_str());
             any = true;
         }
     }
@@ -120,11 +98,11 @@ static void get(const console &c, const std::string &arguments)
 {
     std::string value;
 
-    if (!key_known(arguments)) {
+    if (!check_key(arguments)) {
         return;
     }
     if (read_key(c, arguments.c_str(), value)) {
-        printf("%s\n", printable(value).c_str());
+        printf("%s\n", escaped(value).c_str());
     } else {
         printf("%s is not stored\n", arguments.c_str());
     }
@@ -135,7 +113,7 @@ static void set(const console &c, const std::string &arguments)
     std::string value = arguments;
     const std::string key = take_word(value);
 
-    if (key_known(key) && store_key(c, key.c_str(), value)) {
+    if (check_key(key) && store_key(c, key.c_str(), value)) {
         printf("stored\n");
     }
 }
@@ -175,19 +153,19 @@ static void help(const console &c, const std::string &arguments);
 struct command {
     const char *name;
     const char *arguments;
-    int least_words; /* after the name */
+    int least_words; // after the name
     int most_words;
     const char *purpose;
-    /* none: the console ends */
+    // none: the console ends
     void (*run)(const console &, const std::string &);
 };
 
-static constexpr int any_number = -1;
+constexpr int ANY_NUMBER = -1;
 
 static const command commands[] = {
     {"show", "", 0, 0, "line, device, peer and stored keys", show},
     {"get", "KEY", 1, 1, "print the value of a key", get},
-    {"set", "KEY VALUE...", 2, any_number, "store a value", set},
+    {"set", "KEY VALUE...", 2, ANY_NUMBER, "store a value", set},
     {"reset", "", 0, 0, "put the keys back to those of a free line", reset},
     {"shell", "", 0, 0, "run your shell on the line", shell},
     {"login", "NAME", 1, 1, "store the user and report the login", login},
@@ -219,7 +197,7 @@ static bool words_fit(const command &known, const std::string &arguments)
     const int words = count_words(arguments);
 
     return words >= known.least_words &&
-           (known.most_words == any_number || words <= known.most_words);
+           (known.most_words == ANY_NUMBER || words <= known.most_words);
 }
 
 static const command *find_command(const std::string &name)
@@ -242,7 +220,7 @@ bool run_command(const console &c, const std::string &line)
     }
     const command *known = find_command(name);
     if (known == nullptr) {
-        printf("unknown command: %s (try help)\n", printable(name).c_str());
+        printf("unknown command: %s (try help)\n", escaped(name).c_str());
     } else if (!words_fit(*known, arguments)) {
         printf("usage: %s%s%s\n", known->name,
                *known->arguments == '\0' ? "" : " ", known->arguments);

@@ -1,8 +1,5 @@
-/*
- * The commands of a line console.
- */
-#ifndef TTYLINE_EXAMPLES_RL_CON_COMMAND_H
-#define TTYLINE_EXAMPLES_RL_CON_COMMAND_H
+// The commands of a line console.
+#pragma once
 
 #include <string>
 
@@ -15,20 +12,9 @@ struct console {
     terminal term;
 };
 
-/*
- * Runs one line as typed and prints its answer to standard output; an empty
- * line has none. False when the console is to end.
- */
+// Runs one line as typed and prints its answer to standard output; an empty
+// line has none. False when the console is to end.
 bool run_command(const console &c, const std::string &line);
 
-/*
- * The text with everything that is not a printable ASCII character or is a
- * backslash as \xNN or \\: what somebody stored must not drive the terminal.
- */
-std::string printable(const std::string &text);
-
-/* Cuts the first word off the text, and the blanks on both sides of the rest.
- */
+// Cuts the first word off the text, and the blanks on both sides of the rest.
 std::string take_word(std::string &text);
-
-#endif

@@ -1,14 +1,12 @@
-/*
- * rl-con: the console of one terminal line. The session service starts it for
- * each connection to an in-path service, on the line's pseudo-terminal, with
- * option and value in one argument each: "-n 300" "-t /dev/pts/4" "-i ins".
- * Separate arguments do as well, for use by hand.
- *
- * The service hands over a terminal without line editing, signals ignored and
- * descriptors open; terminal_begin() sees to all of it. SIGHUP gets its
- * default back: a line that is hung up ends the console, and the kernel tells
- * the shell.
- */
+// rl-con: the console of one terminal line. The session service starts it for
+// each connection to an in-path service, on the line's pseudo-terminal, with
+// option and value in one argument each: "-n 300" "-t /dev/pts/4" "-i ins".
+// Separate arguments do as well, for use by hand.
+//
+// The service hands over a terminal without line editing, signals ignored and
+// descriptors open; terminal_begin() sees to all of it. SIGHUP gets its
+// default back: a line that is hung up ends the console, and the kernel tells
+// the shell.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -19,27 +17,35 @@
 #include <ttyline/tty.h>
 
 #include "programs/rl-con/command.h"
+#include "programs/shared/escape.h"
+#include "programs/shared/parse.h"
 
-enum exit_code { left = 0, terminal_failed = 1, bad_usage = 2 };
+enum exit_code { EXIT_LEFT = 0, EXIT_TERMINAL = 1, EXIT_USAGE = 2 };
 
-static const char help[] =
-    "usage: rl-con -n LINE [-t DEVICE] [-i PEER]\n"
-    "  -n LINE    number of the line, 0 to 1585\n"
-    "  -t DEVICE  the line's terminal device, to be shown\n"
-    "  -i PEER    who is at the other end, to be shown\n"
-    "  --help     print this\n"
-    "Option and value may stand in one argument: '-n 300'. The keys of the\n"
-    "line are those of the runtime directory that TMPDIR names.\n"
-    "Exit codes: 0 after 'exit' or at the end of the input, 1 when the input\n"
-    "cannot be read or the output not be written, 2 for a wrong command line.\n"
-    "A line that is hung up ends it by SIGHUP.\n";
+// Beyond all letters: these two have no short form.
+enum option_code { OPT_HELP = 256, OPT_VERSION };
+
+static const char HELP[] =
+    R"(usage: rl-con -n LINE [-t DEVICE] [-i PEER]
+       rl-con --help | --version
+  -n LINE    number of the line, 0 to 1585
+  -t DEVICE  the line's terminal device, to be shown
+  -i PEER    who is at the other end, to be shown
+  --help     print this
+  --version  print the version
+Option and value may stand in one argument: '-n 300'. The keys of the
+line are those of the runtime directory that TMPDIR names.
+Exit codes: 0 after 'exit' or at the end of the input, 1 when the input
+cannot be read or the output not be written, 2 for a wrong command line.
+A line that is hung up ends it by SIGHUP.
+)";
 
 [[noreturn]] static void refuse(const char *text, const char *reason)
 {
-    errx(bad_usage, "%s: %s (try --help)", text, reason);
+    errx(EXIT_USAGE, "%s: %s (try --help)", text, reason);
 }
 
-/* In "-n 300" the value of the option is " 300". */
+// In "-n 300" the value of the option is " 300".
 static const char *option_value()
 {
     return optarg + strspn(optarg, " ");
@@ -47,13 +53,12 @@ static const char *option_value()
 
 static unsigned parse_line(const char *text)
 {
-    char *end = nullptr;
-    const long line = strtol(text, &end, 10);
+    unsigned line = 0;
 
-    if (*text < '0' || *text > '9' || *end != '\0' || line >= TTY_LINES) {
+    if (!parse_number(text, 0, TTY_LINES - 1, line)) {
         refuse(text, "not a line number");
     }
-    return static_cast<unsigned>(line);
+    return line;
 }
 
 static std::string own_device()
@@ -63,9 +68,9 @@ static std::string own_device()
     return device != nullptr ? device : "none";
 }
 
-static void parse_option(int letter, console &c, bool &line_given)
+static void parse_option(int code, console &c, bool &line_given)
 {
-    switch (letter) {
+    switch (code) {
     case 'n':
         c.line = parse_line(option_value());
         line_given = true;
@@ -76,27 +81,32 @@ static void parse_option(int letter, console &c, bool &line_given)
     case 'i':
         c.peer = option_value();
         break;
-    case 'h':
-        fputs(help, stdout);
-        exit(left);
+    case OPT_HELP:
+        fputs(HELP, stdout);
+        exit(EXIT_LEFT);
+    case OPT_VERSION:
+        puts("rl-con " TTYLINE_VERSION);
+        exit(EXIT_LEFT);
     default:
-        fputs(help, stderr);
-        exit(bad_usage);
+        fputs(HELP, stderr);
+        exit(EXIT_USAGE);
     }
 }
 
 static console parse_command_line(int argc, char **argv)
 {
-    static const option known[] = {{"help", no_argument, nullptr, 'h'},
-                                   {nullptr, 0, nullptr, 0}};
+    static const option known[] = {
+        {"help", no_argument, nullptr, OPT_HELP},
+        {"version", no_argument, nullptr, OPT_VERSION},
+        {nullptr, 0, nullptr, 0}};
     console c = {};
     bool line_given = false;
-    int letter;
+    int code;
 
     c.device = own_device();
     c.peer = "unknown";
-    while ((letter = getopt_long(argc, argv, "n:t:i:", known, nullptr)) != -1) {
-        parse_option(letter, c, line_given);
+    while ((code = getopt_long(argc, argv, "n:t:i:", known, nullptr)) != -1) {
+        parse_option(code, c, line_given);
     }
     if (optind < argc) {
         refuse(argv[optind], "not an option");
@@ -110,7 +120,7 @@ static console parse_command_line(int argc, char **argv)
 static void greet(const console &c)
 {
     printf("line %u on %s, peer %s; 'help' lists the commands\n", c.line,
-           printable(c.device).c_str(), printable(c.peer).c_str());
+           escaped(c.device).c_str(), escaped(c.peer).c_str());
 }
 
 static void prompt(const console &c)
@@ -118,7 +128,7 @@ static void prompt(const console &c)
     printf("rl-con %u> ", c.line);
 }
 
-/* False when the console has come to its end. */
+// False when the console has come to its end.
 static bool serve_line(console &c, int &result)
 {
     std::string line;
@@ -137,7 +147,7 @@ static bool serve_line(console &c, int &result)
         return false;
     case typed::failure:
         warn("cannot read");
-        result = terminal_failed;
+        result = EXIT_TERMINAL;
         return false;
     }
     return false;
@@ -145,16 +155,16 @@ static bool serve_line(console &c, int &result)
 
 static int serve(console &c)
 {
-    int result = left;
+    int result = EXIT_LEFT;
 
     greet(c);
     do {
         prompt(c);
         if (fflush(stdout) != 0) {
-            return terminal_failed;
+            return EXIT_TERMINAL;
         }
     } while (serve_line(c, result));
-    return fflush(stdout) != 0 ? terminal_failed : result;
+    return fflush(stdout) != 0 ? EXIT_TERMINAL : result;
 }
 
 int main(int argc, char **argv)

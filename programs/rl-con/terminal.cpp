@@ -1,10 +1,8 @@
-/*
- * SIGINT is blocked except while a line is waited for, where ppoll() lets it
- * in: Ctrl-C at any other moment is kept and takes effect at the next wait,
- * so none is lost between the prompt and the read. As it also empties the
- * terminal's input, the read after the wait may find nothing: it must not
- * block, on a descriptor whose mode no other program shares.
- */
+// SIGINT is blocked except while a line is waited for, where ppoll() lets it
+// in: Ctrl-C at any other moment is kept and takes effect at the next wait,
+// so none is lost between the prompt and the read. As it also empties the
+// terminal's input, the read after the wait may find nothing: it must not
+// block, on a descriptor whose mode no other program shares.
 #include "programs/rl-con/terminal.h"
 
 #include <cerrno>
@@ -21,8 +19,8 @@
 
 #include "programs/shared/session_child.h"
 
-static constexpr mode_t usual_umask = 022;
-static constexpr int exec_failed = 127;
+constexpr mode_t USUAL_UMASK = 022;
+constexpr int EXEC_FAILED = 127;
 
 static volatile sig_atomic_t g_interrupted;
 
@@ -52,22 +50,20 @@ static void keep_interrupts()
     sigprocmask(SIG_BLOCK, &kept, nullptr);
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGQUIT, &action, nullptr);
-    /* A request to a daemon that has gone is an error, not the end. */
+    // A request to a daemon that has gone is an error, not the end.
     signal(SIGPIPE, SIG_IGN);
 }
 
-/*
- * Storing a key leaves the mask at 0, in the session child before this program
- * was started as well as later in this one. Any other mask is the user's.
- */
+// Storing a key leaves the mask at 0, in the session child before this program
+// was started as well as later in this one. Any other mask is the user's.
 static mode_t choose_umask()
 {
-    const mode_t given = umask(usual_umask);
+    const mode_t given = umask(USUAL_UMASK);
 
-    return given == 0 ? usual_umask : given;
+    return given == 0 ? USUAL_UMASK : given;
 }
 
-/* A device that cannot be opened once more is read as it is. */
+// A device that cannot be opened once more is read as it is.
 static int open_own()
 {
     const char *device = ttyname(STDIN_FILENO);
@@ -109,13 +105,13 @@ void terminal_end(terminal &t)
     }
 }
 
-/* False when the user has interrupted, before or during the wait. */
+// False when the user has interrupted, before or during the wait.
 static bool wait_for_input(int fd)
 {
     pollfd watched = {fd, POLLIN, 0};
     sigset_t none;
 
-    /* No other signal is blocked. */
+    // No other signal is blocked.
     sigemptyset(&none);
     g_interrupted = 0;
     while (ppoll(&watched, 1, nullptr, &none) < 0 && errno == EINTR) {
@@ -126,14 +122,12 @@ static bool wait_for_input(int fd)
     return true;
 }
 
-/*
- * A terminal gives a line at a time, and a line in pieces would mix with the
- * next one when Ctrl-C throws the rest of it away. Elsewhere what follows the
- * line may be meant for the shell.
- */
+// A terminal gives a line at a time, and a line in pieces would mix with the
+// next one when Ctrl-C throws the rest of it away. Elsewhere what follows the
+// line may be meant for the shell.
 static typed read_more(terminal &t)
 {
-    char bytes[typed_line_max];
+    char bytes[TYPED_LINE_MAX];
     const size_t most = t.has_modes ? sizeof bytes : 1;
 
     for (;;) {
@@ -152,7 +146,7 @@ static typed read_more(terminal &t)
     }
 }
 
-/* typed::line says that there is a byte. */
+// typed::line says that there is a byte.
 static typed take_byte(terminal &t, char &byte)
 {
     if (t.taken == t.held.size()) {
@@ -165,10 +159,8 @@ static typed take_byte(terminal &t, char &byte)
     return typed::line;
 }
 
-/*
- * What was typed before the terminal had its usual modes ends in carriage
- * returns that nobody has translated; the line feed after one is no line.
- */
+// What was typed before the terminal had its usual modes ends in carriage
+// returns that nobody has translated; the line feed after one is no line.
 static bool second_half_of_end(terminal &t, char byte)
 {
     const bool after_return = t.after_return;
@@ -193,15 +185,15 @@ typed terminal_read_line(terminal &t, std::string &line)
             continue;
         }
         if (byte == '\n' || byte == '\r') {
-            return line.size() > typed_line_max ? typed::too_long : typed::line;
+            return line.size() > TYPED_LINE_MAX ? typed::too_long : typed::line;
         }
-        if (line.size() <= typed_line_max) {
+        if (line.size() <= TYPED_LINE_MAX) {
             line += byte;
         }
     }
 }
 
-/* Whoever does this from the background would be stopped for it. */
+// Whoever does this from the background would be stopped for it.
 static void set_foreground(pid_t group)
 {
     sigset_t set;
@@ -214,7 +206,7 @@ static void set_foreground(pid_t group)
     sigprocmask(SIG_SETMASK, &before, nullptr);
 }
 
-/* Parent and child both do it, as either may be the first to need it. */
+// Parent and child both do it, as either may be the first to need it.
 static void put_in_front(pid_t child)
 {
     setpgid(child, child);
@@ -231,13 +223,11 @@ static void put_in_front(pid_t child)
     const std::string shell = user_shell();
     execlp(shell.c_str(), shell.c_str(), static_cast<char *>(nullptr));
     warn("cannot run %s", shell.c_str());
-    _exit(exec_failed);
+    _exit(EXEC_FAILED);
 }
 
-/*
- * There is no command that would continue a stopped shell later, so it is
- * continued at once.
- */
+// There is no command that would continue a stopped shell later, so it is
+// continued at once.
 static void wait_for_shell(pid_t child, bool with_jobs)
 {
     int status = 0;
