@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <fstream>
 #include <optional>
 #include <thread>
@@ -13,24 +14,22 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "programs/ttyctl/text.h"
+#include "programs/shared/escape.h"
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-static constexpr milliseconds look_interval(10);
-static constexpr milliseconds late_interval(50);
-/* For what waits neither for a lock nor for the daemon, such as a disk. */
-static constexpr milliseconds work_limit(10000);
+constexpr milliseconds LOOK_INTERVAL(10);
+constexpr milliseconds LATE_INTERVAL(50);
+// For what waits neither for a lock nor for the daemon, such as a disk.
+constexpr milliseconds WORK_LIMIT(10000);
 
-static constexpr pid_t unknown_holder = -1;
-static constexpr char mark_done = '+';
-static constexpr char mark_failed = '-';
+constexpr pid_t UNKNOWN_HOLDER = -1;
+constexpr char MARK_DONE = '+';
+constexpr char MARK_FAILED = '-';
 
-/*
- * A lock file that cannot be opened counts as free: there is none yet, or the
- * library will fail on it too.
- */
+// A lock file that cannot be opened counts as free: there is none yet, or the
+// library will fail on it too.
 pid_t lock_holder(const std::string &lock_path)
 {
     struct flock lock = {};
@@ -47,7 +46,7 @@ pid_t lock_holder(const std::string &lock_path)
     if (!held) {
         return 0;
     }
-    return lock.l_pid > 0 ? lock.l_pid : unknown_holder;
+    return lock.l_pid > 0 ? lock.l_pid : UNKNOWN_HOLDER;
 }
 
 pid_t wait_unlocked(const std::string &lock_path, time_point deadline)
@@ -55,7 +54,7 @@ pid_t wait_unlocked(const std::string &lock_path, time_point deadline)
     pid_t holder = lock_holder(lock_path);
 
     while (holder != 0 && steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(look_interval);
+        std::this_thread::sleep_for(LOOK_INTERVAL);
         holder = lock_holder(lock_path);
     }
     return holder;
@@ -74,7 +73,7 @@ static void write_all(int fd, const std::string &text)
     }
 }
 
-/* The library's sockets may break: that is its result, not the child's end. */
+// The library's sockets may break: that is its result, not the child's end.
 [[noreturn]] static void run_child(const guarded_call &call, int fd,
                                    pid_t parent)
 {
@@ -82,15 +81,15 @@ static void write_all(int fd, const std::string &text)
 
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent) {
-        _exit(exit_failed);
+        _exit(EXIT_FAILURE);
     }
     std::signal(SIGPIPE, SIG_IGN);
     const bool done = call.work(text);
-    write_all(fd, text + (done ? mark_done : mark_failed));
-    _exit(exit_done);
+    write_all(fd, text + (done ? MARK_DONE : MARK_FAILED));
+    _exit(EXIT_SUCCESS);
 }
 
-/* Whether the child has answered or ended by then. */
+// Whether the child has answered or ended by then.
 static bool answered_before(int fd, time_point end)
 {
     pollfd ask = {fd, POLLIN, 0};
@@ -106,7 +105,7 @@ static bool answered_before(int fd, time_point end)
     }
 }
 
-/* The child ends right after its answer; without one it died. */
+// The child ends right after its answer; without one it died.
 static call_result read_answer(int fd)
 {
     call_result result;
@@ -121,7 +120,7 @@ static call_result read_answer(int fd)
         }
     }
     if (!result.text.empty()) {
-        if (result.text.back() == mark_done) {
+        if (result.text.back() == MARK_DONE) {
             result.state = call_state::done;
         }
         result.text.pop_back();
@@ -129,10 +128,8 @@ static call_result read_answer(int fd)
     return result;
 }
 
-/*
- * Why a child that is late is, if that is a reason to give it up. One that
- * holds the line's lock itself is at work.
- */
+// Why a child that is late is, if that is a reason to give it up. One that
+// holds the line's lock itself is at work.
 static std::optional<call_state> why_late(const guarded_call &call, pid_t child,
                                           time_point limit, pid_t &holder)
 {
@@ -149,17 +146,15 @@ static std::optional<call_state> why_late(const guarded_call &call, pid_t child,
     return std::nullopt;
 }
 
-/*
- * What is seen once may have passed already, or be that moment of a busy line
- * between two holders: only what is seen twice in a row counts.
- */
+// What is seen once may have passed already, or be that moment of a busy line
+// between two holders: only what is seen twice in a row counts.
 static call_result watch_child(const guarded_call &call, pid_t child, int fd,
                                time_point deadline)
 {
     const time_point limit =
-        std::max(deadline, steady_clock::now()) + work_limit;
+        std::max(deadline, steady_clock::now()) + WORK_LIMIT;
     std::optional<call_state> before;
-    time_point next = std::max(deadline, steady_clock::now() + late_interval);
+    time_point next = std::max(deadline, steady_clock::now() + LATE_INTERVAL);
     pid_t holder = 0;
 
     while (!answered_before(fd, next)) {
@@ -170,7 +165,7 @@ static call_result watch_child(const guarded_call &call, pid_t child, int fd,
             return {*state, holder, true, ""};
         }
         before = state;
-        next = steady_clock::now() + late_interval;
+        next = steady_clock::now() + LATE_INTERVAL;
     }
     return read_answer(fd);
 }
@@ -214,5 +209,5 @@ std::string holder_text(pid_t holder)
     std::ifstream file("/proc/" + std::to_string(holder) + "/comm");
     std::getline(file, name);
     return "process " + std::to_string(holder) +
-           (name.empty() ? "" : " (" + printable(name) + ")");
+           (name.empty() ? "" : " (" + escaped(name) + ")");
 }

@@ -1,8 +1,8 @@
-/*
- * The table of lines. Locked lines are put off until all others have been
- * read and get what is left of one time for all of them, so that many locked
- * lines cost no more than one.
- */
+// The table of lines. Locked lines are put off until all others have been
+// read and get what is left of one time for all of them, so that many locked
+// lines cost no more than one.
+#include "programs/ttyctl/lines.h"
+
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -16,13 +16,13 @@
 #include <unistd.h>
 
 #include "programs/ttyctl/guard.h"
+#include "programs/ttyctl/report.h"
 #include "programs/ttyctl/store.h"
 #include "programs/ttyctl/text.h"
-#include "programs/ttyctl/ttyctl.h"
 
-static constexpr int value_size = 1024;
-static constexpr std::chrono::milliseconds look_again(10);
-static const char clear_screen[] = "\033[H\033[2J";
+constexpr int VALUE_SIZE = 1024;
+constexpr std::chrono::milliseconds LOOK_AGAIN(10);
+static const char CLEAR_SCREEN[] = "\033[H\033[2J";
 
 struct line_row {
     std::string user;
@@ -34,16 +34,16 @@ struct line_row {
 };
 
 enum column {
-    col_line,
-    col_user,
-    col_peer,
-    col_device,
-    col_protocol,
-    col_idle,
-    col_state
+    COL_LINE,
+    COL_USER,
+    COL_PEER,
+    COL_DEVICE,
+    COL_PROTOCOL,
+    COL_IDLE,
+    COL_STATE
 };
 
-/* How much of the terminal's width a column gets, and what it may lose. */
+// How much of the terminal's width a column gets, and what it may lose.
 struct column_form {
     const char *name;
     double width;
@@ -61,18 +61,17 @@ static const column_form columns[] = {
     {"STATE", 9, 0, SCOLS_JSON_STRING},
 };
 
-/* The values in the order in which the child sends them. */
+// The values in the order in which the child sends them.
 static const char *const keys[] = {"LOGNAME", "PEERNAME", "SOCKADDR",
                                    "TTYDEV",  "PROTOCOL", "IDLE",
                                    "TTYPID",  "LOGSUCC"};
 
 using line_values = std::map<std::string, std::string>;
 
-/* One value after the other, each with a zero byte, which none of them holds.
- */
+// One value after the other, each with a zero byte, which none of them holds.
 static void read_values(unsigned int line, std::string &text)
 {
-    char value[value_size];
+    char value[VALUE_SIZE];
 
     for (const char *key : keys) {
         if (tty_getenv(line, key, value, sizeof value) != nullptr) {
@@ -98,7 +97,7 @@ static line_values split_values(const std::string &text)
     return values;
 }
 
-/* A line keeps its TTYDEV after a session; the reset sets TTYPID to -1. */
+// A line keeps its TTYDEV after a session; the reset sets TTYPID to -1.
 static const char *state_of(line_values &values)
 {
     if (values["TTYDEV"].empty() || values["TTYPID"] == "-1") {
@@ -143,7 +142,7 @@ static line_row read_row(unsigned int line, time_point deadline)
 
 using line_rows = std::map<unsigned int, line_row>;
 
-/* Reads what nobody holds at this moment, and takes it off the list. */
+// Reads what nobody holds at this moment, and takes it off the list.
 static void read_unlocked(std::list<unsigned int> &lines, time_point deadline,
                           line_rows &rows)
 {
@@ -157,7 +156,7 @@ static void read_unlocked(std::list<unsigned int> &lines, time_point deadline,
     }
 }
 
-/* The time begins anew once all others are read, which may take longer. */
+// The time begins anew once all others are read, which may take longer.
 static line_rows read_rows(const std::set<unsigned int> &found,
                            const invocation &call)
 {
@@ -167,7 +166,7 @@ static line_rows read_rows(const std::set<unsigned int> &found,
     read_unlocked(left, deadline_of(call), rows);
     const time_point deadline = deadline_of(call);
     while (!left.empty() && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(look_again);
+        std::this_thread::sleep_for(LOOK_AGAIN);
         read_unlocked(left, deadline, rows);
     }
     for (const unsigned int line : left) {
@@ -176,10 +175,8 @@ static line_rows read_rows(const std::set<unsigned int> &found,
     return rows;
 }
 
-/*
- * The table writes what is not printable ASCII as \xHH, as the program keeps
- * to the C locale; JSON passes bytes on and must get well-formed ones.
- */
+// The table writes what is not printable ASCII as \xHH, as the program keeps
+// to the C locale; JSON passes bytes on and must get well-formed ones.
 static int set_cell(libscols_line *row, column cell, const std::string &value,
                     bool json)
 {
@@ -196,13 +193,13 @@ static bool add_row(libscols_table *table, unsigned int line,
     libscols_line *cells = scols_table_new_line(table, nullptr);
 
     return cells != nullptr &&
-           set_cell(cells, col_line, std::to_string(line), json) == 0 &&
-           set_cell(cells, col_user, row.user, json) == 0 &&
-           set_cell(cells, col_peer, row.peer, json) == 0 &&
-           set_cell(cells, col_device, row.device, json) == 0 &&
-           set_cell(cells, col_protocol, row.protocol, json) == 0 &&
-           set_cell(cells, col_idle, row.idle, json) == 0 &&
-           set_cell(cells, col_state, row.state, json) == 0;
+           set_cell(cells, COL_LINE, std::to_string(line), json) == 0 &&
+           set_cell(cells, COL_USER, row.user, json) == 0 &&
+           set_cell(cells, COL_PEER, row.peer, json) == 0 &&
+           set_cell(cells, COL_DEVICE, row.device, json) == 0 &&
+           set_cell(cells, COL_PROTOCOL, row.protocol, json) == 0 &&
+           set_cell(cells, COL_IDLE, row.idle, json) == 0 &&
+           set_cell(cells, COL_STATE, row.state, json) == 0;
 }
 
 static bool add_columns(libscols_table *table)
@@ -242,7 +239,7 @@ static bool make_table(const line_rows &rows, bool json, std::string &text)
                       scols_print_table_to_string(table, &printed) == 0;
     if (made && printed != nullptr) {
         text = printed;
-        /* The table's last line comes without its end, the JSON text with. */
+        // The table's last line comes without its end, the JSON text with.
         if (!text.empty() && text.back() != '\n') {
             text += '\n';
         }
@@ -259,14 +256,14 @@ static int print_lines(const invocation &call)
     std::string text;
 
     if (!find_lines(found, directory)) {
-        return fail(exit_failed, "cannot read the line store " + directory +
+        return fail(EXIT_FAILED, "cannot read the line store " + directory +
                                      ": " + std::strerror(errno));
     }
     if (!make_table(read_rows(found, call), call.json, text)) {
-        return fail(exit_failed, "cannot make the table: out of memory");
+        return fail(EXIT_FAILED, "cannot make the table: out of memory");
     }
     if (call.watch > 0 && !call.json) {
-        text = isatty(STDOUT_FILENO) == 1 ? clear_screen + text : text + "\n";
+        text = isatty(STDOUT_FILENO) == 1 ? CLEAR_SCREEN + text : text + "\n";
     }
     return print(text);
 }
@@ -275,7 +272,7 @@ int run_lines(const invocation &call)
 {
     int status = print_lines(call);
 
-    while (call.watch > 0 && status == exit_done) {
+    while (call.watch > 0 && status == EXIT_DONE) {
         std::this_thread::sleep_for(std::chrono::seconds(call.watch));
         status = print_lines(call);
     }

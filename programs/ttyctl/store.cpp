@@ -8,13 +8,14 @@
 
 #include <ttyline/tty.h>
 
-#include "programs/ttyctl/text.h"
+#include "programs/shared/parse.h"
+#include "programs/shared/runtime_path.h"
 
-static constexpr std::size_t info_path_size = 128;
-static constexpr std::size_t socket_path_size = 100;
+constexpr std::size_t INFO_PATH_SIZE = 128;
+constexpr std::size_t SOCKET_PATH_SIZE = 100;
 
-static const char store_directory[] = "/mng/tty";
-static const char info_name[] = ".tty_info_";
+static const char STORE_DIRECTORY[] = "/mng/tty";
+static const char INFO_NAME[] = ".tty_info_";
 
 bool parse_line(const std::string &text, unsigned int &line)
 {
@@ -22,16 +23,9 @@ bool parse_line(const std::string &text, unsigned int &line)
            parse_number(text, TTY_LINE_RESERVED0, TTY_LINE_RESERVED1, line);
 }
 
-std::string runtime_path(const std::string &name)
-{
-    const char *prefix = std::getenv("TMPDIR");
-
-    return (prefix != nullptr ? prefix : "/") + name;
-}
-
 static std::string info_below(const std::string &prefix, unsigned int line)
 {
-    return prefix + store_directory + "/" + info_name + std::to_string(line);
+    return prefix + STORE_DIRECTORY + "/" + INFO_NAME + std::to_string(line);
 }
 
 static std::string instance0_info()
@@ -42,7 +36,7 @@ static std::string instance0_info()
         return "";
     }
     const std::string own =
-        std::string(directory).substr(0, info_path_size - 1);
+        std::string(directory).substr(0, INFO_PATH_SIZE - 1);
     const std::size_t slash = own.rfind('/');
     if (slash == std::string::npos) {
         return "";
@@ -77,18 +71,18 @@ std::string library_log()
 
 bool info_fits(const std::string &info)
 {
-    return info.size() < info_path_size;
+    return info.size() < INFO_PATH_SIZE;
 }
 
 bool socket_fits(const std::string &socket)
 {
-    return socket.size() < socket_path_size;
+    return socket.size() < SOCKET_PATH_SIZE;
 }
 
-/* Line 0 is not taken from here: a get reads another instance's file. */
+// Line 0 is not taken from here: a get reads another instance's file.
 static void add_line(std::set<unsigned int> &lines, const std::string &name)
 {
-    const std::string start = info_name;
+    const std::string start = INFO_NAME;
     unsigned int line = 0;
 
     if (name.compare(0, start.size(), start) != 0) {
@@ -103,7 +97,7 @@ static void add_line(std::set<unsigned int> &lines, const std::string &name)
 
 bool find_lines(std::set<unsigned int> &lines, std::string &directory)
 {
-    directory = runtime_path(store_directory);
+    directory = runtime_path(STORE_DIRECTORY);
     DIR *stream = opendir(directory.c_str());
     if (stream == nullptr) {
         return false;

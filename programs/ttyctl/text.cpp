@@ -1,50 +1,11 @@
 #include "programs/ttyctl/text.h"
 
-#include <charconv>
-#include <cstdio>
+#include "programs/shared/escape.h"
 
-static constexpr unsigned int ascii_end = 0x80;
+constexpr unsigned int ASCII_END = 0x80;
 
-bool parse_number(const std::string &text, unsigned int low, unsigned int high,
-                  unsigned int &value)
-{
-    const char *const end = text.data() + text.size();
-    unsigned int number = 0;
-
-    const auto [stop, error] = std::from_chars(text.data(), end, number);
-    if (error != std::errc() || stop != end || number < low || number > high) {
-        return false;
-    }
-    value = number;
-    return true;
-}
-
-static void append_escaped(std::string &to, unsigned int byte)
-{
-    char escaped[] = "\\xHH";
-
-    (void)std::snprintf(escaped, sizeof escaped, "\\x%02x", byte & 0xff);
-    to += escaped;
-}
-
-std::string printable(const std::string &text)
-{
-    std::string result;
-
-    for (const char letter : text) {
-        if (letter >= ' ' && letter <= '~') {
-            result += letter;
-        } else {
-            append_escaped(result, static_cast<unsigned char>(letter));
-        }
-    }
-    return result;
-}
-
-/*
- * Bytes of the sequence that starts here, 0 when it is none. The second byte
- * decides over forms that are too long, surrogates and what is above U+10FFFF.
- */
+// Bytes of the sequence that starts here, 0 when it is none. The second byte
+// decides over forms that are too long, surrogates and what is above U+10FFFF.
 static std::size_t sequence_length(const std::string &text, std::size_t at)
 {
     const auto byte = [&](std::size_t offset) -> unsigned int {
@@ -53,7 +14,7 @@ static std::size_t sequence_length(const std::string &text, std::size_t at)
                    : 0;
     };
     const unsigned int first = byte(0);
-    if (first < ascii_end) {
+    if (first < ASCII_END) {
         return 1;
     }
     if (first < 0xc2 || first > 0xf4) {
@@ -82,7 +43,7 @@ std::string utf8_only(const std::string &text)
     for (std::size_t at = 0; at < text.size();) {
         const std::size_t length = sequence_length(text, at);
         if (length == 0) {
-            append_escaped(result, static_cast<unsigned char>(text[at++]));
+            result += escaped_byte(text[at++]);
             continue;
         }
         result.append(text, at, length);

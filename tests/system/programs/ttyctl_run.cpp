@@ -1,20 +1,17 @@
 #include "tests/system/programs/ttyctl_run.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/inotify.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -109,7 +106,7 @@ pid_t TtyctlTest::start(const words &arguments, int out_fd)
 
     if (pid == 0) {
         setenv("TMPDIR", runtime.c_str(), 1);
-        /* An unreadable path of a test is relative to its directory. */
+        // An unreadable path of a test is relative to its directory.
         if (chdir(root.c_str()) != 0) {
             _exit(125);
         }
@@ -152,136 +149,138 @@ outcome TtyctlTest::run(const words &arguments)
     return finish(start(arguments));
 }
 
-bool take_lock(const std::string &file)
+int count_of(const std::string &text, const std::string &part)
 {
-    struct flock lock = {};
+    int found = 0;
 
-    const int fd = open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    lock.l_type = F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    return fd >= 0 && fcntl(fd, F_SETLK, &lock) == 0;
+    for (std::size_t at = text.find(part); at != std::string::npos;
+         at = text.find(part, at + 1)) {
+        found++;
+    }
+    return found;
 }
 
-holder::holder(const std::string &file, const std::string &name)
+std::vector<std::string> split_lines(const std::string &text)
 {
-    int taken[2];
-    int end[2];
+    std::istringstream stream(text);
+    std::vector<std::string> result;
+    std::string line;
+
+    while (std::getline(stream, line)) {
+        result.push_back(line);
+    }
+    return result;
+}
+
+void expect_done(const outcome &result)
+{
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "");
+}
+
+void expect_message(const outcome &result, int status, const std::string &part)
+{
+    EXPECT_EQ(result.status, status);
+    EXPECT_EQ(result.out, "");
+    EXPECT_TRUE(contains(result.err, part)) << result.err;
+    EXPECT_EQ(result.err.rfind("ttyctl: ", 0), 0U) << result.err;
+    EXPECT_EQ(split_lines(result.err).size(), 1U) << result.err;
+}
+
+words with_timeout(const char *seconds, const words &arguments)
+{
+    words all = {"--timeout", seconds};
+
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    return all;
+}
+
+// The columns of a row, by the places of their names in the first line.
+static std::vector<std::string> cells_of(const std::string &header,
+                                         const std::string &row)
+{
+    std::vector<std::string> cells;
+    std::vector<std::size_t> starts = {0};
+
+    for (const char *name :
+         {"USER", "PEER", "DEVICE", "PROTOCOL", "IDLE", "STATE"}) {
+        starts.push_back(header.find(name));
+        EXPECT_NE(starts.back(), std::string::npos) << header;
+    }
+    for (std::size_t i = 0; i < starts.size(); i++) {
+        const std::size_t end =
+            i + 1 < starts.size() ? starts[i + 1] : row.size();
+        std::string cell = starts[i] < row.size()
+                               ? row.substr(starts[i], end - starts[i])
+                               : "";
+        cell.erase(0, std::min(cell.find_first_not_of(' '), cell.size()));
+        cell.erase(cell.find_last_not_of(' ') + 1);
+        cells.push_back(cell);
+    }
+    return cells;
+}
+
+rows rows_of(const std::string &table)
+{
+    const std::vector<std::string> lines = split_lines(table);
+    rows found;
+
+    for (std::size_t i = 1; i < lines.size(); i++) {
+        found.push_back(cells_of(lines[0], lines[i]));
+    }
+    return found;
+}
+
+operator_terminal::operator_terminal()
+{
+    master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    EXPECT_EQ(grantpt(master), 0);
+    EXPECT_EQ(unlockpt(master), 0);
+    char name[64] = {};
+    EXPECT_EQ(ptsname_r(master, name, sizeof name), 0);
+    slave = open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
+    EXPECT_GE(slave, 0);
+}
+
+operator_terminal::~operator_terminal()
+{
+    close(master);
+    close(slave);
+}
+
+std::string operator_terminal::shown(const std::string &text, int times) const
+{
+    std::string all;
+    int found = 0;
     char byte = 0;
+    pollfd ask = {master, POLLIN, 0};
 
-    EXPECT_EQ(pipe2(taken, O_CLOEXEC), 0);
-    EXPECT_EQ(pipe2(end, O_CLOEXEC), 0);
-    const pid_t parent = getpid();
-    pid_ = fork();
-    if (pid_ == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        prctl(PR_SET_NAME, name.c_str());
-        close(end[1]);
-        if (getppid() != parent || !take_lock(file) ||
-            write(taken[1], "t", 1) != 1) {
-            _exit(1);
-        }
-        _exit(read(end[0], &byte, 1) == 0 ? 0 : 1);
-    }
-    close(taken[1]);
-    close(end[0]);
-    EXPECT_EQ(read(taken[0], &byte, 1), 1) << "not locked: " << file;
-    close(taken[0]);
-    end_ = end[1];
-}
-
-holder::~holder()
-{
-    if (pid_ > 0) {
-        let_go();
-    }
-}
-
-/* By a signal: another holder's child may have inherited the pipe's end. */
-void holder::let_go()
-{
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-    close(end_);
-    pid_ = -1;
-}
-
-static sockaddr_un address_of(const std::string &path)
-{
-    sockaddr_un address = {};
-
-    address.sun_family = AF_UNIX;
-    EXPECT_LT(path.size(), sizeof address.sun_path);
-    std::memcpy(address.sun_path, path.c_str(), path.size());
-    return address;
-}
-
-listener::listener(const std::string &path, int backlog) : path_(path)
-{
-    const sockaddr_un address = address_of(path);
-
-    fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    EXPECT_EQ(
-        bind(fd_, reinterpret_cast<const sockaddr *>(&address), sizeof address),
-        0);
-    EXPECT_EQ(listen(fd_, backlog), 0);
-}
-
-listener::~listener()
-{
-    stop();
-}
-
-void listener::stop()
-{
-    for (const int client : clients_) {
-        close(client);
-    }
-    clients_.clear();
-    if (fd_ >= 0) {
-        close(fd_);
-    }
-    fd_ = -1;
-}
-
-void listener::fill()
-{
-    const sockaddr_un address = address_of(path_);
-
-    for (;;) {
-        const int client =
-            socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        clients_.push_back(client);
-        if (connect(client, reinterpret_cast<const sockaddr *>(&address),
-                    sizeof address) != 0) {
-            EXPECT_EQ(errno, EAGAIN);
-            return;
+    while (found < times && poll(&ask, 1, patience_ms) == 1 &&
+           read(master, &byte, 1) == 1) {
+        all += byte;
+        if (all.size() >= text.size() &&
+            all.compare(all.size() - text.size(), text.size(), text) == 0) {
+            found++;
         }
     }
+    EXPECT_EQ(found, times) << all;
+    return all;
 }
 
-static bool readable(int fd)
+opening::opening(const std::string &file)
+    : fd_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK))
 {
-    pollfd ask = {fd, POLLIN, 0};
+    EXPECT_GE(inotify_add_watch(fd_, file.c_str(), IN_OPEN), 0);
+}
+
+opening::~opening()
+{
+    close(fd_);
+}
+
+bool opening::seen() const
+{
+    pollfd ask = {fd_, POLLIN, 0};
 
     return poll(&ask, 1, patience_ms) == 1;
-}
-
-int listener::take() const
-{
-    return readable(fd_) ? accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC) : -1;
-}
-
-std::string listener::request() const
-{
-    static const char digits[] = "0123456789abcdef";
-    std::string text;
-    unsigned char byte = 0;
-
-    const int fd = take();
-    while (fd >= 0 && readable(fd) && read(fd, &byte, 1) == 1) {
-        text += digits[byte >> 4];
-        text += digits[byte & 15];
-    }
-    close(fd);
-    return text;
 }
