@@ -48,7 +48,8 @@ static int enter_as_user(void)
     snprintf(users, sizeof users, "%u %u 1\n", uid, uid);
     snprintf(groups, sizeof groups, "%u %u 1\n", gid, gid);
     return put("/proc/self/setgroups", "deny") &&
-           put("/proc/self/uid_map", users) && put("/proc/self/gid_map", groups);
+           put("/proc/self/uid_map", users) &&
+           put("/proc/self/gid_map", groups);
 }
 
 static int enter(void)
