@@ -318,7 +318,7 @@ static bool on_port(size_t i, const tty_cmsg &msg)
 
 static std::string path_of(const tty_cmsg &msg)
 {
-    return std::string(msg.path, sizeof msg.path).c_str();
+    return {msg.path, strnlen(msg.path, sizeof msg.path)};
 }
 
 static bool on_path(size_t i, const std::string &path)

@@ -101,7 +101,7 @@ static void check_record_path(const std::string &path)
     const std::string field = padded(path, VC_PATH_SIZE);
     memcpy(msg.path, field.data(), VC_PATH_SIZE);
     FUZZ_CHECK(vc_msg_path_of(&msg).text ==
-               std::string(field.c_str()).substr(0, VC_PATH_SIZE));
+               std::string(field, 0, strnlen(field.c_str(), VC_PATH_SIZE)));
 }
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)

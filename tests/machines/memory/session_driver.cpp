@@ -275,7 +275,7 @@ static void end_daemon(void)
 
 // Takes the place of the C library's. The loop never returns, but it pauses
 // when the inetd connection is lost: nothing is locked or half-done then.
-extern "C" int usleep(useconds_t microseconds)
+extern "C" int usleep(useconds_t microseconds) // NOLINT(readability-*)
 {
     const struct timespec pause = {0, static_cast<long>(microseconds) * 1000L};
     struct pollfd done = {g_outcome, POLLIN, 0};

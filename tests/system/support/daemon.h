@@ -55,7 +55,7 @@ class Daemon
     // How many of them are masters of pseudo-terminals.
     int terminals() const;
     // Waits until it has as many descriptors as given.
-    bool settles_at(size_t descriptors) const;
+    bool settles_at(size_t count) const;
     // Its child processes that have not been reaped.
     std::vector<pid_t> children() const;
     bool has_no_children() const;

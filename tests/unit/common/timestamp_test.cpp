@@ -30,7 +30,8 @@ static std::string stamp(time_t t)
 // its year does not fit.
 static std::string reference(time_t t)
 {
-    static const char months[] = "JanFebMarAprMayJunJulAugSepOctNovDec";
+    static const char months[][4] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                     "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
     struct tm parts;
     char out[128];
 
@@ -38,8 +39,8 @@ static std::string reference(time_t t)
         t %= CYCLE;
         gmtime_r(&t, &parts);
     }
-    (void)snprintf(out, sizeof out, "%.3s %02d %02d:%02d:%02d ",
-                   months + 3 * parts.tm_mon, parts.tm_mday, parts.tm_hour,
+    (void)snprintf(out, sizeof out, "%s %02d %02d:%02d:%02d ",
+                   months[parts.tm_mon], parts.tm_mday, parts.tm_hour,
                    parts.tm_min, parts.tm_sec);
     return out;
 }

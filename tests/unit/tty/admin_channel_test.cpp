@@ -369,7 +369,7 @@ TEST_F(AdminChannelTest, a_daemon_that_stops_reading_blocks_the_sender)
     }));
     char scrap[4096];
     size_t got = 0;
-    while (got < 8 * 4001) {
+    while (got < size_t{8} * 4001) {
         const ssize_t more = recv(connection_, scrap, sizeof scrap, 0);
         ASSERT_GT(more, 0);
         got += static_cast<size_t>(more);

@@ -30,7 +30,7 @@ class ConsoleName : public console_test
         if (pid == 0) {
             const char *own = tty_getconsolename();
             const ssize_t told = write(answer[1], own, strlen(own));
-            _exit(told > 0 && support::open_descriptors().size() > 0 ? 0 : 1);
+            _exit(told > 0 && !support::open_descriptors().empty() ? 0 : 1);
         }
         EXPECT_EQ(support::wait_child(pid), 0);
         EXPECT_GT(read(answer[0], name, sizeof name - 1), 0);

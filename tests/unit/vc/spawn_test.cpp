@@ -411,7 +411,7 @@ TEST_F(SpawnTest, the_child_dies_with_its_parent_and_ignores_hangups)
     add(reg);
     ASSERT_NE(start(300), nullptr);
     EXPECT_TRUE(support::wait_until([&] {
-        return support::exists(path("/result")) && result() != "";
+        return support::exists(path("/result")) && !result().empty();
     }));
     EXPECT_EQ(result(), "9 ignored");
 }
