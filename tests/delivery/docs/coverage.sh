@@ -23,13 +23,14 @@ options() {
 }
 
 check_symbols() {
-    local list name count=0
-    for list in "$source"/tests/delivery/install/lib*.symbols; do
+    local script name count=0
+    for script in "$source"/{tty,vc}/lib*.map; do
         while read -r name; do
             count=$((count + 1))
             [ -f "$source/man/man3/$name.3" ] ||
                 complain "no manual page for $name"
-        done < <(sed -E 's/^[A-Z] ([a-z0-9_]+)@.*/\1/' "$list")
+        done < <("$source/dev/symbols" list "$(realpath "$script")" |
+            sed 's/@@.*//')
     done
     [ "$count" -ge 30 ] || complain "only $count symbols found"
 }
