@@ -12,6 +12,7 @@
 
 #include "tests/support/fault.h"
 #include "tests/support/fault_row.h"
+#include "tests/support/machine.h"
 #include "tests/unit/tty/env_fixture.h"
 
 // What a hook inside an operation saw.
@@ -85,6 +86,7 @@ class EnvSignals : public Env
 
 TEST_F(EnvSignals, are_blocked_while_the_file_is_locked)
 {
+    support::not_in_emulator(support::SIGNALS_KEPT);
     fault::run("fcntl", 1, note_mask, 1, fault::only_what(F_SETLKW));
     EXPECT_EQ(tty_setenv(LINE, "HOME", "x"), 0);
     EXPECT_TRUE(blocked_inside());
@@ -96,6 +98,7 @@ TEST_F(EnvSignals, are_blocked_while_the_file_is_locked)
 
 TEST_F(EnvSignals, are_blocked_while_the_request_is_checked)
 {
+    support::not_in_emulator(support::SIGNALS_KEPT);
     fault::run("write", 1, note_mask);
     EXPECT_EQ(tty_setenv(LINE, "NONSENSE", "x"), -1);
     EXPECT_TRUE(blocked_inside());

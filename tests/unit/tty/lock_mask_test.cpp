@@ -12,6 +12,7 @@
 
 #include "tests/support/fault.h"
 #include "tests/support/fault_row.h"
+#include "tests/support/machine.h"
 #include "tests/support/wait.h"
 #include "tests/unit/tty/lock_threads.h"
 #include "tests/unit/tty/tty_fixture.h"
@@ -85,6 +86,7 @@ volatile sig_atomic_t SignalMask::delivered = 0;
 
 TEST_F(SignalMask, everything_that_can_be_blocked_is)
 {
+    support::not_in_emulator(support::SIGNALS_KEPT);
     ttylib_set_sigproc();
     EXPECT_EQ(blocked(), all());
     ttylib_unset_sigproc();
@@ -94,6 +96,7 @@ TEST_F(SignalMask, everything_that_can_be_blocked_is)
 
 TEST_F(SignalMask, that_was_there_before_comes_back_exactly)
 {
+    support::not_in_emulator(support::SIGNALS_KEPT);
     block({SIGUSR2, SIGINT, SIGRTMIN + 3});
     const std::vector<int> before = blocked();
     ttylib_set_sigproc();
@@ -105,6 +108,7 @@ TEST_F(SignalMask, that_was_there_before_comes_back_exactly)
 
 TEST_F(SignalMask, of_a_thread_that_blocks_everything_stays_so)
 {
+    support::not_in_emulator(support::SIGNALS_KEPT);
     sigset_t full;
     sigfillset(&full);
     pthread_sigmask(SIG_SETMASK, &full, nullptr);
@@ -191,6 +195,7 @@ TEST_F(SignalMask, that_cannot_be_changed_is_reported)
 
 TEST_F(SignalMask, that_cannot_be_restored_is_reported_and_stays)
 {
+    support::not_in_emulator(support::SIGNALS_KEPT);
     fault_row("ttylib_unset_sigproc", "pthread_sigmask", "EINVAL", "nothing",
               "%s(line %d:pid %d:tid %d): %s fail errno:%d, %s\n",
               "all signals stay blocked");
@@ -236,6 +241,7 @@ std::vector<asking_thread *> CriticalSection::asking;
 TEST_F(CriticalSection,
        takes_the_lock_before_the_mask_and_releases_it_afterwards)
 {
+    support::not_in_emulator(support::SIGNALS_KEPT);
     fault::run("pthread_sigmask", 1, ask);
     fault::run("pthread_sigmask", 1, ask, 1, fault::only_what(SIG_SETMASK));
     ttylib_enter();
