@@ -140,13 +140,24 @@ bool process_runs(pid_t pid)
     return !stat.empty() && stat[0] != 'Z' && stat[0] != 'X';
 }
 
+static bool ends_with(const std::string &text, const std::string &end)
+{
+    return text.size() >= end.size() &&
+           text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
 std::vector<int> Daemon::descriptors() const
 {
     std::vector<int> numbers;
+    std::error_code gone;
     const std::string name = "/proc/" + std::to_string(pid_) + "/fd";
 
     for (const auto &entry : std::filesystem::directory_iterator(name)) {
-        numbers.push_back(std::stoi(entry.path().filename().string()));
+        const auto target = std::filesystem::read_symlink(entry, gone);
+        // A log file is open for an instant now and then.
+        if (!gone && !ends_with(target.string(), "_dump.txt")) {
+            numbers.push_back(std::stoi(entry.path().filename().string()));
+        }
     }
     return numbers;
 }
@@ -166,7 +177,6 @@ int Daemon::terminals() const
 
 bool Daemon::settles_at(size_t count) const
 {
-    // A log file is open for an instant now and then.
     return eventually([&] {
         return descriptors().size() == count;
     });

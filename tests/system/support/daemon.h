@@ -50,7 +50,7 @@ class Daemon
     // Waits for an end that the test has brought about; the status as waitpid()
     // gives it.
     int end();
-    // Numbers of its open descriptors.
+    // Numbers of its open descriptors, without those of its logs.
     std::vector<int> descriptors() const;
     // How many of them are masters of pseudo-terminals.
     int terminals() const;
