@@ -25,6 +25,7 @@
 #include "kit/bell.h"
 #include "kit/clock.h"
 #include "kit/descriptors.h"
+#include "kit/identity.h"
 #include "kit/line.h"
 #include "kit/program.h"
 #include "kit/relay.h"
@@ -129,15 +130,40 @@ static void set_connection(const kit_entry *entry)
 
 // The terminal is given up first: it can be the controlling one of one session
 // only. That sends a hang-up to this process, which ignores it.
-static bool start_program(keeper *k, const char *device)
+// Returns the pipe over which it is let go, -1 when there is no program.
+static int start_program(keeper *k, const char *device)
 {
+    int go[2];
+
+    if (pipe2(go, O_CLOEXEC) != 0) {
+        return -1;
+    }
     kit_program_make_terminal_sane();
     ioctl(0, TIOCNOTTY);
     k->program = fork();
     if (k->program == 0) {
-        kit_program_run(k->entry, device);
+        close(go[1]);
+        kit_program_run(k->entry, device, go[0]);
     }
-    return k->program > 0;
+    close(go[0]);
+    if (k->program < 0) {
+        close(go[1]);
+        return -1;
+    }
+    return go[1];
+}
+
+// What nobody lets go ends by itself.
+static void let_program_go(keeper *k, int go)
+{
+    if (kit_identity_store(k->entry, k->program) != 0) {
+        (void)snprintf(k->reason, sizeof k->reason, "no session: %s",
+                       kit_error());
+        k->dismissed = true;
+    } else if (write(go, "g", 1) != 1) {
+        k->dismissed = true;
+    }
+    close(go);
 }
 
 static void note_program(keeper *k, const char *device)
@@ -148,7 +174,22 @@ static void note_program(keeper *k, const char *device)
     prctl(PR_SET_NAME, name);
     replace_standard_streams();
     close(k->entry->program_channel);
-    kit_bell_say(k->bell, BELL_PROGRAM, k->program, device);
+    if (!k->dismissed) {
+        kit_bell_say(k->bell, BELL_USER, 0, k->entry->user);
+        kit_bell_say(k->bell, BELL_PROGRAM, k->program, device);
+    }
+}
+
+// Known from here on to the keeper and to what it forks.
+static void note_terminal(const kit_entry *entry, const char *device)
+{
+    kit_entry *own = const_cast<kit_entry *>(entry); // this process's copy
+    const struct passwd *user = kit_identity_user(entry->session.service);
+
+    (void)snprintf(own->device, sizeof own->device, "%s", device);
+    (void)snprintf(own->user, sizeof own->user, "%s",
+                   user != nullptr ? user->pw_name : "");
+    own->session.keeper_pid = getpid();
 }
 
 static void begin(keeper *k, const kit_entry *entry, const char *device)
@@ -162,9 +203,12 @@ static void begin(keeper *k, const kit_entry *entry, const char *device)
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     k->signals = open_signals();
     kit_bell_say(k->bell, BELL_RUNS, getpid(), "");
-    if (k->signals < 0 || !start_program(k, device)) {
+    note_terminal(entry, device);
+    const int go = k->signals < 0 ? -1 : start_program(k, device);
+    if (go < 0) {
         _exit(1);
     }
+    let_program_go(k, go);
     note_program(k, device);
     set_connection(entry);
     kit_relay_open(&k->relay, entry->connection, entry->master,

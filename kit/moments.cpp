@@ -161,6 +161,12 @@ static void take_message(kit_entry *entry, const bell_message *message)
     case BELL_RUNS:
         on_running(entry, message->number);
         break;
+    case BELL_USER:
+        kit_lock();
+        (void)snprintf(entry->user, sizeof entry->user, "%.*s",
+                       static_cast<int>(sizeof entry->user - 1), message->text);
+        kit_unlock();
+        break;
     case BELL_PROGRAM:
         on_program(entry, message);
         break;

@@ -1,7 +1,6 @@
 // A program finds what a login gives it: a terminal of its own with line
 // editing, default signals, no descriptor but 0 to 2, the limits, the mask, the
-// directory and the environment of its user, and a line on which nothing of the
-// session before is left.
+// directory and the environment of its user.
 #include "kit/program.h"
 
 #include <errno.h>
@@ -22,17 +21,14 @@
 
 #include "kit/bell.h"
 #include "kit/descriptors.h"
-#include "kit/error.h"
-#include "kit/line.h"
+#include "kit/identity.h"
 #include "kit/member.h"
 
 constexpr int CANNOT_RUN = 127;
-constexpr int LINE_PATIENCE_MS = 5000;
 constexpr unsigned short USUAL_ROWS = 24;
 constexpr unsigned short USUAL_COLUMNS = 80;
 constexpr mode_t USUAL_MASK = 022;
 constexpr mode_t TERMINAL_MODE = 0620;
-static const char USUAL_TERM[] = "vt100";
 static const char USER_PATH[] = "/usr/local/bin:/usr/bin:/bin";
 static const char ROOT_PATH[] = "/usr/local/sbin:/usr/local/bin:/usr/sbin:"
                                 "/usr/bin:/sbin:/bin";
@@ -105,58 +101,6 @@ void kit_program_make_terminal_sane(void)
     }
 }
 
-static const char *term_of(const kit_service *service)
-{
-    return service->term != nullptr ? service->term : USUAL_TERM;
-}
-
-// Before the program starts nothing may say that somebody else is here: when
-// that cannot be had there is no session.
-static void store_identity(const kit_entry *entry, const char *user)
-{
-    const kit_service *service = entry->session.service;
-    char line[12];
-    char pid[12];
-    char protocol[12];
-    char family[12];
-
-    (void)snprintf(line, sizeof line, "%d", entry->session.line);
-    (void)snprintf(pid, sizeof pid, "%d", getpid());
-    (void)snprintf(protocol, sizeof protocol, "%u", service->protocol);
-    (void)snprintf(family, sizeof family, "%d", entry->family);
-    const char *type = getenv("TTYTYPE");
-    const kit_pair identity[] = {{"TTYNUM", line},
-                                 {"TTYPID", pid},
-                                 {"TTYTYPE", type != nullptr ? type : "0"},
-                                 {"PROTOCOL", protocol},
-                                 {"CONN_TYPE", family},
-                                 {"LOGNAME", user},
-                                 {"PEERNAME", entry->peer},
-                                 {"SOCKADDR", entry->address},
-                                 {"SESSIONID", entry->id},
-                                 {"TERM", term_of(service)},
-                                 {"LOGSUCC", "0"},
-                                 {"MTYPE", "0"},
-                                 {"IDLE", "0"}};
-    if (kit_line_begin(entry->session.line, identity,
-                       sizeof identity / sizeof *identity,
-                       LINE_PATIENCE_MS) != 0) {
-        give_up("no session", kit_error());
-    }
-}
-
-static const struct passwd *user_of(const kit_service *service)
-{
-    if (service->user == nullptr) {
-        return getpwuid(geteuid());
-    }
-    const struct passwd *user = getpwnam(service->user);
-    if (user == nullptr) {
-        give_up(service->user, "no such user");
-    }
-    return user;
-}
-
 // The terminal becomes the user's, as a login makes it.
 static void become(const struct passwd *user)
 {
@@ -201,7 +145,7 @@ static void set_environment(const kit_entry *entry, const struct passwd *user)
     // The service looks at the port alone and may have met the other family.
     (void)snprintf(family, sizeof family, "%d", entry->family);
     setenv("CONN_TYPE", family, 1);
-    setenv("TERM", term_of(service), 1);
+    setenv("TERM", kit_identity_term(service), 1);
     setenv("PATH", geteuid() == 0 ? ROOT_PATH : USER_PATH, 1);
     if (user != nullptr) {
         setenv("USER", user->pw_name, 1);
@@ -265,22 +209,38 @@ static void enter_directory(const kit_service *service,
     _exit(result);
 }
 
-void kit_program_run(const kit_entry *entry, const char *device)
+// The keeper says on the line whose it is, and then lets the program go on.
+static void wait_for_identity(int go)
+{
+    char byte;
+    ssize_t got;
+
+    do {
+        got = read(go, &byte, 1);
+    } while (got < 0 && errno == EINTR);
+    if (got != 1) {
+        _exit(CANNOT_RUN);
+    }
+}
+
+void kit_program_run(const kit_entry *entry, const char *device, int go)
 {
     const kit_service *service = entry->session.service;
     const int channel =
         service->function != nullptr ? entry->program_channel : -1;
-    kit_entry *own = const_cast<kit_entry *>(entry); // this process's copy
+    const int own[] = {channel, go};
+    kit_entry *copy = const_cast<kit_entry *>(entry); // this process's
 
     take_terminal(device);
     default_signals();
-    kit_close_all_but(&channel, 1);
-    const struct passwd *user = user_of(service);
-    (void)snprintf(own->device, sizeof own->device, "%s", device);
-    (void)snprintf(own->user, sizeof own->user, "%s",
-                   user != nullptr ? user->pw_name : "");
-    own->session.pid = getpid();
-    store_identity(entry, entry->user);
+    kit_close_all_but(own, sizeof own / sizeof *own);
+    wait_for_identity(go);
+    close(go);
+    copy->session.pid = getpid();
+    const struct passwd *user = kit_identity_user(service);
+    if (service->user != nullptr && user == nullptr) {
+        give_up(service->user, "no such user");
+    }
     if (g_limits_kept) {
         setrlimit(RLIMIT_NOFILE, &g_descriptors);
     }

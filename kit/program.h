@@ -3,9 +3,11 @@
 
 #include "kit/table.h"
 
-// In the keeper's child: takes the terminal, says on the line whose it is, and
-// becomes the service's program or calls its function. Does not return.
-[[noreturn]] void kit_program_run(const kit_entry *entry, const char *device);
+// In the keeper's child: takes the terminal, waits for a byte on go, as nothing
+// may run before the line says whose it is, and becomes the service's program
+// or calls its function. Does not return.
+[[noreturn]] void kit_program_run(const kit_entry *entry, const char *device,
+                                  int go);
 
 // Line editing and the usual translations on the terminal of descriptor 0, and
 // a size where it has none. Before the first byte of the peer: what is typed

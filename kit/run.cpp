@@ -220,7 +220,8 @@ int kit_run(const kit_daemon *daemon)
                                            : program_invocation_short_name);
     raise_descriptor_limit();
     umask(mask_for(daemon));
-    if (kit_warden_start(daemon) != 0 || register_all() != 0) {
+    // Registered first: an operator who asks at once finds the services there.
+    if (register_all() != 0 || kit_warden_start(daemon) != 0) {
         return -1;
     }
     kit_lock();
