@@ -44,8 +44,7 @@ static void received(const kit_session *from, const void *data, size_t length,
 
 static void ended(const kit_session *session, int status, void *context)
 {
-    (void)status;
-    (void)context;
+    (void)status, (void)context;
     if (session->logged_in) {
         tell_all(session, " has left");
     }
@@ -53,7 +52,7 @@ static void ended(const kit_session *session, int status, void *context)
 
 /* ---- In a process of the session's own, on its terminal. ---- */
 
-/* Reads a line from the terminal, without its end. 0 at the end of input. */
+/* A line from the terminal, without its end; 0 at the end of input. */
 static int read_line(char *text, int size)
 {
     if (fgets(text, size, stdin) == NULL) {
@@ -83,7 +82,7 @@ static int chat(const kit_session *session, void *context)
             if (got <= 0) {
                 break;
             }
-            fwrite(text, 1, (size_t)got, stdout);
+            printf("%.*s", (int)got, text);
             fflush(stdout);
         }
         if (ready[0].revents != 0) {
@@ -99,18 +98,20 @@ static int chat(const kit_session *session, void *context)
 int main(int argc, char **argv)
 {
     static kit_admission admission = {.size = sizeof admission};
-    static kit_service service = {
-        .size = sizeof service, .name = "chat", .protocol = 7,
-        .function = chat, .received = received, .ended = ended,
-        .admission = &admission};
-    static kit_daemon daemon = {.size = sizeof daemon, .path_mode = 0666};
+    static kit_service service = {.size = sizeof service,
+                                  .name = "chat",
+                                  .protocol = 7,
+                                  .function = chat,
+                                  .received = received,
+                                  .ended = ended,
+                                  .admission = &admission};
+    static kit_daemon daemon = {.size = sizeof daemon};
 
-    if (argc < 2) {
-        fprintf(stderr, "usage: chat PATH [USER ...]\n");
-        return 2;
+    service.path = argc > 1 ? argv[1] : "";
+    if (argc > 2) { /* the path is open to all: the list decides */
+        admission.users = (const char *const *)(argv + 2);
+        daemon.path_mode = 0666;
     }
-    service.path = argv[1];
-    admission.users = argc > 2 ? (const char *const *)(argv + 2) : NULL;
     if (kit_offer(&service) == 0) {
         kit_run(&daemon);
     }

@@ -41,7 +41,8 @@ awk -v out="$scratch/blocks" '
 # The daemons end with this shell, however it ends.
 cat >"$scratch/follow" <<'END'
 set -eu
-./greetd() { exec setpriv --pdeathsig KILL ./greetd "$@"; }
+./echo() { exec setpriv --pdeathsig KILL ./echo "$@"; }
+./chat() { exec setpriv --pdeathsig KILL ./chat "$@"; }
 ttylined() { exec setpriv --pdeathsig KILL "$prefix/sbin/ttylined" "$@"; }
 code=0 commands=0 texts=0 printed=
 for block in ../blocks/*; do
@@ -69,8 +70,12 @@ for block in ../blocks/*; do
         ;;
     esac
 done
-[ "$code" -ge 5 ] && [ "$commands" -ge 6 ] && [ "$texts" -ge 3 ]
-[ "$(grep -c . greetd.c)" -le 135 ]
+[ "$code" -ge 8 ] && [ "$commands" -ge 9 ] && [ "$texts" -ge 4 ]
+# What was typed is what is installed as examples, and as short as promised.
+for name in echo chat; do
+    diff "$name.c" "$prefix/share/doc/ttyline/examples/$name.c"
+done
+[ "$(wc -l <echo.c)" -le 40 ] && [ "$(wc -l <chat.c)" -le 120 ]
 END
 
 cd "$scratch/work"
@@ -82,6 +87,6 @@ status=0
 wait "$runner" || status=$?
 runner=
 if [ "$status" != 0 ]; then
-    tail -n 20 trace greetd.c run/mng/tty/.*.txt 2>/dev/null || true
+    tail -n 20 trace echo.c run/mng/tty/.*.txt 2>/dev/null || true
 fi
 exit "$status"
