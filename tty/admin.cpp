@@ -56,6 +56,8 @@ int tty_loginsucc_update(unsigned int ttyno)
 
 static int report_success(unsigned int ttyno)
 {
+    // Stored before it is told: the daemon may look the key up as soon as it
+    // hears of the login.
     if (tty_setenv(ttyno, "LOGSUCC", "1") == -1) {
         tty_debug_msg(0, "ttylib: %s set tty logsucc fail, 1.\n",
                       "tty_login_info_audit");
@@ -108,6 +110,8 @@ int tty_cfg_update(unsigned int ttyno, const char *name, unsigned int value)
     admin_append(&request, TTYLIB_TLV_TTYNO, ttyno);
     const setting *known = find_setting(name);
     if (known != nullptr) {
+        // Behind the line's number, which says what the items after it are
+        // about.
         admin_append(&request, known->type, value);
         result = admin_send(&request);
     } else {
@@ -117,6 +121,8 @@ int tty_cfg_update(unsigned int ttyno, const char *name, unsigned int value)
     return result;
 }
 
+// Before the lock and the connection: a request that cannot be granted must not
+// wait for either.
 static bool hold_permitted(unsigned int except_ttyno, unsigned int hold_time)
 {
     if (except_ttyno > EXCEPT_LINE_MAX) {
@@ -171,6 +177,7 @@ static unsigned int read_mask(int fd)
 {
     char text[MASK_TEXT_SIZE] = {};
 
+    // The number stands at the beginning: what comes behind it may be anything.
     const ssize_t ignored = read(fd, text, sizeof text - 1);
     static_cast<void>(ignored);
     close(fd);
@@ -192,5 +199,7 @@ int tty_get_service(unsigned int service)
                       errno, strerror(errno));
         return errno == ENOENT && service == DEFAULT_SERVICE ? 1 : 0;
     }
+    // Of a number that is no bit of the mask the last five bits count, as a
+    // machine's shift takes them.
     return static_cast<int>(read_mask(fd) >> (service % 32) & 1);
 }

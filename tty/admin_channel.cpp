@@ -109,6 +109,8 @@ void admin_append(admin_request *request, uint16_t type, uint32_t value)
 {
     const admin_item item = {type, sizeof item.value, value};
 
+    // No request has so many; one that had would lose its last items, not its
+    // frame.
     if (sizeof request->bytes - request->used < sizeof item) {
         return;
     }
@@ -118,6 +120,8 @@ void admin_append(admin_request *request, uint16_t type, uint32_t value)
 
 int admin_send(const admin_request *request)
 {
+    // The connection is kept also when it is broken, see above: every later
+    // request fails here, too.
     if (tty_write(g_tty_update_fd, request->bytes,
                   static_cast<int>(request->used)) != -1) {
         return 0;

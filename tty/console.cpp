@@ -31,6 +31,8 @@ static void find_console(const char *arguments)
         return;
     }
     const char *digit = found + strlen(CONSOLE_ARGUMENT);
+    // Other consoles of the kernel are not serial lines: their names are not
+    // looked at.
     if (*digit < '0' || *digit > '9') {
         return;
     }
@@ -61,6 +63,8 @@ static void name_console(void)
     }
 }
 
+// Also called while the lock of this library is being made: it must not need
+// it.
 const char *tty_getconsolename(void)
 {
     pthread_once(&__ttydev_inited, name_console);
@@ -76,6 +80,7 @@ void tty_log_msg(const char *fmt, ...)
     (void)vsnprintf(text, sizeof text, fmt, args);
     va_end(args);
 
+    // Opened for each message: few processes ever have one to write.
     const int fd = open(tty_getconsolename(), O_WRONLY | O_NOCTTY | O_CLOEXEC);
     if (fd >= 0) {
         tty_write(fd, text, static_cast<int>(strlen(text)));

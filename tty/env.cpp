@@ -12,12 +12,16 @@
 #include "tty/lock.h"
 #include "tty/store.h"
 
+// The two reserved numbers are lines of no terminal: they have files like the
+// others and nothing else.
 static bool line_known(unsigned int ttyno)
 {
     return ttyno < TTY_LINES || ttyno == TTY_LINE_RESERVED1 ||
            ttyno == TTY_LINE_RESERVED0;
 }
 
+// A closed vocabulary: what programs read from each other has to be spelt the
+// same everywhere.
 static bool name_known(const char *name)
 {
     for (int i = 0; i < g_tty_env_size; i++) {
@@ -61,6 +65,8 @@ int tty_setenv(unsigned int ttyno, const char *name, const char *value)
 {
     int result = -1;
 
+    // The checks are inside too: their messages then stand in the log in the
+    // order in which the operations came.
     ttylib_enter();
     if (tty_env_check(ttyno, name, value, TTY_ENV_SET) == 1 &&
         tty_set_member(ttyno, name, value) == 0) {

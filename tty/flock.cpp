@@ -18,6 +18,8 @@ int tty_flock_reg(int fd, int command, int type)
     return fcntl(fd, command, &lock);
 }
 
+// A signal that has a handler ends the wait of a thread that has not blocked
+// it, as a program may call these functions by itself.
 static int take_lock(int fd, int command)
 {
     int result;

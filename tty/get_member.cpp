@@ -48,6 +48,8 @@ static bool name_files_of_get(info_names *names, unsigned int ttyno)
     return true;
 }
 
+// The lock file is opened for writing, although a get writes nothing: an
+// exclusive record lock asks for that.
 // Opens and locks the lock file of a get. Returns its descriptor or -1.
 static int lock_for_get(const info_names *names, unsigned int ttyno,
                         const char *name)
@@ -83,6 +85,8 @@ static void find_value(int info_fd, const char *name, char *value,
     bool failed = false;
 
     while (next_piece(info_fd, &failed)) {
+        // The first line counts and the rest is not read. A set replaces every
+        // line of its key, so a second one can only come from outside.
         if (piece_is_of(name)) {
             strncpy(value, g_tty_tmpbuf + strlen(name) + 1, len - 1);
             return;
@@ -99,6 +103,8 @@ static bool value_absent(const char *value)
            strcmp(value, "null") == 0;
 }
 
+// A value that was cut has no line end, or half of one; a bare line feed was
+// not written by a set and stays.
 static void strip_line_end(char *value)
 {
     const size_t length = strlen(value);

@@ -37,6 +37,9 @@ static bool read_again(int error)
     return error == EAGAIN || error == EINPROGRESS || error == EINTR;
 }
 
+// A byte at a time, so that the file's position stays behind the line, whoever
+// goes on reading; and a zero byte ends a line, or what follows it would be
+// lost in a text.
 int tty_read_line(int fd, char *buf, int buflen)
 {
     int count = 0;
@@ -49,6 +52,8 @@ int tty_read_line(int fd, char *buf, int buflen)
                       static_cast<void *>(buf));
         return 0;
     }
+    // A descriptor that does not wait would make a busy loop of the retries
+    // below.
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
     memset(buf, 0, static_cast<size_t>(buflen));
     while (count < buflen) {
@@ -57,6 +62,8 @@ int tty_read_line(int fd, char *buf, int buflen)
             if (read_again(errno)) {
                 continue;
             }
+            // An error ends the line like its end does: what came before it is
+            // not thrown away, and the caller reads on.
             return count;
         }
         if (got == 0) {

@@ -20,6 +20,7 @@ static const char TRACE_SWITCH[] = "/data/.tty_lib_debug";
 static const char CONSOLE_SWITCH[] = "/mng/tty/.tty_lib_debug";
 static const char DUMP_FILE[] = "/mng/tty/.tty_lib_dump.txt";
 
+// The path is made afresh each time: TMPDIR may change while a program runs.
 static bool dump(const char *line)
 {
     char path[TTY_PATH_SIZE];
@@ -28,6 +29,8 @@ static bool dump(const char *line)
            dump_file_append(path, line) == 0;
 }
 
+// Asked for each line that the log did not take: whoever looks into a device
+// turns it on while it runs.
 static bool console_wanted(void)
 {
     char path[TTY_PATH_SIZE];

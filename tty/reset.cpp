@@ -13,6 +13,8 @@ static const reset_value reset_values[] = {
     {"MTYPE", "0"},   {"SESSIONID", "0"}, {"IDLE", "0"},
 };
 
+// Each key by an operation of its own: the lock is free in between, and a
+// program that waits for the line need not wait for nine files to be written.
 int tty_reset_info(unsigned int ttyno)
 {
     for (const reset_value &reset : reset_values) {

@@ -50,6 +50,8 @@ static bool name_files_of_set(info_names *names, unsigned int ttyno)
     return true;
 }
 
+// Any other failure counts as being there: the open that follows says what is
+// wrong.
 static bool info_missing(const info_names *names)
 {
     return access(names->info, F_OK) != 0 && errno == ENOENT;
@@ -95,6 +97,8 @@ static int open_empty(const char *path)
     return open(path, O_RDWR | O_CREAT | O_TRUNC | O_SYNC | O_CLOEXEC, 0777);
 }
 
+// Created empty and copied like any other, so that there is one way for a first
+// key and for a tenth. Under the lock, or two sets could both find it missing.
 static bool create_missing_info(const set_job *job)
 {
     if (!info_missing(&job->names)) {
@@ -159,6 +163,8 @@ static void replace_piece(const set_job *job)
                   job->value, g_tty_tmpbuf);
 }
 
+// By the length of the text, not by what was read: a zero byte in a file is
+// dropped by its next set.
 static void copy_piece(const set_job *job)
 {
     const int length = static_cast<int>(strlen(g_tty_tmpbuf));

@@ -17,6 +17,7 @@ static const speed_code speedtab[] = {
     {0, 0},
 };
 
+// The last row ends both searches, as neither a speed nor a code is 0.
 int tty_speed2code(int speed)
 {
     for (const speed_code *row = speedtab; row->speed != 0; row++) {

@@ -54,6 +54,7 @@ static bool admitted(const vc_reg *reg, int fd, const void *local,
         return true;
     }
     vc_debug_msg("vc: acl func proc, sockfd=%d, line=%d\n", fd, __LINE__);
+    // Before anything was reported: the inetd never hears of it.
     close(fd);
     return false;
 }
@@ -63,6 +64,8 @@ static void renew_tos(const vc_srv *srv)
 {
     const bool ipv4 = srv->reg.socket_type == AF_INET;
 
+    // Asked for each connection: the daemon may have changed its mind since the
+    // listener was opened.
     if (srv->reg.tos_func == nullptr) {
         return;
     }
@@ -85,6 +88,9 @@ static void set_tcp_option(int fd, int option, int value, const char *what)
     }
 }
 
+// A client that vanishes without a word would keep its line for ever: after ten
+// minutes of silence it is asked, and twice more. The switch itself is the
+// device kernel's own option.
 static void set_keepalive(int fd)
 {
     set_tcp_option(fd, TCP_KEEPALIVE_SWITCH, 1, "keepalive");
@@ -166,6 +172,8 @@ static bool take_tipc(const vc_srv *srv, int fd, tty_cmsg *msg)
     const endpoints<struct sockaddr_tipc> ends =
         endpoints_of<struct sockaddr_tipc>(fd);
 
+    // The report has no fields for these addresses: the log is where they can
+    // be found. TIPC knows neither TOS nor keep-alive, and no access check.
     log_tipc_end("server", &ends.local);
     log_tipc_end("client", &ends.peer);
     msg->port = vc_protocol_of(srv->reg.protocol)->tipc_port;
@@ -232,6 +240,7 @@ int vc_accept(int inetd_fd, vc_srv *srv)
     if (!connection_waits(srv->listen_fd)) {
         return -1;
     }
+    // Nobody looks at this address: both ends are asked for by family later.
     const int fd = accept(
         srv->listen_fd, reinterpret_cast<struct sockaddr *>(&address), &length);
     if (fd < 0) {

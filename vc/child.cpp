@@ -79,10 +79,13 @@ static void replace_standard_streams(int slave_fd)
 // Makes the slave the child's controlling terminal and standard streams.
 static void take_terminal(int master_fd, const char *slave)
 {
+    // Only the leader of a session that has no terminal yet can take one.
     if (setsid() < 0) {
         vc_debug_msg("vc: setid error, err:%s.\n", strerror(errno));
         give_up(master_fd);
     }
+    // Opened here and not before the fork: the daemon must not hold the slave,
+    // or it would never see the end of the terminal.
     const int slave_fd = vc_ptys_open(slave);
     if (slave_fd < 0) {
         vc_debug_msg("vc: can't open slave pty: %s, error %d\n", slave,
@@ -148,6 +151,8 @@ static void link_monitor(int ttyno, const char *slave)
         return;
     }
     (void)snprintf(link, sizeof link, "%s/%d", directory, ttyno);
+    // A link from an earlier session of this line would lead to another
+    // terminal.
     unlink(link);
     const int ignored = symlink(slave, link);
     static_cast<void>(ignored);
@@ -159,6 +164,9 @@ static void run_shell(int ttyno, const char *slave, const vc_child *child)
         vc_debug_msg("vc:shell fun is NULL\n");
         return;
     }
+    // In this process, after the fork: the daemon's own environment stays, and
+    // so does its lock of the line library, which a fork leaves behind in any
+    // state.
     vc_child_setenvs(child);
     if (tty_setenv(static_cast<unsigned int>(ttyno), "TTYDEV", slave) == -1) {
         vc_debug_msg("vc: %s set dev %s fail\n", FUNCTION, slave);

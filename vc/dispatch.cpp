@@ -26,6 +26,9 @@ static bool of_family(const vc_srv *srv, const tty_cmsg *msg)
     return srv->reg.socket_type == msg->socktype;
 }
 
+// The record itself goes back with another kind, so that everything in it comes
+// back as the inetd sent it. A failure shows again when the connection is read,
+// and is dealt with there.
 static void answer(int inetd_fd, tty_cmsg *msg, uint32_t vc_flag)
 {
     msg->vc_flag = vc_flag;
@@ -62,6 +65,8 @@ static void reset_services(void)
 // Back to a fresh start: no sessions, no listeners, no pending accepts.
 static int reset_all(void)
 {
+    // Sessions first: each sends its line-clean while the connection may still
+    // take it.
     kill_all_sessions();
     reset_services();
     vc_pending_drop_all();
@@ -78,6 +83,8 @@ static int refuse_line(int inetd_fd, tty_cmsg *msg, int sockfd)
         vc_debug_msg("vc: vc_deal_msg, sockfd=%d, line=%d\n", sockfd, __LINE__);
         close(sockfd);
     }
+    // Also when the teardown of a session has sent a line-clean already: this
+    // one is the answer that the assignment waits for.
     answer(inetd_fd, msg, VC_FLAG_CLIENT_CLEAR);
     return 0;
 }
@@ -95,6 +102,7 @@ static int assign_line(int inetd_fd, tty_cmsg *msg)
     vc_wlock();
     vc_pending_take(sockfd, msg->accept_id);
     vc_unlock();
+    // Nothing to answer with: the inetd takes an answer by its line.
     if (!vc_line_valid(msg->ttyno)) {
         if (sockfd >= 0) {
             close(sockfd);
@@ -155,6 +163,8 @@ static bool refused_after_change(const tty_cmsg *msg)
     return refused;
 }
 
+// Silently: the permit was on its way when the daemon stopped the service, and
+// nobody has done anything wrong.
 static bool stopped_by_daemon(const tty_cmsg *msg)
 {
     vc_srv *srv;
@@ -245,6 +255,8 @@ static int permit_port(int inetd_fd, tty_cmsg *msg)
         return 0;
     }
     vc_debug_msg("vc: port (%d) permit add %d.\r\n", msg->port, msg->pid);
+    // Several daemons may have a service of this protocol: the number says
+    // whose is meant.
     if (msg->pid != getpid()) {
         return 0;
     }

@@ -14,6 +14,8 @@
 #include "common/io.h"
 #include "common/runtime_dir.h"
 
+// Small: an inetd that has stopped reading shows after a few records, and not
+// after many that nobody will act on.
 constexpr int SEND_BUFFER_SIZE = 4096;
 
 static const char INETD_SOCKET[] = "/mng/tty/inetd/.qv_inetd";

@@ -101,6 +101,9 @@ int vc_inpath_transfer_msg(int from, int to)
                      "vc_inpath_transfer_msg", from, to);
         return -1;
     }
+    // Read until nothing is left, and so without waiting; but what was read
+    // must be gone before more is, so the writer waits. A client that does not
+    // read stops the loop here.
     vc_set_bk(from, false);
     vc_set_bk(to, true);
     for (;;) {
@@ -130,6 +133,8 @@ static bool enter(int ttyno, const char *function)
     return false;
 }
 
+// A line without a record is no failure: the session of another service on this
+// line, or one that is being torn down, is not ended by this callback.
 int vc_inpath_read_func(int ttyno)
 {
     if (!enter(ttyno, "vc_inpath_read_func")) {
@@ -242,6 +247,8 @@ int vc_inpath_shell_func(int ttyno, const char *ttydev)
         vc_debug_msg("vc: invalid ttyno(%d)\n", ttyno);
         exit(0);
     }
+    // The daemon's connections must not live on in the console: the client
+    // would wait for an end that does not come.
     vc_inpath_clean_resource(ttyno);
     run_console(ttyno, ttydev);
     vc_debug_msg("vc:tel_shell_func over\n");

@@ -25,6 +25,8 @@ void __list_del(vc_list *prev, vc_list *next)
     prev->next = next;
 }
 
+// Left as a list of its own, so that an entry that is unlinked twice does no
+// harm.
 void list_del_init(vc_list *entry)
 {
     __list_del(entry->prev, entry->next);

@@ -60,6 +60,8 @@ static void fill_kind(tty_cmsg *msg, const vc_reg *reg)
     }
 }
 
+// A service without a port has a path, but for TIPC: that address is in fields
+// of its own, and the port goes out as it was registered, 0 or not.
 static void fill_endpoint(tty_cmsg *msg, const vc_reg *reg)
 {
     if (reg->listen_port == 0 && reg->socket_type != AF_TIPC) {
@@ -126,6 +128,7 @@ static int announce_all(int inetd_fd, tty_cmsg *msg)
 
 int vc_open_listen(int inetd_fd)
 {
+    // One record for the whole walk, cleared once, see fill_kind().
     tty_cmsg msg = {};
 
     vc_rlock();
@@ -166,6 +169,9 @@ static in_port_t network_port(const tty_cmsg *msg)
     return htons(static_cast<uint16_t>(msg->port));
 }
 
+// An address that an earlier listener's connections still use may be bound
+// again at once: a service that is stopped and opened would otherwise be closed
+// for minutes.
 static bool bind_inet(int fd, const tty_cmsg *msg)
 {
     struct sockaddr_in address = {};
@@ -237,6 +243,8 @@ static bool bind_tipc(int fd, const tty_cmsg *msg)
 {
     struct sockaddr_tipc address = {};
 
+    // Whether the name is taken by another listener does not matter: several
+    // processes may serve one name.
     address.family = AF_TIPC;
     address.addrtype = static_cast<unsigned char>(msg->tipc_addrtype);
     address.scope = static_cast<signed char>(msg->tipc_scope);

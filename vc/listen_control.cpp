@@ -73,6 +73,9 @@ int vc_deal_service_listen(bool open, int protocol)
             stop_service(srv);
         }
     }
+    // Under the lock: the loop, once awake, waits for it and then sees all of
+    // the services that were opened. Its wait is the only thing that the signal
+    // is for.
     const pthread_t loop = g_vc_tid.load();
     if (wake && loop != 0) {
         pthread_kill(loop, SIGHUP);
@@ -114,6 +117,9 @@ static bool delete_matches(const vc_srv *srv, const tty_cmsg *msg,
            (srv->reg.listen_port == msg->port || vc_srv_has_path(srv, path));
 }
 
+// By the copy that the session has: its service may be gone, or on another
+// port. The protocol is not compared, as a session has its callbacks from the
+// first service on its port.
 static bool session_matches(const vc_child *child, const tty_cmsg *msg,
                             const char *path)
 {
@@ -137,11 +143,15 @@ void vc_msg_del_listen(const tty_cmsg *msg)
     VC_FOR_EACH_SERVICE(srv)
     {
         if (delete_matches(srv, msg, path.text)) {
+            // Not marked as closed: the service is announced again, and the
+            // inetd decides anew.
             vc_srv_close_listener(srv);
             srv->flags &= ~SRV_ANNOUNCED;
         }
     }
     vc_unlock();
+    // Without the lock: a teardown may wait for the inetd, and its callback may
+    // want the lock itself.
     for (int ttyno = 0; ttyno < TTY_LINES; ttyno++) {
         vc_child *child = vc_child_at(ttyno);
         if (child != nullptr && session_matches(child, msg, path.text)) {
@@ -150,6 +160,8 @@ void vc_msg_del_listen(const tty_cmsg *msg)
     }
 }
 
+// Without a connection there is nobody to tell: a service that is announced
+// anew on the next one has its new port then.
 static bool report_port_change(const vc_srv *srv, int new_port)
 {
     const int32_t inetd_fd = vc_tty_socket_get();

@@ -50,6 +50,7 @@ static void to_system_log(const char *path, int error, const char *line)
 
 void vc_debug_msg(const char *fmt, ...)
 {
+    // On the stack, as a handler may interrupt a thread that is in here.
     char line[LINE_SIZE] = {};
     const time_t now = time(nullptr);
     va_list args;

@@ -76,12 +76,16 @@ static bool ensure_connected(loop_state *loop)
         abandon_connection(loop);
         return false;
     }
+    // After the announcement: a port change that another thread makes must not
+    // come before the service that it is about.
     vc_tty_socket_set(loop->inetd_fd);
     g_vc_tid.store(pthread_self());
     vc_debug_msg("(vc:%d): after vc_open_listen ret %d\n", getpid(), result);
     return true;
 }
 
+// The lock is not held during the wait, so a listener may be closed meanwhile:
+// accept_one() and vc_accept() look again.
 static void watch_listeners(loop_state *loop)
 {
     vc_srv *srv;
@@ -101,6 +105,8 @@ static void build_set(loop_state *loop)
     vc_set_bk(loop->inetd_fd, true);
     read_set_clear(&loop->set);
     read_set_add(&loop->set, loop->inetd_fd);
+    // Before the sessions: one whose process has just ended must not be waited
+    // for.
     vc_check_child();
     relay_watch(&loop->set);
     watch_listeners(loop);

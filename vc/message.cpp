@@ -31,12 +31,16 @@ static_assert(offsetof(tty_cmsg, path) == 92, "path");
 
 int vc_msg_send(int inetd_fd, const tty_cmsg *msg)
 {
+    // A record that was sent in part could not be completed later: the writer
+    // waits until it is gone.
     vc_set_bk(inetd_fd, true);
     return tty_write(inetd_fd, msg, sizeof *msg);
 }
 
 int vc_msg_recv(int inetd_fd, tty_cmsg *msg)
 {
+    // The connection may have been readable for another reason, or be so no
+    // more: the loop must not wait here.
     vc_set_bk(inetd_fd, false);
     memset(msg, 0, sizeof *msg);
     return static_cast<int>(recv(inetd_fd, msg, sizeof *msg, 0));

@@ -19,6 +19,8 @@ static bool get_peer(int sockfd, struct sockaddr_storage *address)
 {
     socklen_t length = sizeof *address;
 
+    // A peer without a name leaves the buffer as it is: then the family is none
+    // that has an address.
     memset(address, 0, sizeof *address);
     const int result = getpeername(
         sockfd, reinterpret_cast<struct sockaddr *>(address), &length);
@@ -58,6 +60,8 @@ static const char *address_text(int sockfd, char (&text)[IPV6_TEXT_SIZE])
     }
 }
 
+// A TIPC peer shows as empty parentheses: it has an address, but none that
+// could be written down.
 static void put_label(char *buf, int size, const char *label,
                       const char *address)
 {
@@ -84,6 +88,8 @@ char *vc_service_peer(int ttyno, char *buf, int size)
     if (child == nullptr) {
         return nullptr;
     }
+    // Asked for before it is known whether it will be shown, also for protocols
+    // without a label: a peer that cannot be named is logged for all of them.
     const char *address = address_text(child->sockfd, text);
     switch (vc_protocol_of(child->reg.protocol)->label) {
     case LABEL_WEB:

@@ -23,6 +23,8 @@ vc_accept_entry *vc_pending_add(int fd)
         return nullptr;
     }
     entry->fd = fd;
+    // It may stand for another entry already, see the header: an answer names
+    // the descriptor too.
     entry->accept_id = ++g_vc_accept_fd_num;
     list_add_tail(&entry->link, &g_vc_accept_list);
     vc_debug_msg("vc: vc_accept, fd=%d, num=%d, line=%d\n", fd,

@@ -36,6 +36,8 @@ static int prepare_slave(int fd, char *name, size_t size)
         errno = error;
         return PTY_NO_NAME;
     }
+    // Only now: until everything has succeeded the name is that of the device
+    // that could not be opened.
     (void)snprintf(name, size, "%s", slave);
     return 0;
 }
@@ -82,6 +84,7 @@ void vc_set_noecho(int fd)
     settings.c_lflag &=
         ~static_cast<tcflag_t>(ECHO | ECHOE | ECHOK | ECHONL | ICANON);
     settings.c_cflag |= CREAD | CLOCAL;
+    // A slow reader stops the writer through the terminal, and any key goes on.
     settings.c_iflag |= IXON | IXANY | IXOFF;
     if ((settings.c_cflag & CSIZE) == CS8) {
         settings.c_iflag &= ~static_cast<tcflag_t>(INPCK | ISTRIP);

@@ -126,6 +126,8 @@ static const char *add_service(const vc_reg *reg)
 {
     const char *message = nullptr;
 
+    // Allocated under the lock as well: whoever sees the service in the list
+    // sees all of it.
     vc_wlock();
     if (registered(reg)) {
         message = "vc: reg fail, duplicate registration\n";
@@ -139,6 +141,8 @@ static const char *add_service(const vc_reg *reg)
     return message;
 }
 
+// For a loop that says that it has been started; it does not, and finds new
+// services by itself.
 static void wake_started_loop(void)
 {
     if (g_vc_started) {
@@ -155,6 +159,9 @@ int vc_service_reg(const vc_reg *reg)
             vc_debug_msg("vc: vc_init fail\n");
             return -1;
         }
+        // Set whatever becomes of this record: a daemon that registers another
+        // one after a refusal must not be initialised twice, as that would
+        // empty the list and take the signals away again.
         g_vc_inited = true;
     }
     if (!complete(reg)) {

@@ -59,6 +59,8 @@ bool vc_srv_has_path(const vc_srv *srv, const char *path)
            strcmp(srv->reg.listen_path, path) == 0;
 }
 
+// Without a shutdown the clients in the queue of a listener that somebody else
+// has too, such as a forked child, are not turned away.
 void vc_srv_close_listener(vc_srv *srv)
 {
     if (srv->listen_fd >= 0) {
@@ -80,6 +82,8 @@ void vc_srv_close_listener_logged(vc_srv *srv, const char *function)
     if (srv->listen_fd < 0) {
         return;
     }
+    // The number is kept after a failure: the log names it, and the next reset
+    // tries again.
     if (close(srv->listen_fd) == 0) {
         vc_debug_msg("(vc:%d):%s close listen fd(%d) success, err %s.\r\n",
                      getpid(), function, srv->listen_fd, strerror(errno));

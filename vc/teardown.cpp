@@ -42,6 +42,8 @@ static void close_descriptors(vc_child *child)
 {
     if (child->sockfd >= 0) {
         vc_debug_msg("vc: close sock_fd %d\n", child->sockfd);
+        // A session program may have the connection too: to close it here alone
+        // would not end it.
         shutdown(child->sockfd, SHUT_RDWR);
         close(child->sockfd);
         child->sockfd = -1;
@@ -107,7 +109,10 @@ void vc_child_kill(vc_child *child)
         return;
     }
     vc_debug_msg("vc: kill client %d\n", child->ttyno);
+    // Before the callback and the end of the descriptors: the record says what
+    // the session was.
     const tty_cmsg msg = line_clean_record(child);
+    // The session of a record that found no service has no callbacks.
     if (child->reg.kill_func != nullptr) {
         child->reg.kill_func(child->ttyno);
     }
