@@ -156,6 +156,8 @@ int vc_service_reg(const vc_reg *reg)
 
     if (!g_vc_inited) {
         if (vc_init(protocol) < 0) {
+            // Not so far: what it cannot do without ends the process.
+            // NOLINTNEXTLINE(clang-analyzer-alpha.deadcode.UnreachableCode)
             vc_debug_msg("vc: vc_init fail\n");
             return -1;
         }

@@ -8,12 +8,13 @@
  * and forks the session program on it, calls the daemon's callbacks to move
  * the data, and tears the session down when either side ends.
  *
- *     static const vc_reg telnet4 = {
- *         .socket_type = AF_INET, .listen_port = 23, .protocol = 6,
+ *     static const vc_reg login4 = {
+ *         .socket_type = AF_INET, .listen_port = 23,
+ *         .protocol = VC_PROTOCOL_TCP,
  *         .init_func = init, .read_func = from_peer, .write_func = to_peer,
  *         .kill_func = end, .alloc_func = alloc, .shell_func = shell,
  *     };
- *     if (vc_service_reg(&telnet4) != 0)
+ *     if (vc_service_reg(&login4) != 0)
  *         errx(1, "cannot register");
  *     vc_service_start();
  *
@@ -21,11 +22,11 @@
  * the reason stands in the dump log, "/mng/tty/.vc_dump.txt" under the runtime
  * directory (the value of TMPDIR, or "/" when unset, before that name).
  *
- * Signals: the first registration installs handlers for SIGCHLD (not when
- * that registration's protocol is 10) and SIGHUP, without SA_RESTART, and
- * ignores SIGQUIT, SIGINT and SIGPIPE. The SIGCHLD handler reaps every child
- * of the process, also those that the daemon started for itself. It runs on
- * whatever thread the signal reaches.
+ * Signals: the first registration installs handlers for SIGCHLD (not when it
+ * is of VC_PROTOCOL_IN_PATH) and SIGHUP, without SA_RESTART, and ignores
+ * SIGQUIT, SIGINT and SIGPIPE. The SIGCHLD handler reaps every child of the
+ * process, also those that the daemon started for itself. It runs on whatever
+ * thread the signal reaches.
  *
  * Threads: a thread that may be cancelled must not be so inside a function of
  * this library, as it may hold the service's lock there.
@@ -233,7 +234,7 @@ extern vc_list g_vc_inpath_list;
  * The protocol decides what the address must be (a unix path goes with port 0)
  * and who moves the data: of a relayed session the loop, through read_func and
  * write_func, of another the session program, which uses the connection
- * itself. Protocol 11 starts closed, see vc_deal_service_listen().
+ * itself. VC_PROTOCOL_SSH_ALT starts closed, see vc_deal_service_listen().
  *
  * Returns -1 for a bad protocol, a missing required callback, a family that
  * does not fit, an endpoint that is registered already (same port and family,
@@ -284,9 +285,9 @@ void vc_msg_del_listen(const tty_cmsg *msg);
 /*
  * Moves the services of a protocol from one port to another: tells the inetd
  * when it is connected, closes the listener and waits for the inetd's permit.
- * Returns -1 for a protocol above 11, a negative port, before the first
- * registration, or when the inetd could not be told. Any thread; may block
- * while the inetd does not read.
+ * Returns -1 for a protocol above VC_PROTOCOL_MAX, a negative port, before the
+ * first registration, or when the inetd could not be told. Any thread; may
+ * block while the inetd does not read.
  */
 int vc_service_update_port(int protocol, int old_port, int new_port);
 
@@ -299,11 +300,11 @@ int vc_service_update_port(int protocol, int old_port, int new_port);
 int vc_tos_set(int protocol, int family, int tos);
 
 /*
- * Registers an in-path service (protocol 10): local programs connect to a unix
- * path, and each connection gets a line on which the line-console program
- * "rl-con" runs, found through PATH and started with the arguments "-n LINE",
- * "-t DEVICE" and "-i PEER", option and value in one argument each. The
- * service's callbacks are the library's own.
+ * Registers an in-path service (VC_PROTOCOL_IN_PATH): local programs connect
+ * to a unix path, and each connection gets a line on which the line-console
+ * program "rl-con" runs, found through PATH and started with the arguments
+ * "-n LINE", "-t DEVICE" and "-i PEER", option and value in one argument each.
+ * The service's callbacks are the library's own.
  *
  * path  unix path, at most 63 characters; copied
  *
@@ -322,17 +323,18 @@ int vc_inpath_reg(const char *path);
 
 /*
  * Says in a few words who is at the other end of a line's session: "web",
- * "vty" and the line's number counted from 258, or "ins", followed by the
- * address in parentheses where there is one, such as "vty2(10.0.0.5)".
+ * "vty" and the line's number counted from VC_LINE_VTY_FIRST, or "ins",
+ * followed by the address in parentheses where there is one, such as
+ * "vty2(10.0.0.5)".
  *
  * ttyno      line number, 0 to 1585
  * buf, size  the caller's buffer and its size in bytes; what does not fit is
  *            cut, and with a size of 0 or less nothing is written
  *
  * Returns buf, or a null pointer when the line has no session, is no line, has
- * protocol 8, or buf is null. For protocols 0, 6 and 11 buf is returned as it
- * was. The loop's thread (callbacks) or the forked child (shell_func). Does
- * not block.
+ * VC_PROTOCOL_TIPC_ALT, or buf is null. For a protocol without a label, see
+ * vc(7), buf is returned as it was. The loop's thread (callbacks) or the forked
+ * child (shell_func). Does not block.
  */
 char *vc_service_peer(int ttyno, char *buf, int size);
 
