@@ -124,7 +124,7 @@ static bool readable(int fd)
 {
     pollfd ask = {fd, POLLIN, 0};
 
-    return poll(&ask, 1, patience_ms) == 1;
+    return poll(&ask, 1, PATIENCE_MS) == 1;
 }
 
 int listener::take() const

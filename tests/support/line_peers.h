@@ -7,7 +7,7 @@
 
 #include <sys/types.h>
 
-constexpr int patience_ms = 20000;
+constexpr int PATIENCE_MS = 20000;
 
 // A process that holds a lock until it is told to end, or the test does.
 class holder

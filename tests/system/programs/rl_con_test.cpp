@@ -2,12 +2,11 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <string.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <ttyline/tty.h>
 
+#include "tests/support/line_peers.h"
 #include "tests/system/programs/rl_con_run.h"
 
 TEST_F(RlCon, takes_option_and_value_in_one_argument)
@@ -187,65 +186,25 @@ TEST_F(RlCon, says_when_nothing_can_be_stored)
     EXPECT_EQ(answer("reset"), "cannot reset all keys\r\n");
 }
 
-// The line administration daemon's end.
-class Administration
+// Whether the console says something on the connection to the daemon.
+static bool told(int connection)
 {
-  public:
-    explicit Administration(const std::string &name)
-        : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)), name_(name)
-    {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        strncpy(address.sun_path, name.c_str(), sizeof address.sun_path - 1);
-        EXPECT_EQ(bind(fd_, reinterpret_cast<const sockaddr *>(&address),
-                       sizeof address),
-                  0);
-        EXPECT_EQ(listen(fd_, 4), 0);
-    }
-    ~Administration()
-    {
-        go();
-    }
-    Administration(const Administration &) = delete;
-    Administration &operator=(const Administration &) = delete;
+    struct pollfd one = {connection, POLLIN, 0};
+    char bytes[256];
 
-    bool was_told()
-    {
-        struct pollfd one = {fd_, POLLIN, 0};
-        char bytes[256];
-
-        if (poll(&one, 1, DEADLINE_MS) <= 0) {
-            return false;
-        }
-        client_ = accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC);
-        one.fd = client_;
-        return poll(&one, 1, DEADLINE_MS) > 0 &&
-               read(client_, bytes, sizeof bytes) > 0;
-    }
-    void go()
-    {
-        for (int *fd : {&client_, &fd_}) {
-            if (*fd >= 0) {
-                close(*fd);
-                *fd = -1;
-            }
-        }
-        unlink(name_.c_str());
-    }
-
-  private:
-    int fd_;
-    int client_ = -1;
-    std::string name_;
-};
+    return connection >= 0 && poll(&one, 1, DEADLINE_MS) > 0 &&
+           read(connection, bytes, sizeof bytes) > 0;
+}
 
 TEST_F(RlCon, reports_a_login)
 {
     ASSERT_EQ(tty_setenv(300, "EXECNUM", "7"), 0);
-    Administration administration(path("/mng/tty/.tty_rl"));
+    listener administration(path("/mng/tty/.tty_rl"));
     start();
     EXPECT_EQ(answer("login alice"), "logged in\r\n");
-    EXPECT_TRUE(administration.was_told());
+    const int connection = administration.take();
+    EXPECT_TRUE(told(connection));
+    close(connection);
     EXPECT_TRUE(stored("LOGNAME=alice\r\n")) << info_file();
     EXPECT_TRUE(stored("LOGSUCC=1\r\n")) << info_file();
 }
@@ -253,11 +212,13 @@ TEST_F(RlCon, reports_a_login)
 TEST_F(RlCon, survives_a_line_administration_that_has_gone)
 {
     ASSERT_EQ(tty_setenv(300, "EXECNUM", "7"), 0);
-    Administration administration(path("/mng/tty/.tty_rl"));
+    listener administration(path("/mng/tty/.tty_rl"));
     start();
     EXPECT_EQ(answer("login alice"), "logged in\r\n");
-    EXPECT_TRUE(administration.was_told());
-    administration.go();
+    const int connection = administration.take();
+    EXPECT_TRUE(told(connection));
+    close(connection);
+    administration.stop();
     const std::string not_told =
         "LOGNAME is stored, the login could not be reported\r\n";
     EXPECT_EQ(answer("login bob"), not_told);

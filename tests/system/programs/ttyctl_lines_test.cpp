@@ -152,13 +152,13 @@ TEST_F(TtyctlTest, watch_redraws_with_what_is_new_until_interrupted)
         [&] {
             return contains(output(), "first");
         },
-        patience_ms));
+        PATIENCE_MS));
     store(5, "LOGNAME=second\r\n");
     ASSERT_TRUE(support::wait_until(
         [&] {
             return count_of(output(), "second") >= 2;
         },
-        patience_ms));
+        PATIENCE_MS));
     ASSERT_EQ(kill(pid, SIGINT), 0);
     const outcome result = finish(pid);
     EXPECT_EQ(result.signal, SIGINT);
@@ -180,7 +180,7 @@ TEST_F(TtyctlTest, watch_takes_its_interval_in_all_forms)
             [&] {
                 return count_of(output(), "alice") >= 2;
             },
-            patience_ms));
+            PATIENCE_MS));
         kill(pid, SIGTERM);
         EXPECT_EQ(finish(pid).signal, SIGTERM);
     }
@@ -228,7 +228,7 @@ TEST_F(TtyctlTest, locked_lines_cost_the_table_one_time_together)
     const outcome result = run({"lines"});
     const auto took = std::chrono::steady_clock::now() - before;
     expect_done(result);
-    EXPECT_LT(took, std::chrono::milliseconds(patience_ms));
+    EXPECT_LT(took, std::chrono::milliseconds(PATIENCE_MS));
 
     const auto table = rows_of(result.out);
     ASSERT_EQ(table.size(), 22U) << result.out;

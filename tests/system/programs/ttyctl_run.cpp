@@ -130,7 +130,7 @@ outcome TtyctlTest::finish(pid_t pid)
 {
     outcome result;
 
-    const int status = support::wait_child(pid, patience_ms);
+    const int status = support::wait_child(pid, PATIENCE_MS);
     started.erase(std::remove(started.begin(), started.end(), pid),
                   started.end());
     EXPECT_NE(status, -1) << "still running";
@@ -255,7 +255,7 @@ std::string operator_terminal::shown(const std::string &text, int times) const
     char byte = 0;
     pollfd ask = {master, POLLIN, 0};
 
-    while (found < times && poll(&ask, 1, patience_ms) == 1 &&
+    while (found < times && poll(&ask, 1, PATIENCE_MS) == 1 &&
            read(master, &byte, 1) == 1) {
         all += byte;
         if (all.size() >= text.size() &&
@@ -282,5 +282,5 @@ bool opening::seen() const
 {
     pollfd ask = {fd_, POLLIN, 0};
 
-    return poll(&ask, 1, patience_ms) == 1;
+    return poll(&ask, 1, PATIENCE_MS) == 1;
 }

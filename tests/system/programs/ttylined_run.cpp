@@ -21,7 +21,7 @@
 
 using steady = std::chrono::steady_clock;
 
-static constexpr auto patience = std::chrono::seconds(20);
+constexpr auto PATIENCE = std::chrono::seconds(20);
 
 unique_fd &unique_fd::operator=(unique_fd &&other) noexcept
 {
@@ -157,7 +157,7 @@ bool ttylined_run::start(const run_options &options)
     }
     char byte = 0;
     return pid > 0 && options.ready &&
-           wait_for(ready.fd, POLLIN, steady::now() + patience) &&
+           wait_for(ready.fd, POLLIN, steady::now() + PATIENCE) &&
            read(ready.fd, &byte, 1) == 1 && byte == '\n';
 }
 
@@ -166,7 +166,7 @@ int ttylined_run::exit_status()
     int status = 0;
     const unique_fd watch(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
 
-    if (!wait_for(watch.fd, POLLIN, steady::now() + patience)) {
+    if (!wait_for(watch.fd, POLLIN, steady::now() + PATIENCE)) {
         return -1;
     }
     waitpid(pid, &status, 0);
@@ -179,7 +179,7 @@ int wait_for_child(pid_t child)
     int status = 0;
     const unique_fd watch(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
 
-    if (!wait_for(watch.fd, POLLIN, steady::now() + patience)) {
+    if (!wait_for(watch.fd, POLLIN, steady::now() + PATIENCE)) {
         kill(child, SIGKILL);
         waitpid(child, nullptr, 0);
         return -1;
@@ -220,7 +220,7 @@ unique_fd connect_unix(const std::string &path)
 
 bool send_bytes(int fd, const void *bytes, std::size_t length)
 {
-    const auto deadline = steady::now() + patience;
+    const auto deadline = steady::now() + PATIENCE;
     const char *from = static_cast<const char *>(bytes);
 
     while (length > 0) {
@@ -249,7 +249,7 @@ std::optional<tty_cmsg> read_record(const unique_fd &fd)
 {
     tty_cmsg record = {};
 
-    if (!wait_for(fd.fd, POLLIN, steady::now() + patience) ||
+    if (!wait_for(fd.fd, POLLIN, steady::now() + PATIENCE) ||
         recv(fd.fd, &record, sizeof record, MSG_DONTWAIT) !=
             static_cast<ssize_t>(sizeof record)) {
         return std::nullopt;
@@ -259,7 +259,7 @@ std::optional<tty_cmsg> read_record(const unique_fd &fd)
 
 bool waits_for_end(const unique_fd &fd)
 {
-    const auto deadline = steady::now() + patience;
+    const auto deadline = steady::now() + PATIENCE;
     char bytes[4096];
 
     while (wait_for(fd.fd, POLLIN, deadline)) {
@@ -273,7 +273,7 @@ bool waits_for_end(const unique_fd &fd)
 // Byte by byte, so that what follows the line stays for the next call.
 std::string read_until(const unique_fd &fd, const std::string &text)
 {
-    const auto deadline = steady::now() + patience;
+    const auto deadline = steady::now() + PATIENCE;
     std::string all;
     std::string line;
 
@@ -303,7 +303,7 @@ static bool write_text(int fd, const std::string &text)
 std::string command(const unique_fd &to, const unique_fd &from,
                     const std::string &line)
 {
-    const auto deadline = steady::now() + patience;
+    const auto deadline = steady::now() + PATIENCE;
     std::string reply;
 
     if (!write_text(to.fd, line + "\n")) {

@@ -193,7 +193,7 @@ TEST_F(TtyctlGuard, a_daemon_that_vanishes_fails_the_request)
     std::thread actor = act([&] {
         daemon.stop();
     });
-    const call_result result = run_guarded(call, in_milliseconds(patience_ms));
+    const call_result result = run_guarded(call, in_milliseconds(PATIENCE_MS));
     actor.join();
     EXPECT_EQ(result.state, call_state::failed);
     EXPECT_EQ(result.text, "held, not released");
