@@ -42,7 +42,6 @@ function(ttyline_face name directory version)
   endforeach()
 
   if(TTYLINE_COVERAGE)
-    target_link_options(${name} PRIVATE -fprofile-instr-generate)
     # Whole and in one order in every program: programs whose profiles are
     # alike in size but not in order would be taken for one another.
     target_link_options(${name}_static INTERFACE -fprofile-instr-generate

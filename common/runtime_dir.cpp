@@ -48,6 +48,7 @@ char *tty_make_path(char *buf, unsigned int size, const char *name)
     make_directories(prefix);
 
     const int length = snprintf(buf, size, "%s%s", prefix, name);
+    // seldom covered: snprintf() fails for lengths above INT_MAX only
     if (length < 0 || static_cast<unsigned int>(length) >= size) {
         memset(buf, 0, size);
         errno = ENAMETOOLONG;

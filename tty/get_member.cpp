@@ -30,6 +30,7 @@ static bool instance0_prefix(char *prefix)
     }
     const size_t room = TTY_PATH_SIZE - static_cast<size_t>(slash + 1 - prefix);
     const int length = snprintf(slash + 1, room, "0%s", INFO_FILE);
+    // seldom covered: snprintf() fails for lengths above INT_MAX only
     return length >= 0 && static_cast<size_t>(length) < room;
 }
 

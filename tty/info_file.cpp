@@ -22,6 +22,7 @@ bool name_files(info_names *names, const char *prefix, unsigned int ttyno)
     const int length = snprintf(names->info, sizeof names->info, "%s_%d",
                                 prefix, static_cast<int>(ttyno));
 
+    // seldom covered: snprintf() fails for lengths above INT_MAX only
     if (length < 0 || static_cast<size_t>(length) >= sizeof names->info) {
         errno = ENAMETOOLONG;
         return false;

@@ -45,6 +45,7 @@ void tty_lib_lock_init(void)
     while (!lock_usable(self)) {
         int other = initialising_pid.load();
         if (other == self ||
+            // seldom covered: another thread between load and exchange
             !initialising_pid.compare_exchange_strong(other, self)) {
             // Another thread is at it; to make the mutex twice would free it
             // under the first one's feet.

@@ -41,6 +41,7 @@ static void copy_settings(int master_fd, int slave_fd)
         return;
     }
     settings.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+    // seldom covered: the kernel gives pseudo-terminals 8 bits whatever is set
     if ((settings.c_cflag & CSIZE) == CS8) {
         settings.c_iflag &= ~static_cast<tcflag_t>(INPCK | ISTRIP);
     }

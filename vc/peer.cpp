@@ -91,6 +91,7 @@ char *vc_service_peer(int ttyno, char *buf, int size)
     // Asked for before it is known whether it will be shown, also for protocols
     // without a label: a peer that cannot be named is logged for all of them.
     const char *address = address_text(child->sockfd, text);
+    // not covered: every label has its case
     switch (vc_protocol_of(child->reg.protocol)->label) {
     case LABEL_WEB:
         put_label(buf, size, "web", address);

@@ -86,6 +86,7 @@ void vc_set_noecho(int fd)
     settings.c_cflag |= CREAD | CLOCAL;
     // A slow reader stops the writer through the terminal, and any key goes on.
     settings.c_iflag |= IXON | IXANY | IXOFF;
+    // seldom covered: the kernel gives pseudo-terminals 8 bits whatever is set
     if ((settings.c_cflag & CSIZE) == CS8) {
         settings.c_iflag &= ~static_cast<tcflag_t>(INPCK | ISTRIP);
     }

@@ -58,11 +58,14 @@ static bool path_acceptable(const vc_reg *reg)
 
 static bool address_acceptable(const vc_reg *reg)
 {
+    // not covered: every kind of address has its case
     switch (vc_protocol_of(reg->protocol)->address) {
     case ADDRESS_INET:
         return reg->socket_type == AF_INET || reg->socket_type == AF_INET6 ||
+               // not covered: it returns false for its caller to return
                log_bad_family(reg);
     case ADDRESS_TIPC:
+        // not covered: it returns false for its caller to return
         return reg->socket_type == AF_TIPC || log_bad_family(reg);
     case ADDRESS_PATH:
         return path_acceptable(reg);
@@ -155,6 +158,7 @@ int vc_service_reg(const vc_reg *reg)
     const int protocol = reg != nullptr ? static_cast<int>(reg->protocol) : -1;
 
     if (!g_vc_inited) {
+        // not covered: the initialisation ends the process when it fails
         if (vc_init(protocol) < 0) {
             // Not so far: what it cannot do without ends the process.
             // NOLINTNEXTLINE(clang-analyzer-alpha.deadcode.UnreachableCode)

@@ -65,6 +65,7 @@ static bool relay(const relay_way *way, const char *name, vc_child *child,
     const int ttyno = child->ttyno;
     const int result = way->step(child);
 
+    // not covered: a step that fails has emptied the slot
     if (vc_child_at(ttyno) == nullptr || result < 0) {
         return false;
     }
@@ -85,6 +86,7 @@ void relay_watch(read_set *set)
             vc_child_kill(child);
             continue;
         }
+        // not covered: the teardown that closes a master empties the slot
         child->watched = child->sockfd >= 0 && child->master_fd >= 0 &&
                          vc_protocol_of(child->reg.protocol)->relayed;
         if (child->watched) {

@@ -59,6 +59,7 @@ inline vc_srv *vc_srv_of(vc_list *link)
 {
     return reinterpret_cast<vc_srv *>(link);
 }
+// seldom covered: the assignment of the walk has no false
 #define VC_FOR_EACH_SERVICE(srv)                                               \
     for (vc_list *link_ = g_vc_service_lists.next, *next_ = link_->next;       \
          link_ != &g_vc_service_lists && ((srv) = vc_srv_of(link_), true);     \

@@ -31,6 +31,7 @@ void vc_child_release(vc_child *child)
 
     g_vc_child_lines[ttyno / VC_LINES_PER_WORD].fetch_and(~bit_of(ttyno));
     g_vc_childs[ttyno].store(nullptr);
+    // seldom covered: a handler on another thread during a release
     while (handlers_inside.load() != 0) {
         sched_yield();
     }
