@@ -55,6 +55,8 @@
 #include <stdint.h>
 #include <sys/types.h>
 
+#include <ttyline/tty.h>
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -258,6 +260,14 @@ const char *kit_error(void);
  * this user. Every program should ask before it opens anything there.
  */
 int kit_runtime_check(void);
+
+/*
+ * The session service's system-log hook, see ttyline/vc.h: the kit provides it,
+ * as a datagram that never waits and takes no lock. A device that has a hook of
+ * its own defines it in the program, which then wins.
+ */
+void printk_syslog_ext(int level, const char *module, const char *tag, int kind,
+                       const char *fmt, ...) TTYLINE_PRINTF(5, 6);
 
 /* ---- Part three: about a session --------------------------------------- */
 

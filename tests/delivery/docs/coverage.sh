@@ -24,7 +24,7 @@ options() {
 
 check_symbols() {
     local script name count=0
-    for script in "$source"/{tty,vc}/lib*.map; do
+    for script in "$source"/{tty,vc,kit}/lib*.map; do
         while read -r name; do
             count=$((count + 1))
             [ -f "$source/man/man3/$name.3" ] ||

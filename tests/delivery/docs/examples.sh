@@ -3,12 +3,14 @@
 # complete and compiles as C and as C++, whole programs link, the prototypes
 # agree with the headers and the records' layout with the compiler's.
 # Usage: examples.sh SOURCE_TREE C_COMPILER CXX_COMPILER LIBTTY LIBVC
+# LIBTTYKIT
 set -euo pipefail
 source=$1
 cc=$2
 cxx=$3
 libtty=$4
 libvc=$5
+libttykit=$6
 
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
@@ -55,6 +57,7 @@ awk '
     /^\.Sh DESCRIPTION/ { nextfile }' \
     "$source"/man/man3/*.3 >"$scratch/declarations"
 {
+    echo '#include <ttyline/kit.h>'
     echo '#include <ttyline/vc.h>'
     echo '#ifdef __cplusplus'
     echo 'extern "C" {'
@@ -101,5 +104,6 @@ wait $! || status=1
 mapfile -t programs < <(grep -l '^int main(' "${examples[@]}")
 [ "${#programs[@]}" -ge 3 ]
 for program in "${programs[@]}"; do
-    "$cc" -std=c99 "${flags[@]}" -o program "$program" "$libvc" "$libtty"
+    "$cc" -std=c99 "${flags[@]}" -o program "$program" \
+        "$libttykit" "$libvc" "$libtty"
 done
