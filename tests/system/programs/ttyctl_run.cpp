@@ -35,11 +35,6 @@ void write_file(const std::string &path, const std::string &content)
     ASSERT_TRUE(file.good()) << path;
 }
 
-bool contains(const std::string &text, const std::string &part)
-{
-    return text.find(part) != std::string::npos;
-}
-
 void TtyctlTest::SetUp()
 {
     char name[] = "/tmp/ttyctl_test.XXXXXX";
@@ -147,17 +142,6 @@ outcome TtyctlTest::finish(pid_t pid)
 outcome TtyctlTest::run(const words &arguments)
 {
     return finish(start(arguments));
-}
-
-int count_of(const std::string &text, const std::string &part)
-{
-    int found = 0;
-
-    for (std::size_t at = text.find(part); at != std::string::npos;
-         at = text.find(part, at + 1)) {
-        found++;
-    }
-    return found;
 }
 
 std::vector<std::string> split_lines(const std::string &text)

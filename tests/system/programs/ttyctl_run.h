@@ -10,6 +10,7 @@
 #include <sys/types.h>
 
 #include "tests/support/line_peers.h"
+#include "tests/support/text.h"
 
 struct outcome {
     int status = -1; // exit status; -1: ended by a signal, or late
@@ -46,8 +47,6 @@ class TtyctlTest : public testing::Test
 
 std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &content);
-bool contains(const std::string &text, const std::string &part);
-int count_of(const std::string &text, const std::string &part);
 
 std::vector<std::string> split_lines(const std::string &text);
 

@@ -24,7 +24,7 @@ TEST_F(TtylinedAdmin, the_socket_is_closed_to_others_and_leaves_with_the_daemon)
     EXPECT_EQ(status.st_mode & 07777, 0600U);
     const unique_fd fd = admin();
     ASSERT_TRUE(send(fd, release()));
-    ASSERT_TRUE(has(traced("release"), "from admin 1: release\n"));
+    ASSERT_TRUE(contains(traced("release"), "from admin 1: release\n"));
     ASSERT_EQ(kill(run.pid, SIGTERM), 0);
     EXPECT_EQ(run.exit_status(), 0);
     EXPECT_TRUE(waits_for_end(fd));
@@ -39,7 +39,7 @@ TEST_F(TtylinedAdmin, a_socket_file_that_nobody_serves_is_replaced)
     ASSERT_EQ(access(run.admin_path().c_str(), F_OK), 0);
     start();
     ASSERT_TRUE(tell(about_line(5, 0x1, 1)));
-    EXPECT_TRUE(has(traced("login"), "login ttyno=5\n"));
+    EXPECT_TRUE(contains(traced("login"), "login ttyno=5\n"));
 }
 
 TEST_F(TtylinedAdmin, another_daemons_socket_is_left_alone)
@@ -56,7 +56,8 @@ TEST_F(TtylinedAdmin, another_daemons_socket_is_left_alone)
 
     EXPECT_FALSE(run.start({{}, 0, false}));
     EXPECT_EQ(run.exit_status(), 1);
-    EXPECT_TRUE(has(read_until(run.err, "in use"), ".tty_rl: is in use\n"));
+    EXPECT_TRUE(
+        contains(read_until(run.err, "in use"), ".tty_rl: is in use\n"));
     EXPECT_NE(access(run.socket_path().c_str(), F_OK), 0);
 
     start({"--no-admin"});
@@ -71,7 +72,7 @@ TEST_F(TtylinedAdmin, without_the_half_there_is_no_socket)
     start({"--no-admin"});
     EXPECT_TRUE(settled(client()));
     EXPECT_NE(access(run.admin_path().c_str(), F_OK), 0);
-    EXPECT_TRUE(has(ask("admin"), "hold: none\n"));
+    EXPECT_TRUE(contains(ask("admin"), "hold: none\n"));
 }
 
 TEST_F(TtylinedAdmin, the_bytes_of_each_request_are_understood)
@@ -101,7 +102,7 @@ TEST_F(TtylinedAdmin, the_bytes_of_each_request_are_understood)
         ASSERT_TRUE(send(fd, row.request));
         const std::string text = traced("from admin");
         EXPECT_TRUE(
-            has(text, std::string("Z from admin 1: ") + row.text + "\n"))
+            contains(text, std::string("Z from admin 1: ") + row.text + "\n"))
             << text;
     }
 }
@@ -153,9 +154,9 @@ TEST_F(TtylinedAdmin, requests_may_arrive_byte_by_byte)
         ASSERT_TRUE(settled(other));
     }
     const std::string text = traced("speed");
-    EXPECT_TRUE(has(text, "admin 1: login ttyno=1585\n"));
-    EXPECT_TRUE(has(text, "admin 1: release\n"));
-    EXPECT_TRUE(has(text, "admin 1: speed ttyno=7 value=300\n"));
+    EXPECT_TRUE(contains(text, "admin 1: login ttyno=1585\n"));
+    EXPECT_TRUE(contains(text, "admin 1: release\n"));
+    EXPECT_TRUE(contains(text, "admin 1: speed ttyno=7 value=300\n"));
 }
 
 TEST_F(TtylinedAdmin, many_requests_arrive_in_one_read)
@@ -170,14 +171,14 @@ TEST_F(TtylinedAdmin, many_requests_arrive_in_one_read)
         }
     }
     ASSERT_TRUE(tell(all));
-    EXPECT_FALSE(has(traced("admin 1: disconnected"), "dropped"));
+    EXPECT_FALSE(contains(traced("admin 1: disconnected"), "dropped"));
     const std::string table = ask("admin");
     EXPECT_EQ(count_of(table, "\n"), 3 + 1586);
     for (int ttyno : {0, 257, 258, 1585}) {
         char row[64];
         std::snprintf(row, sizeof row, "\n%-5d no    -          %-15d -\n",
                       ttyno, ttyno + 1);
-        EXPECT_TRUE(has(table, row)) << row;
+        EXPECT_TRUE(contains(table, row)) << row;
     }
 }
 
@@ -224,7 +225,7 @@ TEST_F(TtylinedAdmin, a_peer_that_breaks_the_format_is_dropped)
         // Connected, obeyed, dropped.
         EXPECT_EQ(count_of(text, name), 3) << text;
     }
-    EXPECT_TRUE(has(ask("admin"), "hold: none\n"));
+    EXPECT_TRUE(contains(ask("admin"), "hold: none\n"));
 }
 
 TEST_F(TtylinedAdmin, a_request_that_means_nothing_is_ignored)
@@ -252,14 +253,16 @@ TEST_F(TtylinedAdmin, a_request_that_means_nothing_is_ignored)
     for (const auto &row : rows) {
         ASSERT_TRUE(send(fd, row.request));
         const std::string text = traced("is ignored");
-        EXPECT_TRUE(has(text, std::string("note admin 1: ") + row.text + "\n"))
+        EXPECT_TRUE(
+            contains(text, std::string("note admin 1: ") + row.text + "\n"))
             << text;
     }
     const std::string none = "hold: none\nwaiting: 0\n";
     EXPECT_EQ(ask("admin").rfind(none, 0), 0U);
     EXPECT_EQ(count_of(ask("admin"), "\n"), 3);
     ASSERT_TRUE(send(fd, about_line(5, 0x1, 1)));
-    EXPECT_TRUE(has(traced("login ttyno=5"), "from admin 1: login ttyno=5\n"));
+    EXPECT_TRUE(
+        contains(traced("login ttyno=5"), "from admin 1: login ttyno=5\n"));
 }
 
 TEST_F(TtylinedAdmin, a_peer_may_vanish_in_the_middle)
@@ -270,11 +273,11 @@ TEST_F(TtylinedAdmin, a_peer_may_vanish_in_the_middle)
         const auto end = whole.begin() + static_cast<std::ptrdiff_t>(length);
         ASSERT_TRUE(tell(bytes(whole.begin(), end)));
         const std::string text = traced("left");
-        EXPECT_TRUE(has(text, "note admin " + std::to_string(length) +
-                                  ": left in the middle of a request\n"))
+        EXPECT_TRUE(contains(text, "note admin " + std::to_string(length) +
+                                       ": left in the middle of a request\n"))
             << text;
     }
-    EXPECT_FALSE(has(ask("admin"), "\n5 "));
+    EXPECT_FALSE(contains(ask("admin"), "\n5 "));
     EXPECT_TRUE(settled(client()));
 }
 
@@ -289,7 +292,7 @@ TEST_F(TtylinedAdmin, more_connections_than_descriptors_are_survived)
         ASSERT_GE(peers.back().fd, 0);
         ASSERT_TRUE(send(peers.back(), about_line(i, 0x1, 1)));
     }
-    ASSERT_TRUE(has(traced("accept:"), "accept: Too many open files\n"));
+    ASSERT_TRUE(contains(traced("accept:"), "accept: Too many open files\n"));
     ASSERT_TRUE(settled(fd));
     EXPECT_LT(count_of(ask("admin"), " yes "), 40);
     // All that waited are served once the others leave.
@@ -332,8 +335,8 @@ TEST_F(TtylinedAdmin, requests_of_eight_threads_arrive_whole)
               0);
     const std::string text = traced("admin 1: disconnected");
     EXPECT_EQ(count_of(text, "from admin 1: speed ttyno=30"), 800);
-    EXPECT_FALSE(has(text, "dropped"));
-    EXPECT_FALSE(has(text, "admin 2"));
+    EXPECT_FALSE(contains(text, "dropped"));
+    EXPECT_FALSE(contains(text, "admin 2"));
     const std::string table = ask("admin");
     EXPECT_EQ(count_of(table, " no    100 "), 8) << table;
 }
@@ -371,7 +374,7 @@ TEST_F(TtylinedAdmin, a_forked_child_shares_the_stream)
     EXPECT_EQ(count_of(text, "connected, process"), 1);
     EXPECT_EQ(count_of(text, "exec timeout ttyno=300 value="), 100);
     EXPECT_EQ(count_of(text, "exec timeout ttyno=301 value="), 100);
-    EXPECT_FALSE(has(text, "dropped"));
+    EXPECT_FALSE(contains(text, "dropped"));
 }
 
 TEST_F(TtylinedAdmin, what_is_known_of_a_line_ends_with_its_session)
@@ -384,23 +387,24 @@ TEST_F(TtylinedAdmin, what_is_known_of_a_line_ends_with_its_session)
     ASSERT_EQ(take_line(fd, 6, 8, 2), 259);
     ASSERT_TRUE(send(tool, about_line(258, 0x1, 1) + about_line(258, 0x40, 9) +
                                about_line(259, 0x100, 5)));
-    EXPECT_TRUE(has(ask("admin"), "\n258   yes   9          -               "
-                                  "-\n"
-                                  "259   no    -          -               "
-                                  "5\n"));
+    EXPECT_TRUE(contains(ask("admin"),
+                         "\n258   yes   9          -               "
+                         "-\n"
+                         "259   no    -          -               "
+                         "5\n"));
     ASSERT_TRUE(send_record(fd, line_clean(258, 0)));
     ASSERT_TRUE(settled(fd));
-    EXPECT_FALSE(has(ask("admin"), "\n258 "));
-    EXPECT_TRUE(has(ask("admin"), "\n259 "));
+    EXPECT_FALSE(contains(ask("admin"), "\n258 "));
+    EXPECT_TRUE(contains(ask("admin"), "\n259 "));
     fd.reset();
-    ASSERT_TRUE(has(traced("client 1: disconnected"), "disconnected"));
-    EXPECT_FALSE(has(ask("admin"), "\n259 "));
+    ASSERT_TRUE(contains(traced("client 1: disconnected"), "disconnected"));
+    EXPECT_FALSE(contains(ask("admin"), "\n259 "));
 
     // A login that comes too late is not the next user's.
     ASSERT_TRUE(send(tool, about_line(258, 0x1, 1)));
-    EXPECT_TRUE(has(ask("admin"), "\n258   yes "));
+    EXPECT_TRUE(contains(ask("admin"), "\n258   yes "));
     ASSERT_EQ(take_line(other, 6, 7, 1), 258);
-    EXPECT_FALSE(has(ask("admin"), "\n258 "));
+    EXPECT_FALSE(contains(ask("admin"), "\n258 "));
 }
 
 TEST_F(TtylinedAdmin, a_peer_that_floods_delays_nobody)

@@ -55,19 +55,19 @@ TEST_F(TtylinedCommand, list_shows_sessions_and_their_state)
     ASSERT_TRUE(settled(fd));
 
     const std::string table = ask("list");
-    EXPECT_TRUE(has(table, "line  protocol client client-pid session-pid "
-                           "state    peer\n"));
+    EXPECT_TRUE(contains(table, "line  protocol client client-pid session-pid "
+                                "state    peer\n"));
     char expected[128];
     std::snprintf(expected, sizeof expected,
                   "258   6        1      %-10d 4711        running  "
                   "192.0.2.7:40000\n",
                   getpid());
-    EXPECT_TRUE(has(table, expected)) << table;
+    EXPECT_TRUE(contains(table, expected)) << table;
     std::snprintf(expected, sizeof expected,
                   "259   1        1      %-10d 0           assigned "
                   "192.0.2.7:40000\n",
                   getpid());
-    EXPECT_TRUE(has(table, expected)) << table;
+    EXPECT_TRUE(contains(table, expected)) << table;
     EXPECT_EQ(ask_standard_input("list"), table);
 
     ASSERT_TRUE(send_record(fd, line_clean(258, 4711)));
@@ -154,9 +154,10 @@ TEST_F(TtylinedCommand, clear_says_when_it_will_not_be_honoured)
     for (int i = 1; i <= 65; i++) {
         ASSERT_EQ(take_line(fd, 6, 7, i), 257 + i);
     }
-    EXPECT_FALSE(has(ask("clear 321"), "note:"));
-    EXPECT_TRUE(has(ask("clear 322"), "note: the daemon only honours lines "
-                                      "258 to 321\n"));
+    EXPECT_FALSE(contains(ask("clear 321"), "note:"));
+    EXPECT_TRUE(contains(ask("clear 322"),
+                         "note: the daemon only honours lines "
+                         "258 to 321\n"));
     ASSERT_TRUE(read_record(fd));
     const auto record = read_record(fd);
     ASSERT_TRUE(record);
@@ -266,7 +267,7 @@ TEST_F(TtylinedCommand, bad_commands_are_errors)
     EXPECT_TRUE(is_error(ask("delete-path 7 /" + std::string(63, 'x'))));
     EXPECT_EQ(ask(""), "");
     EXPECT_EQ(ask("  \r"), "");
-    EXPECT_TRUE(has(ask("help"), "clear LINE"));
+    EXPECT_TRUE(contains(ask("help"), "clear LINE"));
     EXPECT_TRUE(settled(client()));
 }
 
@@ -279,28 +280,28 @@ TEST_F(TtylinedCommand, an_error_shows_no_control_characters)
 TEST_F(TtylinedCommand, a_too_long_line_is_dropped)
 {
     const std::string longest(512, 'x');
-    EXPECT_TRUE(has(ask(longest), "unknown command"));
+    EXPECT_TRUE(contains(ask(longest), "unknown command"));
     EXPECT_EQ(ask(longest + "x"), "error: line too long\n");
     // The tail of a long line is no command of its own.
     EXPECT_EQ(ask(std::string(100000, 'x') + " quit"),
               "error: line too long\n");
-    EXPECT_TRUE(has(ask("help"), "list"));
+    EXPECT_TRUE(contains(ask("help"), "list"));
 }
 
 TEST_F(TtylinedCommand, several_operators_are_served)
 {
     const unique_fd second = connect_unix(run.control_path());
     ASSERT_TRUE(send_bytes(control.fd, "he", 2));
-    EXPECT_TRUE(has(command(second, second, "help"), "clear"));
-    EXPECT_TRUE(has(ask("lp"), "clear"));
+    EXPECT_TRUE(contains(command(second, second, "help"), "clear"));
+    EXPECT_TRUE(contains(ask("lp"), "clear"));
 }
 
 TEST_F(TtylinedCommand, the_last_line_needs_no_line_feed)
 {
     ASSERT_TRUE(send_bytes(control.fd, "help\nlist", 9));
     shutdown(control.fd, SHUT_WR);
-    EXPECT_TRUE(has(read_until(control, "."), "help"));
-    EXPECT_TRUE(has(read_until(control, "."), "session-pid"));
+    EXPECT_TRUE(contains(read_until(control, "."), "help"));
+    EXPECT_TRUE(contains(read_until(control, "."), "session-pid"));
     EXPECT_TRUE(waits_for_end(control));
 }
 
@@ -318,7 +319,7 @@ TEST_F(TtylinedCommand, an_operator_who_does_not_read_delays_nobody)
     ASSERT_TRUE(send_bytes(control.fd, lines.data(), lines.size()));
     EXPECT_TRUE(settled(fd));
     const unique_fd second = connect_unix(run.control_path());
-    EXPECT_TRUE(has(command(second, second, "help"), "clear"));
+    EXPECT_TRUE(contains(command(second, second, "help"), "clear"));
 
     // Nothing was lost for the one who reads after all.
     shutdown(control.fd, SHUT_WR);
@@ -346,14 +347,14 @@ TEST_F(TtylinedCommand, an_operator_who_leaves_unread_is_forgotten)
     ASSERT_TRUE(send_bytes(control.fd, lines.data(), lines.size()));
     control.reset();
     control = connect_unix(run.control_path());
-    EXPECT_TRUE(has(ask("help"), "clear"));
+    EXPECT_TRUE(contains(ask("help"), "clear"));
 }
 
 TEST_F(TtylinedCommand, the_end_of_standard_input_is_no_end)
 {
-    EXPECT_TRUE(has(ask_standard_input("help"), "clear"));
+    EXPECT_TRUE(contains(ask_standard_input("help"), "clear"));
     run.in.reset();
-    EXPECT_TRUE(has(ask("help"), "clear"));
+    EXPECT_TRUE(contains(ask("help"), "clear"));
     EXPECT_TRUE(settled(client()));
 }
 

@@ -22,7 +22,7 @@ TEST_F(TtylinedAdmin, a_hold_keeps_a_report_waiting_until_the_release)
     ASSERT_TRUE(send(tool, release()));
     EXPECT_EQ(assigned(fd, 7), 258);
     EXPECT_EQ(take_line(fd, 6, 8, 2), 259);
-    EXPECT_TRUE(has(ask("admin"), "hold: none\nwaiting: 0\n"));
+    EXPECT_TRUE(contains(ask("admin"), "hold: none\nwaiting: 0\n"));
 }
 
 TEST_F(TtylinedAdmin, a_hold_is_obeyed_by_what_comes_after_it)
@@ -94,8 +94,9 @@ TEST_F(TtylinedAdmin, a_hold_ends_by_itself)
     ASSERT_TRUE(report(fd, 6, 7));
     EXPECT_EQ(assigned(fd, 7), 258);
     EXPECT_GE(now_ms() - begin, 990);
-    EXPECT_TRUE(has(traced("is over"), "note the time of the hold is over\n"));
-    EXPECT_TRUE(has(ask("admin"), "hold: none\n"));
+    EXPECT_TRUE(
+        contains(traced("is over"), "note the time of the hold is over\n"));
+    EXPECT_TRUE(contains(ask("admin"), "hold: none\n"));
 }
 
 TEST_F(TtylinedAdmin, a_later_hold_takes_the_place_of_the_first)
@@ -110,7 +111,8 @@ TEST_F(TtylinedAdmin, a_later_hold_takes_the_place_of_the_first)
     ASSERT_TRUE(settled(fd));
     ASSERT_TRUE(send(second, hold(300, 0)));
     EXPECT_EQ(assigned(fd, 7), 300);
-    EXPECT_TRUE(has(ask("admin"), "hold: all lines but 300, until released\n"));
+    EXPECT_TRUE(
+        contains(ask("admin"), "hold: all lines but 300, until released\n"));
     // One release ends it, whoever sends it.
     ASSERT_TRUE(send(first, release()));
     EXPECT_EQ(assigned(fd, 8), 258);
@@ -136,8 +138,8 @@ TEST_F(TtylinedAdmin, a_hold_outlives_its_process)
                            return tty_hold_line(TTY_LINES, 1800) == 0;
                        }),
               0);
-    ASSERT_TRUE(has(traced("admin 1: disconnected"),
-                    "admin 1: hold except=none time=1800\n"));
+    ASSERT_TRUE(contains(traced("admin 1: disconnected"),
+                         "admin 1: hold except=none time=1800\n"));
     ASSERT_TRUE(report(fd, 6, 7));
     ASSERT_TRUE(settled(fd));
     ASSERT_EQ(in_child(run,
@@ -178,9 +180,9 @@ TEST_F(TtylinedAdmin, a_daemon_may_vanish_while_its_report_waits)
     ASSERT_TRUE(report(fd, 6, 8));
     ASSERT_TRUE(settled(fd));
     gone.reset();
-    ASSERT_TRUE(has(traced("client 1: disconnected"), "disconnected"));
+    ASSERT_TRUE(contains(traced("client 1: disconnected"), "disconnected"));
     ASSERT_TRUE(settled(fd));
-    EXPECT_TRUE(has(ask("admin"), "waiting: 1\n"));
+    EXPECT_TRUE(contains(ask("admin"), "waiting: 1\n"));
     ASSERT_TRUE(tell(release()));
     EXPECT_EQ(assigned(fd, 8), 258);
     EXPECT_EQ(take_line(fd, 6, 9, 3), 259);
@@ -196,7 +198,7 @@ TEST_F(TtylinedAdmin, a_daemon_that_vanishes_with_the_release_gets_nothing)
     ASSERT_TRUE(settled(gone));
     gone.reset();
     ASSERT_TRUE(tell(release()));
-    ASSERT_TRUE(has(traced("client 1: disconnected"), "disconnected"));
+    ASSERT_TRUE(contains(traced("client 1: disconnected"), "disconnected"));
     EXPECT_EQ(take_line(fd, 6, 8, 2), 258);
 }
 
@@ -239,6 +241,6 @@ TEST_F(TtylinedAdmin, an_operator_holds_and_releases)
                              "hold 300 0 0", "hold all 0", "release 300"}) {
         EXPECT_EQ(ask(line).rfind("error: ", 0), 0U) << line;
     }
-    EXPECT_TRUE(has(ask("admin"), "hold: none\n"));
-    EXPECT_TRUE(has(ask("help"), "release  "));
+    EXPECT_TRUE(contains(ask("admin"), "hold: none\n"));
+    EXPECT_TRUE(contains(ask("help"), "release  "));
 }

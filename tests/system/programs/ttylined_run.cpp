@@ -347,22 +347,6 @@ bool settled(const unique_fd &fd)
     return answer && answer->vc_flag == 0x008 && answer->port == 9;
 }
 
-bool has(const std::string &text, const std::string &part)
-{
-    return text.find(part) != std::string::npos;
-}
-
-int count_of(const std::string &text, const std::string &part)
-{
-    int count = 0;
-
-    for (std::size_t at = text.find(part); at != std::string::npos;
-         at = text.find(part, at + 1)) {
-        count++;
-    }
-    return count;
-}
-
 static std::vector<std::string> words_of(const std::string &line)
 {
     std::istringstream text(line);

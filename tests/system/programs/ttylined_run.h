@@ -12,6 +12,7 @@
 #include <sys/types.h>
 
 #include "tests/support/login_records.h"
+#include "tests/support/text.h"
 
 // Descriptor with an owner.
 struct unique_fd {
@@ -84,9 +85,6 @@ int take_line(const unique_fd &fd, int protocol, int sockfd, int accept_id);
 // True once the daemon has handled all that was sent before on this
 // connection: a listen request was answered.
 bool settled(const unique_fd &fd);
-
-bool has(const std::string &text, const std::string &part);
-int count_of(const std::string &text, const std::string &part);
 
 using cells = std::vector<std::string>;
 

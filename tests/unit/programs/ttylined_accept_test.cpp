@@ -89,7 +89,7 @@ TEST_F(Accept, without_a_descriptor_it_pauses_for_a_while)
     EXPECT_GT(until, monotonic_ms() - 1);
     EXPECT_LE(until, monotonic_ms() + 200);
     while (monotonic_ms() < until) {
-        const timespec pause = {0, 10 * 1000 * 1000};
+        const timespec pause = {0, 10000000};
         nanosleep(&pause, nullptr);
     }
     EXPECT_EQ(accept_paused_until(), 0);
