@@ -39,8 +39,8 @@ int kit_audit_descriptor(void)
 }
 
 // Named with each line, and never connected: the log may be started anew.
-static void send_line(int priority, const char *module, const char *fmt,
-                      va_list args)
+__attribute__((format(printf, 3, 0))) static void
+send_line(int priority, const char *module, const char *fmt, va_list args)
 {
     const int saved_errno = errno;
     char line[LINE_SIZE];
