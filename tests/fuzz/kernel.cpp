@@ -3,10 +3,10 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <termios.h>
@@ -15,6 +15,7 @@
 #include <algorithm>
 
 #include "tests/fuzz/fuzz.h"
+#include "tests/support/fault.h"
 
 namespace kernel
 {
@@ -26,6 +27,7 @@ state now;
 
 void reset()
 {
+    turn(false);
     now = {};
     std::fill(now.table, now.table + 3, kind::stream);
     now.table[3] = kind::inetd;
@@ -125,19 +127,9 @@ static ssize_t write_to(int fd, const void *bytes, size_t size)
     }
 }
 
-static ssize_t receive(void *bytes, size_t size)
-{
-    if (now.incoming == nullptr) {
-        return failed(ECONNRESET);
-    }
-    const size_t got = std::min(size, now.incoming_size);
-    memcpy(bytes, now.incoming, got);
-    return static_cast<ssize_t>(got);
-}
-
 // Only processes that the service has started and not seen end, and only with
 // the two signals that end a session.
-static int signal_process(int pid, int signo)
+static int signal_process(pid_t pid, int signo)
 {
     FUZZ_CHECK(pid >= FIRST_PROCESS && pid < now.next_process);
     FUZZ_CHECK(now.gone.insert(pid).second);
@@ -158,7 +150,7 @@ static int close_number(int fd)
     return 0;
 }
 
-static int open_socket(int family)
+static int open_socket(int family, int, int)
 {
     const bool known = family == AF_UNIX || family == AF_INET ||
                        family == AF_INET6 || family == AF_TIPC;
@@ -170,7 +162,7 @@ static int open_socket(int family)
                  : failed(EAFNOSUPPORT);
 }
 
-static int open_pair(int *ends)
+static int open_pair(int, int, int, int *ends)
 {
     if (fails(FAIL_PAIR)) {
         return failed(EMFILE);
@@ -182,109 +174,152 @@ static int open_pair(int *ends)
     return 0;
 }
 
-} // namespace kernel
-
-using namespace kernel;
-
-// KERNEL_WRAP(type, name, (parameters), (arguments), what it gives here)
-#define KERNEL_WRAP(type, name, parameters, arguments, ...)                    \
-    extern "C" type __real_##name parameters;                                  \
-    extern "C" type __wrap_##name parameters;                                  \
-    type __wrap_##name parameters                                              \
-    {                                                                          \
-        return now.on ? (__VA_ARGS__) : __real_##name arguments;               \
+static ssize_t receive(int, void *bytes, size_t size, int)
+{
+    if (now.incoming == nullptr) {
+        return failed(ECONNRESET);
     }
-
-// clang-format off
-KERNEL_WRAP(int, socket, (int family, int type, int protocol),
-            (family, type, protocol), open_socket(family))
-KERNEL_WRAP(int, setsockopt,
-            (int fd, int level, int option, const void *value,
-             socklen_t length),
-            (fd, level, option, value, length),
-            checked(fd) != 0 ? -1 : result(FAIL_OPTION, ENOPROTOOPT))
-KERNEL_WRAP(int, bind, (int fd, const struct sockaddr *address,
-                        socklen_t length),
-            (fd, address, length),
-            checked(fd) != 0 ? -1 : result(FAIL_BIND, EADDRINUSE))
-KERNEL_WRAP(int, listen, (int fd, int backlog), (fd, backlog),
-            checked(fd) != 0 ? -1 : result(FAIL_LISTEN, EADDRINUSE))
-KERNEL_WRAP(ssize_t, recv, (int fd, void *bytes, size_t size, int flags),
-            (fd, bytes, size, flags), receive(bytes, size))
-KERNEL_WRAP(ssize_t, write, (int fd, const void *bytes, size_t size),
-            (fd, bytes, size), write_to(fd, bytes, size))
-KERNEL_WRAP(int, close, (int fd), (fd), close_number(fd))
-KERNEL_WRAP(int, shutdown, (int fd, int how), (fd, how), checked(fd))
-KERNEL_WRAP(int, stat, (const char *path, struct stat *status),
-            (path, status), (status->st_size = 0, 0))
-KERNEL_WRAP(int, ftruncate, (int fd, off_t size), (fd, size), 0)
-KERNEL_WRAP(int, mkdir, (const char *path, mode_t mode), (path, mode), 0)
-KERNEL_WRAP(int, access, (const char *path, int mode), (path, mode),
-            result(FAIL_OPTION, ENOENT))
-KERNEL_WRAP(int, unlink, (const char *path), (path), 0)
-KERNEL_WRAP(pid_t, fork, (void), (),
-            fails(FAIL_FORK) ? failed(EAGAIN) : now.next_process++)
-KERNEL_WRAP(int, socketpair, (int family, int type, int protocol, int *ends),
-            (family, type, protocol, ends), open_pair(ends))
-KERNEL_WRAP(int, posix_openpt, (int flags), (flags),
-            open_failing(FAIL_MASTER, ENOSPC, kind::pty))
-KERNEL_WRAP(int, grantpt, (int fd), (fd), checked(fd))
-KERNEL_WRAP(int, unlockpt, (int fd), (fd),
-            checked(fd) != 0 ? -1 : result(FAIL_SLAVE, EINVAL))
-KERNEL_WRAP(int, ptsname_r, (int fd, char *name, size_t size),
-            (fd, name, size), (snprintf(name, size, "/dev/pts/%d", fd), 0))
-KERNEL_WRAP(int, tcgetattr, (int fd, struct termios *settings),
-            (fd, settings), (memset(settings, 0, sizeof *settings), 0))
-KERNEL_WRAP(int, tcsetattr,
-            (int fd, int when, const struct termios *settings),
-            (fd, when, settings), 0)
-KERNEL_WRAP(int, kill, (pid_t pid, int signo), (pid, signo),
-            signal_process(pid, signo))
-KERNEL_WRAP(int, usleep, (useconds_t time), (time), 0)
-KERNEL_WRAP(void *, calloc, (size_t count, size_t size), (count, size),
-            fails(FAIL_MEMORY) ? (errno = ENOMEM, nullptr)
-                               : __real_calloc(count, size))
-// clang-format on
-
-extern "C" {
-int __real_open(const char *path, int flags, ...);
-int __wrap_open(const char *path, int flags, ...);
-int __real_fcntl(int fd, int command, ...);
-int __wrap_fcntl(int fd, int command, ...);
-int __real_ioctl(int fd, unsigned long request, ...);
-int __wrap_ioctl(int fd, unsigned long request, ...);
+    const size_t got = std::min(size, now.incoming_size);
+    memcpy(bytes, now.incoming, got);
+    return static_cast<ssize_t>(got);
 }
 
-// The dump log is the only file.
-int __wrap_open(const char *path, int flags, ...)
+static int set_option(int fd, int, int, const void *, socklen_t)
 {
-    va_list list;
-
-    va_start(list, flags);
-    const mode_t mode = va_arg(list, mode_t);
-    va_end(list);
-    return now.on ? LOG : __real_open(path, flags, mode);
+    return checked(fd) != 0 ? -1 : result(FAIL_OPTION, ENOPROTOOPT);
 }
 
-int __wrap_fcntl(int fd, int command, ...)
+static int bind_socket(int fd, const struct sockaddr *, socklen_t)
 {
-    va_list list;
+    return checked(fd) != 0 ? -1 : result(FAIL_BIND, EADDRINUSE);
+}
 
-    va_start(list, command);
-    const long value = va_arg(list, long);
-    va_end(list);
-    if (!now.on) {
-        return __real_fcntl(fd, command, value);
-    }
+static int listen_on(int fd, int)
+{
+    return checked(fd) != 0 ? -1 : result(FAIL_LISTEN, EADDRINUSE);
+}
+
+static int shut_down(int fd, int)
+{
+    return checked(fd);
+}
+
+static int control(int, int command, ...)
+{
     return command == F_SETFD ? result(FAIL_CLOEXEC, EINVAL) : 0;
 }
 
-int __wrap_ioctl(int fd, unsigned long request, ...)
+static int control_device(int, unsigned long, ...)
 {
-    va_list list;
-
-    va_start(list, request);
-    void *value = va_arg(list, void *);
-    va_end(list);
-    return now.on ? 0 : __real_ioctl(fd, request, value);
+    return 0;
 }
+
+// The dump log is the only file.
+static int open_file(const char *, int, ...)
+{
+    return LOG;
+}
+
+static int look_at(const char *, struct stat *status)
+{
+    status->st_size = 0;
+    return 0;
+}
+
+static int cut(int, off_t)
+{
+    return 0;
+}
+
+static int make_directory(const char *, mode_t)
+{
+    return 0;
+}
+
+static int ask(const char *, int)
+{
+    return result(FAIL_OPTION, ENOENT);
+}
+
+static int remove_name(const char *)
+{
+    return 0;
+}
+
+static pid_t start_process()
+{
+    return fails(FAIL_FORK) ? failed(EAGAIN) : now.next_process++;
+}
+
+static int open_master(int)
+{
+    return open_failing(FAIL_MASTER, ENOSPC, kind::pty);
+}
+
+static int unlock_slave(int fd)
+{
+    return checked(fd) != 0 ? -1 : result(FAIL_SLAVE, EINVAL);
+}
+
+static int name_of_slave(int fd, char *name, size_t size)
+{
+    (void)snprintf(name, size, "/dev/pts/%d", fd);
+    return 0;
+}
+
+static int give_settings(int, struct termios *settings)
+{
+    *settings = {};
+    return 0;
+}
+
+static int take_settings(int, int, const struct termios *)
+{
+    return 0;
+}
+
+static int pause(useconds_t)
+{
+    return 0;
+}
+
+void install()
+{
+    REPLACE_CALL(socket, open_socket);
+    REPLACE_CALL(setsockopt, set_option);
+    REPLACE_CALL(bind, bind_socket);
+    REPLACE_CALL(listen, listen_on);
+    REPLACE_CALL(recv, receive);
+    REPLACE_CALL(write, write_to);
+    REPLACE_CALL(close, close_number);
+    REPLACE_CALL(shutdown, shut_down);
+    REPLACE_CALL(fcntl, control);
+    REPLACE_CALL(ioctl, control_device);
+    REPLACE_CALL(open, open_file);
+    REPLACE_CALL(stat, look_at);
+    REPLACE_CALL(ftruncate, cut);
+    REPLACE_CALL(mkdir, make_directory);
+    REPLACE_CALL(access, ask);
+    REPLACE_CALL(unlink, remove_name);
+    REPLACE_CALL(fork, start_process);
+    REPLACE_CALL(socketpair, open_pair);
+    REPLACE_CALL(posix_openpt, open_master);
+    REPLACE_CALL(grantpt, checked);
+    REPLACE_CALL(unlockpt, unlock_slave);
+    REPLACE_CALL(ptsname_r, name_of_slave);
+    REPLACE_CALL(tcgetattr, give_settings);
+    REPLACE_CALL(tcsetattr, take_settings);
+    REPLACE_CALL(kill, signal_process);
+    REPLACE_CALL(usleep, pause);
+}
+
+void turn(bool on)
+{
+    fault::reset();
+    if (on && fails(FAIL_MEMORY)) {
+        fault::fail("calloc", 1, ENOMEM, fault::ALWAYS);
+    }
+    fault::replacing(on);
+}
+
+} // namespace kernel

@@ -49,7 +49,6 @@ constexpr uint32_t FAIL_MEMORY = 0x4000;
 constexpr uint32_t FAIL_OPTION = 0x8000;
 
 struct state {
-    bool on;
     uint32_t failing;
     kind table[DESCRIPTORS];
     // What the next recv() delivers.
@@ -68,7 +67,12 @@ struct state {
 };
 extern state now;
 
+// Puts it in the place of the machine's; once, before anything else.
+void install();
+// Off, the calls reach the machine. On, what is to fail is set before.
+void turn(bool on);
 // Only the standard streams and the inetd connection are open, nothing fails.
+// Off.
 void reset();
 int inetd();
 // Takes the first free number, as the system does; -1 when all are used.

@@ -54,7 +54,7 @@ namespace fault
 // clang-format off
 #define FAULT_CALLS(X) \
     X(socket) X(setsockopt) X(bind) X(listen) X(connect) X(accept) X(recv) \
-    X(read) X(write) X(open) X(close) X(fcntl) X(ioctl) X(stat) X(truncate) \
+    X(read) X(write) X(open) X(close) X(shutdown) X(fcntl) X(ioctl) X(stat) X(truncate) \
     X(ftruncate) X(rename) X(mkdir) X(unlink) X(symlink) X(fork) \
     X(socketpair) X(posix_openpt) X(grantpt) X(unlockpt) X(ptsname_r) \
     X(tcgetattr) X(tcsetattr) X(dup2) X(setsid) X(prctl) X(execvp) X(waitpid) \
@@ -95,6 +95,8 @@ static size_t given_length;
 static std::atomic<int> rule_count;
 static std::atomic<int> counts[CALL_COUNT];
 static thread_local bool inside;
+static void (*replacements[CALL_COUNT])();
+static std::atomic<bool> replacing_now;
 
 // What a call is about, as far as its arguments say so.
 struct subject {
@@ -282,6 +284,22 @@ void reset()
     }
 }
 
+void replace_with(const char *name, void (*function)())
+{
+    replacements[find_call(name)] = function;
+}
+
+void replacing(bool on)
+{
+    replacing_now = on;
+}
+
+template <typename T>
+static T *replacement(call id)
+{
+    return replacing_now ? reinterpret_cast<T *>(replacements[id]) : nullptr;
+}
+
 static subject about_fd(int fd, long what = -1)
 {
     subject about;
@@ -351,6 +369,12 @@ using fault::about_what;
     extern "C" type __real_##name(__VA_ARGS__);                                \
     extern "C" type __wrap_##name(__VA_ARGS__);
 
+#define FAULT_REPLACED(name, arguments)                                        \
+    if (auto *instead =                                                        \
+            fault::replacement<decltype(__wrap_##name)>(fault::call_##name)) { \
+        return instead arguments;                                              \
+    }
+
 #define FAULT_ENTER(type, name, about)                                         \
     const fault::verdict decided = fault::judge(fault::call_##name, about);    \
     if (fault::is_scripted(decided)) {                                         \
@@ -362,6 +386,7 @@ using fault::about_what;
     extern "C" type __wrap_##name parameters;                                  \
     extern "C" type __wrap_##name parameters                                   \
     {                                                                          \
+        FAULT_REPLACED(name, arguments)                                        \
         FAULT_ENTER(type, name, about)                                         \
         return __real_##name arguments;                                        \
     }
@@ -371,6 +396,7 @@ using fault::about_what;
     FAULT_DECLARE(int, name, int fd, struct sockaddr *to, socklen_t *length)   \
     int __wrap_##name(int fd, struct sockaddr *to, socklen_t *length)          \
     {                                                                          \
+        FAULT_REPLACED(name, (fd, to, length))                                 \
         FAULT_ENTER(int, name, about_fd(fd))                                   \
         return decided.what == fault::NAME ? fault::give_name(to, length)      \
                                            : __real_##name(fd, to, length);    \
@@ -382,6 +408,7 @@ using fault::about_what;
     extern "C" int __wrap_##name parameters;                                   \
     extern "C" int __wrap_##name parameters                                    \
     {                                                                          \
+        FAULT_REPLACED(name, arguments)                                        \
         const fault::verdict decided =                                         \
             fault::judge(fault::call_##name, about);                           \
         if (fault::is_scripted(decided)) {                                     \
@@ -404,6 +431,7 @@ FAULT_WRAP(int, connect, (int fd, const struct sockaddr *to, socklen_t len),
 FAULT_WRAP(int, accept, (int fd, struct sockaddr *peer, socklen_t *len),
            (fd, peer, len), about_fd(fd))
 FAULT_WRAP(int, close, (int fd), (fd), about_fd(fd))
+FAULT_WRAP(int, shutdown, (int fd, int how), (fd, how), about_fd(fd, how))
 FAULT_WRAP(int, stat, (const char *path, struct stat *status), (path, status),
            about_path(path))
 FAULT_WRAP(int, truncate, (const char *path, off_t length), (path, length),
@@ -478,6 +506,7 @@ FAULT_WRAP_ERROR(pthread_sigmask,
 FAULT_DECLARE(ssize_t, recv, int fd, void *buf, size_t len, int flags)
 ssize_t __wrap_recv(int fd, void *buf, size_t len, int flags)
 {
+    FAULT_REPLACED(recv, (fd, buf, len, flags))
     FAULT_ENTER(ssize_t, recv, about_fd(fd, flags))
     return __real_recv(fd, buf, fault::shortened(decided, len), flags);
 }
@@ -485,6 +514,7 @@ ssize_t __wrap_recv(int fd, void *buf, size_t len, int flags)
 FAULT_DECLARE(ssize_t, read, int fd, void *buf, size_t len)
 ssize_t __wrap_read(int fd, void *buf, size_t len)
 {
+    FAULT_REPLACED(read, (fd, buf, len))
     FAULT_ENTER(ssize_t, read, about_fd(fd))
     return __real_read(fd, buf, fault::shortened(decided, len));
 }
@@ -492,6 +522,7 @@ ssize_t __wrap_read(int fd, void *buf, size_t len)
 FAULT_DECLARE(ssize_t, write, int fd, const void *buf, size_t len)
 ssize_t __wrap_write(int fd, const void *buf, size_t len)
 {
+    FAULT_REPLACED(write, (fd, buf, len))
     FAULT_ENTER(ssize_t, write, about_fd(fd))
     return __real_write(fd, buf, fault::shortened(decided, len));
 }
@@ -508,6 +539,7 @@ FAULT_DECLARE(int, open, const char *path, int flags, ...)
 int __wrap_open(const char *path, int flags, ...)
 {
     FAULT_OPTIONAL(mode_t, flags);
+    FAULT_REPLACED(open, (path, flags, optional))
     FAULT_ENTER(int, open, about_path(path, flags))
     return __real_open(path, flags, optional);
 }
@@ -516,6 +548,7 @@ FAULT_DECLARE(int, fcntl, int fd, int command, ...)
 int __wrap_fcntl(int fd, int command, ...)
 {
     FAULT_OPTIONAL(long, command);
+    FAULT_REPLACED(fcntl, (fd, command, optional))
     FAULT_ENTER(int, fcntl, about_fd(fd, command))
     return __real_fcntl(fd, command, optional);
 }
@@ -524,6 +557,7 @@ FAULT_DECLARE(int, ioctl, int fd, unsigned long request, ...)
 int __wrap_ioctl(int fd, unsigned long request, ...)
 {
     FAULT_OPTIONAL(long, request);
+    FAULT_REPLACED(ioctl, (fd, request, optional))
     FAULT_ENTER(int, ioctl, about_fd(fd, static_cast<long>(request)))
     return __real_ioctl(fd, request, optional);
 }
@@ -532,6 +566,7 @@ FAULT_DECLARE(int, prctl, int option, ...)
 int __wrap_prctl(int option, ...)
 {
     FAULT_OPTIONAL(long, option);
+    FAULT_REPLACED(prctl, (option, optional))
     FAULT_ENTER(int, prctl, about_what(option))
     return __real_prctl(option, optional, 0L, 0L, 0L);
 }

@@ -57,4 +57,22 @@ int calls(const char *name);
 // Drops all rules and counts.
 void reset();
 
+// From now on, while replacing(true) holds, calls of this name come to another
+// function instead, whatever the rules say: REPLACE_CALL(name, function), of
+// the same parameters and result. For a whole kernel that is not there.
+void replace_with(const char *name, void (*function)());
+void replacing(bool on);
+
+template <typename R, typename... A>
+void replace(const char *name, R (*function)(A...), R (*)(A...))
+{
+    replace_with(name, reinterpret_cast<void (*)()>(function));
+}
+template <typename R, typename... A>
+void replace(const char *name, R (*function)(A..., ...), R (*)(A..., ...))
+{
+    replace_with(name, reinterpret_cast<void (*)()>(function));
+}
+#define REPLACE_CALL(name, function) fault::replace(#name, function, name)
+
 } // namespace fault
