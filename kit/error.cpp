@@ -8,7 +8,10 @@
 // A path of the longest kind and what is wrong with it.
 constexpr size_t REASON_SIZE = 384;
 
-static thread_local char g_reason[REASON_SIZE];
+// In the part of thread storage that needs no call to be found: the library
+// then needs nothing of the loader.
+static thread_local char g_reason[REASON_SIZE]
+    __attribute__((tls_model("initial-exec")));
 
 int kit_fail(const char *fmt, ...)
 {

@@ -17,7 +17,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "programs/shared/session_child.h"
+#include "programs/rl-con/child.h"
 
 constexpr mode_t USUAL_UMASK = 022;
 constexpr int EXEC_FAILED = 127;

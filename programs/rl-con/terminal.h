@@ -24,7 +24,7 @@ struct terminal {
 };
 
 // Makes the process one that can serve a terminal: as prepare_session_child()
-// of session_child.h, with SIGPIPE ignored, and SIGINT and SIGQUIT kept for
+// of child.h, with SIGPIPE ignored, and SIGINT and SIGQUIT kept for
 // terminal_read_line(). Gives the terminal on descriptor 0 usual modes.
 void terminal_begin(terminal &t);
 

@@ -20,7 +20,7 @@ import sys
 import tempfile
 
 FACES = (("tty", "The line library"), ("vc", "The session service"),
-         ("common", "What both are built with"))
+         ("kit", "The kit"), ("common", "What all are built with"))
 TEST_LIMIT = 25
 AT_A_TIME = 2
 OTHER_ERRORS = re.compile(r"short|end of file|result -?\d+")

@@ -1,4 +1,4 @@
-#include "programs/shared/session_child.h"
+#include "programs/rl-con/child.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -66,97 +66,6 @@ bool succeeded(int status)
 {
     execl("/bin/sh", "sh", "-c", script, static_cast<char *>(nullptr));
     _exit(126);
-}
-
-std::vector<allow_entry> list_of(std::initializer_list<const char *> texts)
-{
-    std::vector<allow_entry> list;
-    for (const char *text : texts) {
-        allow_entry entry;
-        EXPECT_TRUE(parse_allow_entry(text, entry)) << text;
-        list.push_back(entry);
-    }
-    return list;
-}
-
-bool permits(const std::vector<allow_entry> &list, const char *peer)
-{
-    sockaddr_storage storage = {};
-    sockaddr_in ipv4 = {};
-    sockaddr_in6 ipv6 = {};
-
-    if (inet_pton(AF_INET, peer, &ipv4.sin_addr) == 1) {
-        ipv4.sin_family = AF_INET;
-        memcpy(&storage, &ipv4, sizeof ipv4);
-    } else {
-        EXPECT_EQ(1, inet_pton(AF_INET6, peer, &ipv6.sin6_addr)) << peer;
-        ipv6.sin6_family = AF_INET6;
-        memcpy(&storage, &ipv6, sizeof ipv6);
-    }
-    return allow_list_permits(list, reinterpret_cast<sockaddr *>(&storage));
-}
-
-TEST(AllowList, empty_lets_everybody_in)
-{
-    EXPECT_TRUE(permits({}, "192.0.2.1"));
-    EXPECT_TRUE(permits({}, "2001:db8::1"));
-}
-
-TEST(AllowList, address_alone_means_this_address)
-{
-    auto list = list_of({"192.0.2.1", "2001:db8::1"});
-    EXPECT_TRUE(permits(list, "192.0.2.1"));
-    EXPECT_FALSE(permits(list, "192.0.2.2"));
-    EXPECT_FALSE(permits(list, "192.0.2.0"));
-    EXPECT_TRUE(permits(list, "2001:db8::1"));
-    EXPECT_FALSE(permits(list, "2001:db8::2"));
-}
-
-TEST(AllowList, compares_only_the_bits_of_the_prefix)
-{
-    auto list = list_of({"192.0.2.129/25"});
-    EXPECT_TRUE(permits(list, "192.0.2.128"));
-    EXPECT_TRUE(permits(list, "192.0.2.255"));
-    EXPECT_FALSE(permits(list, "192.0.2.127"));
-    EXPECT_FALSE(permits(list, "192.0.3.129"));
-    list = list_of({"2001:db8:1:2::/63"});
-    EXPECT_TRUE(permits(list, "2001:db8:1:3::9"));
-    EXPECT_FALSE(permits(list, "2001:db8:1:4::"));
-}
-
-TEST(AllowList, zero_bits_cover_the_family_and_not_the_other)
-{
-    EXPECT_TRUE(permits(list_of({"0.0.0.0/0"}), "198.51.100.7"));
-    EXPECT_FALSE(permits(list_of({"0.0.0.0/0"}), "2001:db8::1"));
-    EXPECT_TRUE(permits(list_of({"::/0"}), "2001:db8::1"));
-}
-
-TEST(AllowList, mapped_peer_is_its_ipv4_address)
-{
-    auto list = list_of({"192.0.2.0/24"});
-    EXPECT_TRUE(permits(list, "::ffff:192.0.2.9"));
-    EXPECT_FALSE(permits(list, "::ffff:192.0.3.9"));
-    EXPECT_FALSE(permits(list, "::192.0.2.9"));
-}
-
-TEST(AllowList, other_families_are_not_on_it)
-{
-    sockaddr_un peer = {};
-    peer.sun_family = AF_UNIX;
-    auto *address = reinterpret_cast<sockaddr *>(&peer);
-    EXPECT_FALSE(allow_list_permits(list_of({"::/0"}), address));
-}
-
-TEST(AllowList, refuses_what_is_no_address_or_prefix)
-{
-    allow_entry entry;
-    for (const char *text :
-         {"", "/", "localhost", "192.0.2", "192.0.2.1/", "192.0.2.1/33",
-          "192.0.2.1/-1", "192.0.2.1/+8", "192.0.2.1/ 8", "192.0.2.1/8x",
-          "192.0.2.1/4294967304", "192.0.2.1/18446744073709551624",
-          "2001:db8::/129", "2001:db8::g", "192.0.2.1/8/8"}) {
-        EXPECT_FALSE(parse_allow_entry(text, entry)) << text;
-    }
 }
 
 TEST(SessionChild, environment_holds_only_what_is_kept)
@@ -332,20 +241,6 @@ TEST(UserShell, comes_from_the_environment_else_from_the_password_file)
     EXPECT_EQ("/opt/shell", shell_with("/opt/shell"));
     EXPECT_EQ(expected, shell_with(""));
     EXPECT_EQ(expected, shell_with(nullptr));
-}
-
-TEST(SystemLog, carries_module_tag_and_text)
-{
-    std::string output;
-    in_child(
-        [] {
-            openlog("unit", LOG_PERROR, LOG_DAEMON);
-            printk_syslog_ext(7, "MOD", "TAG", 2, "%s %d", "text", 5);
-            printk_syslog_ext(99, "MOD", "TAG", 2, "out of range");
-            return 0;
-        },
-        &output);
-    EXPECT_EQ("unit: MOD/TAG: text 5\nunit: MOD/TAG: out of range\n", output);
 }
 
 } // namespace

@@ -1,0 +1,182 @@
+// The replacement of a line's file, and what makes it fail.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <ttyline/kit.h>
+#include <ttyline/tty.h>
+
+#include "kit/line.h"
+#include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
+#include "tests/support/runtime.h"
+#include "tests/support/wait.h"
+
+static const kit_pair IDENTITY[] = {{"LOGNAME", "alice"},
+                                    {"SESSIONID", "0123456789abcdef"}};
+
+class KitLineFile : public support::runtime_test
+{
+  protected:
+    void SetUp() override
+    {
+        runtime_test::SetUp();
+        make_directories();
+    }
+
+    static int begin()
+    {
+        return kit_line_begin(300, IDENTITY, 2, 50);
+    }
+
+    std::string content() const
+    {
+        return support::slurp(path("/mng/tty/.tty_info_300"));
+    }
+
+    void put(const std::string &text) const
+    {
+        support::spill(path("/mng/tty/.tty_info_300"), text);
+    }
+};
+
+TEST_F(KitLineFile, is_made_where_there_is_none_and_is_everybodys)
+{
+    EXPECT_EQ(begin(), 0);
+    EXPECT_EQ(content(), "LOGNAME=alice\r\nSESSIONID=0123456789abcdef\r\n");
+    struct stat status = {};
+    ASSERT_EQ(stat(path("/mng/tty/.tty_info_300").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0777u);
+}
+
+TEST_F(KitLineFile, is_read_by_the_line_library)
+{
+    ASSERT_EQ(begin(), 0);
+    char value[64];
+    EXPECT_STREQ(tty_getenv(300, "LOGNAME", value, sizeof value), "alice");
+    ASSERT_EQ(tty_setenv(300, "PRILEVEL", "3"), 0);
+    EXPECT_EQ(kit_line_end(300, "0123456789abcdef", 50), 0);
+    EXPECT_EQ(tty_getenv(300, "PRILEVEL", value, sizeof value), nullptr);
+    EXPECT_STREQ(tty_getenv(300, "TTYPID", value, sizeof value), "-1");
+}
+
+TEST_F(KitLineFile, keeps_settings_and_the_terminal_in_their_order)
+{
+    put("SPEED=9600\r\nPRILEVEL=15\r\nTTYDEV=/dev/pts/1\r\njunk\r\n"
+        "BANR_EXEC=hello");
+    EXPECT_EQ(begin(), 0);
+    EXPECT_EQ(content(),
+              "SPEED=9600\r\nTTYDEV=/dev/pts/1\r\nBANR_EXEC=hello\r\n"
+              "LOGNAME=alice\r\nSESSIONID=0123456789abcdef\r\n");
+}
+
+TEST_F(KitLineFile, end_of_another_session_changes_nothing)
+{
+    ASSERT_EQ(begin(), 0);
+    const std::string before = content();
+    EXPECT_EQ(kit_line_end(300, "0123456789abcde", 50), 0);
+    EXPECT_EQ(kit_line_end(300, "0123456789abcdef0", 50), 0);
+    EXPECT_EQ(kit_line_end(300, "fedcba9876543210", 50), 0);
+    EXPECT_EQ(content(), before);
+    put("");
+    EXPECT_EQ(kit_line_end(300, "0123456789abcdef", 50), 0);
+    EXPECT_EQ(content(), "");
+}
+
+TEST_F(KitLineFile, value_ends_at_its_first_line_end)
+{
+    const kit_pair pairs[] = {{"LOGNAME", "eve\r\nPRILEVEL=15"}};
+    EXPECT_EQ(kit_line_begin(300, pairs, 1, 50), 0);
+    EXPECT_EQ(content(), "LOGNAME=eve\r\n");
+}
+
+TEST_F(KitLineFile, file_that_is_far_too_large_is_not_kept)
+{
+    put("SPEED=" + std::string(300 * 1024, '9'));
+    EXPECT_EQ(begin(), 0);
+    EXPECT_EQ(content(), "LOGNAME=alice\r\nSESSIONID=0123456789abcdef\r\n");
+}
+
+TEST_F(KitLineFile, pipe_in_its_place_is_not_waited_for)
+{
+    ASSERT_EQ(mkfifo(path("/mng/tty/.tty_info_300").c_str(), 0600), 0);
+    EXPECT_EQ(begin(), 0);
+    EXPECT_EQ(content(), "LOGNAME=alice\r\nSESSIONID=0123456789abcdef\r\n");
+}
+
+TEST_F(KitLineFile, lock_of_another_program_is_given_up_in_time)
+{
+    int held[2];
+    ASSERT_EQ(pipe2(held, O_CLOEXEC), 0);
+    const pid_t holder = fork();
+    if (holder == 0) {
+        const int fd = open(path("/mng/tty/.tty_info_300.lock").c_str(),
+                            O_RDWR | O_CREAT, 0600);
+        const bool locked = tty_flock_try(fd) == 0;
+        const ssize_t ignored = write(held[1], locked ? "y" : "n", 1);
+        static_cast<void>(ignored);
+        pause();
+    }
+    char answer = 'n';
+    ASSERT_EQ(read(held[0], &answer, 1), 1);
+    EXPECT_EQ(answer, 'y');
+    EXPECT_EQ(begin(), -1);
+    EXPECT_STREQ(kit_error(), "line 300 is locked by another program");
+    kill(holder, SIGKILL);
+    EXPECT_NE(support::wait_child(holder), -1);
+    EXPECT_EQ(begin(), 0);
+    close(held[0]);
+    close(held[1]);
+}
+
+TEST_F(KitLineFile, full_disk_leaves_the_line_as_it_was)
+{
+    fault_row("kit_line_begin", "write", "ENOSPC, EIO", "-1", "",
+              "the line as it was, no temporary file");
+    fault_row("kit_line_begin", "write", "short", "0", "",
+              "nothing: the rest is written");
+    put("LOGNAME=before\r\n");
+    for (const int error : {ENOSPC, EIO}) {
+        fault::fail("write", 1, error, 1, fault::only_path(".tmp"));
+        EXPECT_EQ(begin(), -1);
+        EXPECT_EQ(content(), "LOGNAME=before\r\n");
+        EXPECT_FALSE(support::exists(path("/mng/tty/.tty_info_300.tmp")));
+        fault::reset();
+    }
+    fault::shorten("write", 1, 3, 1, fault::only_path(".tmp"));
+    EXPECT_EQ(begin(), 0);
+    EXPECT_EQ(content(), "LOGNAME=alice\r\nSESSIONID=0123456789abcdef\r\n");
+}
+
+TEST_F(KitLineFile, file_that_cannot_be_read_or_renamed_stays)
+{
+    fault_row("kit_line_begin", "read", "EIO", "-1", "", "the line as it was");
+    fault_row("kit_line_begin", "rename", "EACCES", "-1", "",
+              "the line as it was, no temporary file");
+    fault_row("kit_line_begin", "open", "EMFILE", "-1", "",
+              "the line as it was");
+    fault_row("kit_line_begin", "calloc", "ENOMEM", "-1", "",
+              "the line as it was");
+    fault_row("kit_line_begin", "malloc", "ENOMEM", "-1", "",
+              "the line as it was");
+    put("LOGNAME=before\r\n");
+    fault::fail("read", 1, EIO, 1, fault::only_path("tty_info_300"));
+    EXPECT_EQ(begin(), -1);
+    fault::reset();
+    fault::fail("rename", 1, EACCES);
+    EXPECT_EQ(begin(), -1);
+    EXPECT_EQ(content(), "LOGNAME=before\r\n");
+    fault::reset();
+    for (const char *part : {".lock", ".tmp"}) {
+        fault::fail("open", 1, EMFILE, 1, fault::only_path(part));
+        EXPECT_EQ(begin(), -1) << part;
+        EXPECT_EQ(content(), "LOGNAME=before\r\n");
+        fault::reset();
+    }
+    for (const char *call : {"calloc", "malloc"}) {
+        fault::fail(call, 1, ENOMEM);
+        EXPECT_EQ(begin(), -1) << call;
+        EXPECT_EQ(content(), "LOGNAME=before\r\n");
+        fault::reset();
+    }
+}
