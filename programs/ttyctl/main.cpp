@@ -10,6 +10,7 @@
 
 #include "programs/shared/escape.h"
 #include "programs/shared/parse.h"
+#include "programs/ttyctl/ask.h"
 #include "programs/ttyctl/invocation.h"
 #include "programs/ttyctl/lines.h"
 #include "programs/ttyctl/lookup.h"
@@ -19,6 +20,7 @@
 
 constexpr unsigned int TIMEOUT_MAX = 3600;
 constexpr unsigned int WATCH_MAX = 3600;
+constexpr std::size_t MANY = 64;
 
 // Above all letters, as none of them has a short form.
 enum option_number {
@@ -52,6 +54,13 @@ static const option lines_options[] = {
     {nullptr, 0, nullptr, 0},
 };
 
+static const option ask_options[] = {
+    {"help", no_argument, nullptr, OPT_HELP},
+    {"timeout", required_argument, nullptr, OPT_TIMEOUT},
+    {"json", no_argument, nullptr, OPT_JSON},
+    {nullptr, 0, nullptr, 0},
+};
+
 static const option hold_options[] = {
     {"help", no_argument, nullptr, OPT_HELP},
     {"timeout", required_argument, nullptr, OPT_TIMEOUT},
@@ -70,6 +79,7 @@ struct command {
     const char *name;
     const char *synopsis;
     std::size_t arguments;
+    std::size_t most_arguments;
     const option *options;
     int (*run)(const invocation &call);
     const char *summary;
@@ -77,7 +87,7 @@ struct command {
 };
 
 static const command commands[] = {
-    {"lines", " [--json] [--watch [SECONDS]]", 0, lines_options, run_lines,
+    {"lines", " [--json] [--watch [SECONDS]]", 0, 0, lines_options, run_lines,
      "show the lines",
      R"(Shows every line that has an information file, with the values LOGNAME,
 PEERNAME (without one SOCKADDR), TTYDEV, PROTOCOL and IDLE as they are
@@ -96,7 +106,8 @@ together are waited for until the time is over.
   --watch [SECONDS]  again every SECONDS (1 to 3600, 2 if not given),
                      until a signal ends it
 )"},
-    {"get", " LINE KEY", 2, plain_options, run_get, "print a value of a line",
+    {"get", " LINE KEY", 2, 2, plain_options, run_get,
+     "print a value of a line",
      R"(Prints the value. On a terminal, bytes that are not printable ASCII are
 shown as \xHH, and a backslash as \\. Exits with 1 when the line has no
 such value.
@@ -104,45 +115,53 @@ such value.
 LINE is 0 to 1585, 80000 or 80001. Line 0 is read from the tree of
 instance 0 beside that of TMPDIR, but written in TMPDIR's own.
 )"},
-    {"set", " LINE KEY VALUE", 3, plain_options, run_set,
+    {"set", " LINE KEY VALUE", 3, 3, plain_options, run_set,
      "store a value of a line",
      R"(VALUE may be empty. It cannot hold the end of a line, and has room for
 1020 bytes less the length of KEY.
 )"},
-    {"reset", " LINE", 1, plain_options, run_reset,
+    {"reset", " LINE", 1, 1, plain_options, run_reset,
      "return a line to its state without a session",
      R"(Clears LOGNAME, SOCKADDR, RL_TIMEOUT and PEERNAME, sets TTYPID to -1,
 and LOGSUCC, MTYPE, SESSIONID and IDLE to 0. When it fails on the way,
 those before are reset already.
 )"},
-    {"login-ok", " LINE", 1, plain_options, run_login_ok,
+    {"login-ok", " LINE", 1, 1, plain_options, run_login_ok,
      "record a login that succeeded",
      "Stores LOGSUCC=1 and tells the line administration daemon.\n"},
-    {"login-failed", " LINE", 1, plain_options, run_login_failed,
+    {"login-failed", " LINE", 1, 1, plain_options, run_login_failed,
      "record a login that failed",
      "Stores LOGSUCC=0. The line administration daemon is not told.\n"},
-    {"cfg", " LINE NAME VALUE", 3, plain_options, run_cfg,
+    {"cfg", " LINE NAME VALUE", 3, 3, plain_options, run_cfg,
      "tell the daemon of a changed setting",
      R"(NAME is SPEED, SESSION_TIMEOUT or EXEC_TIMEOUT, VALUE a number. Nothing
 is stored.
 )"},
-    {"hold", " [--except LINE] SECONDS", 1, hold_options, run_hold,
+    {"hold", " [--except LINE] SECONDS", 1, 1, hold_options, run_hold,
      "ask the daemon to assign no line",
      R"(Until 'release', or for SECONDS (0 to 1800).
 
   --except LINE  but for this one
 )"},
-    {"release", "", 0, plain_options, run_release,
+    {"release", "", 0, 0, plain_options, run_release,
      "end the hold, whoever asked for it",
      "The request is sent also when nothing is held.\n"},
-    {"service", " N", 1, plain_options, run_service,
+    {"service", " N", 1, 1, plain_options, run_service,
      "say whether a service is enabled",
      "Prints 'enabled', or 'disabled' and exits with 1. N is 0 to 31.\n"},
-    {"speed", " [--code] N", 1, speed_options, run_speed,
+    {"speed", " [--code] N", 1, 1, speed_options, run_speed,
      "convert a speed to the terminal's code",
      R"(Prints the code of the speed N in bits per second.
 
   --code  the other way round: the speed of the code N
+)"},
+    {"ask", " [--json] PATH COMMAND [WORD...]", 2, MANY, ask_options, run_ask,
+     "have a login daemon do or tell something",
+     R"(Sends a command to the control socket of a login daemon, such as
+consoled --control PATH, and prints its rows. 'help' lists what it knows:
+status, sessions, services, kick, open, stop, port, tos, reload.
+
+  --json  the answer as JSON
 )"},
 };
 
@@ -168,7 +187,7 @@ Exit status:
   1  failed, or there is no such value, service or speed
   2  wrong usage: command, option, line number, key or value
   3  the line is locked by another process
-  4  the line administration daemon does not take the request
+  4  the daemon does not take the request
 
 The files are below mng/tty in $TMPDIR, or in / when TMPDIR is unset.
 Reasons of failures are logged in .tty_lib_dump.txt there.
@@ -290,7 +309,8 @@ static int run_command(const command &known, int argc, char **argv,
         return EXIT_USAGE;
     }
     call.arguments.assign(argv + optind, argv + argc);
-    if (call.arguments.size() != known.arguments) {
+    if (call.arguments.size() < known.arguments ||
+        call.arguments.size() > known.most_arguments) {
         return fail(EXIT_USAGE, std::string("usage: ttyctl ") + known.name +
                                     known.synopsis);
     }
