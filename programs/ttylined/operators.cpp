@@ -43,6 +43,19 @@ void operators_accept(operators &all)
     }
 }
 
+// The last line of an answer says how it went, as on every control socket of
+// the device: an error, or "ok".
+static const char *end_of(const std::string &reply)
+{
+    static const char ERROR[] = "error: ";
+    const std::size_t before = reply.size() < 2
+                                   ? std::string::npos
+                                   : reply.rfind('\n', reply.size() - 2);
+    const std::size_t last = before == std::string::npos ? 0 : before + 1;
+
+    return reply.compare(last, sizeof ERROR - 1, ERROR) == 0 ? "" : "ok\n";
+}
+
 static void run_commands(operator_peer &peer, server &srv)
 {
     std::string line;
@@ -59,7 +72,7 @@ static void run_commands(operator_peer &peer, server &srv)
             command_run(srv, line, reply);
             break;
         }
-        text_out_add(*peer.out, reply + ".\n");
+        text_out_add(*peer.out, reply + end_of(reply));
     }
 }
 

@@ -300,8 +300,8 @@ TEST_F(TtylinedCommand, the_last_line_needs_no_line_feed)
 {
     ASSERT_TRUE(send_bytes(control.fd, "help\nlist", 9));
     shutdown(control.fd, SHUT_WR);
-    EXPECT_TRUE(contains(read_until(control, "."), "help"));
-    EXPECT_TRUE(contains(read_until(control, "."), "session-pid"));
+    EXPECT_TRUE(contains(read_until(control, "ok\n"), "help"));
+    EXPECT_TRUE(contains(read_until(control, "ok\n"), "session-pid"));
     EXPECT_TRUE(waits_for_end(control));
 }
 
@@ -331,8 +331,8 @@ TEST_F(TtylinedCommand, an_operator_who_does_not_read_delays_nobody)
     }
     EXPECT_EQ(ret, 0);
     int replies = 0;
-    for (std::size_t at = all.find("\n.\n"); at != std::string::npos;
-         at = all.find("\n.\n", at + 1)) {
+    for (std::size_t at = all.find("\nok\n"); at != std::string::npos;
+         at = all.find("\nok\n", at + 1)) {
         replies++;
     }
     EXPECT_EQ(replies, 500);

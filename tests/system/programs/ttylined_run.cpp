@@ -300,6 +300,21 @@ static bool write_text(int fd, const std::string &text)
            static_cast<ssize_t>(text.size());
 }
 
+static std::string last_line_of(const std::string &text)
+{
+    const std::size_t before =
+        text.size() < 2 ? std::string::npos : text.rfind('\n', text.size() - 2);
+
+    return text.substr(before == std::string::npos ? 0 : before + 1);
+}
+
+static bool is_answer(const std::string &text)
+{
+    return !text.empty() && text.back() == '\n' &&
+           (last_line_of(text) == "ok\n" ||
+            last_line_of(text).compare(0, 7, "error: ") == 0);
+}
+
 std::string command(const unique_fd &to, const unique_fd &from,
                     const std::string &line)
 {
@@ -309,9 +324,7 @@ std::string command(const unique_fd &to, const unique_fd &from,
     if (!write_text(to.fd, line + "\n")) {
         return "cannot write";
     }
-    while (reply != ".\n" &&
-           (reply.size() < 3 ||
-            reply.compare(reply.size() - 3, 3, "\n.\n") != 0)) {
+    while (!is_answer(reply)) {
         char byte = 0;
         if (!wait_for(from.fd, POLLIN, deadline) ||
             read(from.fd, &byte, 1) != 1) {
@@ -319,7 +332,9 @@ std::string command(const unique_fd &to, const unique_fd &from,
         }
         reply += byte;
     }
-    reply.resize(reply.size() - 2);
+    if (last_line_of(reply) == "ok\n") {
+        reply.resize(reply.size() - 3);
+    }
     return reply;
 }
 
