@@ -11,14 +11,14 @@
 
 #include "kit/service.h"
 
-// Lists live as long as the process of the test.
+// Lists live as long as the process of the test, and what holds them too.
 static kit_nets list_of(std::vector<const char *> texts)
 {
     kit_admission admission = {};
 
     texts.push_back(nullptr);
     admission.peers = texts.data();
-    static std::vector<kit_rules *> all;
+    static auto &all = *new std::vector<kit_rules *>;
     all.push_back(kit_rules_read(&admission));
     EXPECT_NE(all.back(), nullptr) << kit_error();
     return all.back() != nullptr ? all.back()->peers : kit_nets{};
