@@ -282,7 +282,7 @@ static int64_t patience(const keeper *k)
     if (k->program_ended) {
         return limit_of(service->drain_ms, DRAIN_MS);
     }
-    if (k->relay.peer_ended) {
+    if (k->relay.peer_ended || k->relay.peer_ending) {
         return limit_of(service->half_close_ms, HALF_CLOSE_MS);
     }
     return -1;

@@ -16,6 +16,8 @@ constexpr size_t PAGE = 4096;
 constexpr size_t BUFFER_SIZE = 8 * PAGE;
 // A codec is called while it has so much room in both directions.
 constexpr size_t CODEC_ROOM = 16;
+// Left to the answers of the other direction, which must not stand still too.
+constexpr size_t SPARE = 16 * CODEC_ROOM;
 // A read that brings less has most likely emptied its source: another one to
 // make sure would be for nothing.
 constexpr size_t BULK = 512;
@@ -144,8 +146,7 @@ static void read_peer(kit_relay *relay)
 }
 
 // A terminal gives at most a page at a time, which is put together with the
-// next: a call to the peer costs much more than one of these. Returns whether
-// there may be more.
+// next: a call to the peer costs more. Returns whether there may be more.
 static bool read_terminal(kit_relay *relay)
 {
     kit_buffer *buffer = arriving_out(relay);
@@ -217,14 +218,14 @@ static bool translate(kit_relay *relay, int (*step)(void *, kit_flow *),
 
     compact(out);
     compact(back);
-    if (kit_buffer_pending(in) == 0 || room(out) < CODEC_ROOM ||
+    if (kit_buffer_pending(in) == 0 || room(out) < CODEC_ROOM + SPARE ||
         room(back) < CODEC_ROOM) {
         return false;
     }
     flow.in = in->bytes + in->start;
     flow.in_left = kit_buffer_pending(in);
     flow.out = out->bytes + out->end;
-    flow.out_room = room(out);
+    flow.out_room = room(out) - SPARE;
     flow.back = back->bytes + back->end;
     flow.back_room = room(back);
     if (step(relay->state, &flow) < 0) {
@@ -232,7 +233,7 @@ static bool translate(kit_relay *relay, int (*step)(void *, kit_flow *),
         return false;
     }
     const size_t taken = kit_buffer_pending(in) - flow.in_left;
-    out->end = out->size - flow.out_room;
+    out->end = out->size - SPARE - flow.out_room;
     back->end = back->size - flow.back_room;
     used(in, taken);
     return taken > 0;
@@ -258,7 +259,7 @@ static void encode(kit_relay *relay)
     }
 }
 
-// A peer that has gone behind bytes for which there is no room says so by
+// A peer that has ended behind bytes for which there is no room says so by
 // POLLRDHUP, and would be seen by nothing else.
 void kit_relay_want(kit_relay *relay, struct pollfd *connection,
                     struct pollfd *master)
@@ -269,7 +270,7 @@ void kit_relay_want(kit_relay *relay, struct pollfd *connection,
     connection->fd = relay->peer_gone ? -1 : relay->connection;
     connection->events = 0;
     if (!relay->peer_ended) {
-        connection->events |= POLLRDHUP;
+        connection->events |= relay->peer_ending ? 0 : POLLRDHUP;
         if (kit_buffer_pending(in) < in->size) {
             connection->events |= POLLIN;
         }
@@ -304,7 +305,7 @@ static void look_for_end(kit_relay *relay, short happened)
         relay->peer_gone = true;
     }
     if ((happened & POLLRDHUP) != 0 && full) {
-        relay->peer_ended = true;
+        relay->peer_ending = true;
     }
 }
 
@@ -330,6 +331,9 @@ void kit_relay_move(kit_relay *relay, const struct pollfd *connection,
     }
     decode(relay);
     write_terminal(relay);
+    // A read would say the same, but there may be no room for one.
+    relay->terminal_quiet =
+        relay->terminal_quiet || (master->revents & POLLHUP) != 0;
     if (master->revents != 0 || relay->terminal_quiet) {
         move_output(relay);
     }

@@ -22,7 +22,8 @@ struct kit_relay {
     kit_buffer to_terminal;
     kit_buffer from_terminal; // not encoded yet; unused without a codec
     kit_buffer to_peer;
-    bool peer_ended;     // it sends no more
+    bool peer_ending;    // it sends no more, but there is more to read
+    bool peer_ended;     // it sends no more, and all of it was read
     bool peer_gone;      // it takes no more either
     bool terminal_ended; // all output of the program has been read
     bool terminal_quiet; // nobody has it open just now

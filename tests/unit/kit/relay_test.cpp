@@ -185,6 +185,53 @@ TEST_F(KitRelay, peer_that_has_closed_behind_a_full_buffer_is_gone)
     EXPECT_TRUE(relay.peer_gone);
 }
 
+// What the peer's system has taken over before its end is input like any other.
+TEST_F(KitRelay, input_behind_a_full_buffer_is_read_after_the_end_of_input)
+{
+    begin();
+    size_t typed = 0;
+    for (int i = 0; i < 200; i++) {
+        const size_t now = fill(peer);
+        typed += now;
+        turn();
+        if (now == 0) {
+            break;
+        }
+    }
+    typed += fill(peer);
+    ASSERT_EQ(shutdown(peer, SHUT_WR), 0);
+    turn();
+    EXPECT_TRUE(relay.peer_ended || relay.peer_ending);
+    size_t seen = 0;
+    for (int i = 0; i < 400 && seen < typed; i++) {
+        seen += drain(slave).size();
+        turn();
+    }
+    EXPECT_EQ(seen, typed);
+    EXPECT_TRUE(relay.peer_ended);
+    EXPECT_FALSE(relay.peer_gone);
+}
+
+// A hang-up is reported for as long as nobody has the terminal open.
+TEST_F(KitRelay, closed_terminal_with_input_and_output_pending_is_not_watched)
+{
+    begin();
+    for (int i = 0; i < 200 && fill(slave) + fill(peer) > 0; i++) {
+        turn();
+    }
+    ASSERT_GT(kit_buffer_pending(&relay.to_terminal), 0u);
+    ASSERT_GT(kit_buffer_pending(&relay.to_peer), 0u);
+    close(slave);
+    slave = -1;
+    turn();
+    pollfd watched[2] = {};
+    kit_relay_want(&relay, &watched[0], &watched[1]);
+    EXPECT_EQ(poll(watched, 2, 0), 0);
+    EXPECT_GT(drain(peer).size(), 0u);
+    turn();
+    EXPECT_GT(drain(peer).size(), 0u);
+}
+
 TEST_F(KitRelay, terminal_that_nobody_has_open_is_quiet_and_may_come_back)
 {
     begin();
@@ -308,6 +355,20 @@ TEST_F(KitRelay, output_that_grows_under_translation_is_bounded_and_whole)
     }
     EXPECT_GT(printed, 0u);
     EXPECT_EQ(seen, 2 * printed + 3);
+}
+
+// A program that must print before it reads would wait for ever.
+TEST_F(KitRelay, output_passes_the_codec_while_input_is_not_taken)
+{
+    begin(&CODEC);
+    turn();
+    drain(peer);
+    for (int i = 0; i < 200 && fill(peer) > 0; i++) {
+        turn();
+    }
+    ASSERT_EQ(write(slave, "print", 5), 5);
+    turn();
+    EXPECT_EQ(drain(peer), "print");
 }
 
 TEST_F(KitRelay, codec_that_gives_up_ends_the_connection)
