@@ -94,7 +94,9 @@ static int on_alloc(int ttyno, int inetd_fd, int sockfd, int master_fd)
         return -1;
     }
     if (!take_over(entry, sockfd, master_fd)) {
-        kit_admission_refuse(entry, sockfd, "no resources for a session");
+        // The bell may lie over the number already.
+        const int client = entry->connection >= 0 ? entry->connection : sockfd;
+        kit_admission_refuse(entry, client, "no resources for a session");
         kit_entry_free(entry);
         return -1;
     }

@@ -1,0 +1,148 @@
+// The begin of a session in the daemon, while descriptors are short.
+#include <fcntl.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include <ttyline/kit.h>
+
+#include "kit/bell.h"
+#include "kit/moments.h"
+#include "kit/table.h"
+#include "tests/support/fault.h"
+#include "tests/support/runtime.h"
+
+constexpr int LINE = 258;
+
+static int nothing(const kit_session *, void *)
+{
+    return 0;
+}
+
+// A connection on the path of an offered service, and something that stands for
+// the master of its terminal.
+class KitMoments : public support::runtime_test
+{
+  protected:
+    void SetUp() override
+    {
+        runtime_test::SetUp();
+        // What is offered stays: one of the process's life.
+        static auto &name = *new std::string;
+        static auto &service = *new kit_service{};
+        name = path("/console");
+        service.size = sizeof service;
+        service.protocol = 7;
+        service.path = name.c_str();
+        service.function = nothing;
+        ASSERT_EQ(kit_offer(&service), 0) << kit_error();
+        kit_moments_set(&moments);
+        connect_client(name);
+    }
+
+    void TearDown() override
+    {
+        for (const int fd : {client, connection, master}) {
+            if (fd >= 0) {
+                close(fd);
+            }
+        }
+        unlink(path("/console").c_str());
+        runtime_test::TearDown();
+    }
+
+    void connect_client(const std::string &name)
+    {
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        memcpy(address.sun_path, name.c_str(), name.size());
+        auto *any = reinterpret_cast<sockaddr *>(&address);
+        const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        ASSERT_EQ(bind(listener, any, sizeof address), 0);
+        ASSERT_EQ(listen(listener, 1), 0);
+        client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        ASSERT_EQ(connect(client, any, sizeof address), 0);
+        connection = accept(listener, nullptr, nullptr);
+        close(listener);
+        master = open("/dev/null", O_RDWR | O_CLOEXEC);
+        ASSERT_GE(master, 0);
+    }
+
+    int alloc()
+    {
+        return moments.alloc_func(LINE, -1, connection, master);
+    }
+
+    // What the service does after a failure, and at the end.
+    void end()
+    {
+        moments.kill_func(LINE);
+        close(connection);
+        close(master);
+        connection = master = -1;
+    }
+
+    std::string told() const
+    {
+        char text[256];
+        const ssize_t got = recv(client, text, sizeof text, MSG_DONTWAIT);
+        return std::string(text, got > 0 ? static_cast<size_t>(got) : 0);
+    }
+
+    vc_reg moments = {};
+    int client = -1;
+    int connection = -1;
+    int master = -1;
+};
+
+TEST_F(KitMoments, what_the_keeper_takes_over_is_closed_when_it_never_comes)
+{
+    ASSERT_EQ(alloc(), 0);
+    ASSERT_NE(kit_entry_at(LINE), nullptr);
+    end();
+    EXPECT_EQ(kit_entry_at(LINE), nullptr);
+    char byte;
+    EXPECT_EQ(read(client, &byte, 1), 0);
+}
+
+// Two numbers to keep, two pairs: whichever of them is not to be had, the
+// client is told so and nothing stays.
+TEST_F(KitMoments, client_is_told_when_a_number_cannot_be_kept)
+{
+    fault::fail("fcntl", 2, EMFILE);
+    EXPECT_EQ(alloc(), -1);
+    EXPECT_EQ(kit_entry_at(LINE), nullptr);
+    EXPECT_EQ(told(), "ttyline: no resources for a session\r\n");
+    end();
+}
+
+TEST_F(KitMoments, client_is_told_when_there_is_no_pair_for_the_bell)
+{
+    fault::fail("socketpair", 1, EMFILE);
+    EXPECT_EQ(alloc(), -1);
+    EXPECT_EQ(told(), "ttyline: no resources for a session\r\n");
+    end();
+}
+
+// By then the bell lies over the connection's number.
+TEST_F(KitMoments, client_is_told_when_there_is_no_pair_for_the_channel)
+{
+    fault::fail("socketpair", 2, EMFILE);
+    EXPECT_EQ(alloc(), -1);
+    EXPECT_EQ(kit_entry_at(LINE), nullptr);
+    EXPECT_EQ(told(), "ttyline: no resources for a session\r\n");
+    end();
+}
+
+TEST_F(KitMoments, session_without_memory_is_none)
+{
+    fault::fail("calloc", 1, ENOMEM);
+    EXPECT_EQ(alloc(), -1);
+    EXPECT_EQ(kit_entry_at(LINE), nullptr);
+    end();
+}
