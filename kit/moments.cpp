@@ -27,6 +27,8 @@ constexpr int64_t START_LIMIT_MS = 10000;
 constexpr int LOWEST_NUMBER = 3;
 // Then the other sessions have their turn.
 constexpr int MOST_MESSAGES = 64;
+// More than a channel holds: what a function has left behind may still send.
+constexpr int MOST_LAST_MESSAGES = 4096;
 
 static int keep_aside(int fd)
 {
@@ -227,7 +229,8 @@ static void take_channel(kit_entry *entry, uint8_t kind, char *data,
     }
 }
 
-// One end of a pair on which nobody ever speaks; the other end stays open.
+// One end of a pair on which nobody ever speaks, and that takes nothing; the
+// other end stays open.
 static int g_silent = -1;
 
 bool kit_moments_prepare(void)
@@ -235,18 +238,19 @@ bool kit_moments_prepare(void)
     int ends[2];
 
     if (g_silent < 0 && kit_pair_open(ends)) {
+        shutdown(ends[0], SHUT_WR);
         g_silent = ends[0];
     }
     return g_silent >= 0;
 }
 
-static void listen_to_program(kit_entry *entry)
+static void listen_to_program(kit_entry *entry, int most)
 {
     static char data[CHANNEL_MOST + 1];
     uint8_t kind = 0;
     ssize_t got = 0;
 
-    for (int i = 0; i < MOST_MESSAGES; i++) {
+    for (int i = 0; i < most; i++) {
         got = kit_channel_take(entry->channel, &kind, data, CHANNEL_MOST);
         if (got < 0) {
             break;
@@ -273,7 +277,7 @@ static int on_channel(int ttyno)
     if (entry == nullptr) {
         return -1;
     }
-    listen_to_program(entry);
+    listen_to_program(entry, MOST_MESSAGES);
     return 0;
 }
 
@@ -289,7 +293,7 @@ static int on_kill(int ttyno)
         return 0;
     }
     hear(entry);
-    listen_to_program(entry);
+    listen_to_program(entry, MOST_LAST_MESSAGES);
     const bool ran = entry->session.pid != 0;
     if (!entry->cleaned) {
         kit_warden_clean(entry);

@@ -1,5 +1,7 @@
 // The begin of a session in the daemon, while descriptors are short.
+#include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -18,10 +20,18 @@
 #include "tests/support/runtime.h"
 
 constexpr int LINE = 258;
+constexpr int MANY = 200;
 
 static int nothing(const kit_session *, void *)
 {
     return 0;
+}
+
+static int g_received;
+
+static void count_message(const kit_session *, const void *, size_t, void *)
+{
+    g_received++;
 }
 
 // A connection on the path of an offered service, and something that stands for
@@ -31,6 +41,8 @@ class KitMoments : public support::runtime_test
   protected:
     void SetUp() override
     {
+        // Kept for the life of the process.
+        ASSERT_TRUE(kit_moments_prepare());
         runtime_test::SetUp();
         // What is offered stays: one of the process's life.
         static auto &name = *new std::string;
@@ -40,6 +52,8 @@ class KitMoments : public support::runtime_test
         service.protocol = 7;
         service.path = name.c_str();
         service.function = nothing;
+        service.received = count_message;
+        g_received = 0;
         ASSERT_EQ(kit_offer(&service), 0) << kit_error();
         kit_moments_set(&moments);
         connect_client(name);
@@ -108,6 +122,37 @@ TEST_F(KitMoments, what_the_keeper_takes_over_is_closed_when_it_never_comes)
     EXPECT_EQ(kit_entry_at(LINE), nullptr);
     char byte;
     EXPECT_EQ(read(client, &byte, 1), 0);
+}
+
+// The bell can be heard before the channel, and the queue holds more than the
+// loop takes in a turn.
+TEST_F(KitMoments, all_that_a_function_has_sent_is_received_before_the_end)
+{
+    ASSERT_EQ(alloc(), 0);
+    const int program = kit_entry_at(LINE)->program_channel;
+    int sent = 0;
+    while (sent < MANY &&
+           kit_channel_put(program, CHANNEL_DATA, "m", 1, false)) {
+        sent++;
+    }
+    ASSERT_EQ(sent, MANY);
+    end();
+    EXPECT_EQ(g_received, MANY);
+}
+
+TEST_F(KitMoments, nothing_is_posted_to_a_session_that_has_no_function_any_more)
+{
+    ASSERT_EQ(alloc(), 0);
+    EXPECT_EQ(kit_post(LINE, "m", 1), 0);
+    close(kit_entry_at(LINE)->program_channel);
+    kit_entry_at(LINE)->program_channel = -1;
+    EXPECT_EQ(moments.write_func(LINE), 0);
+    EXPECT_EQ(kit_post(LINE, "m", 1), -1);
+    EXPECT_EQ(errno, EPIPE);
+    // Nor does its end wake the loop again.
+    pollfd watched = {master, POLLIN, 0};
+    EXPECT_EQ(poll(&watched, 1, 0), 0);
+    end();
 }
 
 // Two numbers to keep, two pairs: whichever of them is not to be had, the
