@@ -1,8 +1,9 @@
 // Listening sockets: the request, and after the permit the socket.
 //
-// A service does not listen on its own authority. Whether it may, and on
-// which address, is the inetd's decision, so the listener is made from the
-// permit and not from the registration.
+// A service does not listen on its own authority. Whether it may, and on which
+// port or path, is the inetd's decision, so the listener is made from the
+// permit and not from the registration. No permit carries an address: a port is
+// listened on at every address of the machine.
 #include "vc/listen.h"
 
 #include <errno.h>

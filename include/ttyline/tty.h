@@ -11,8 +11,8 @@
  * under the runtime directory.
  *
  * Three things a program should know before it links:
- *  - The first tty_setenv() sets the process's file-creation mask to 0 and
- *    leaves it so.
+ *  - Every tty_setenv() that is not refused sets the process's file-creation
+ *    mask to 0 and leaves it so.
  *  - Calls wait for other threads (a mutex) and other processes (a record
  *    lock on the line's ".lock" file) without a time limit. All signals that
  *    can be blocked are blocked in the calling thread meanwhile.
@@ -54,15 +54,17 @@ extern "C" {
  * ttyno  line number: 0 to 1585, 80000 or 80001
  * name   one of the 94 known keys (upper case, see tty(7)); anything else is
  *        refused
- * value  text to store; may be empty, must not be null. It is stored as it
+ * value  text to store; may be empty; null is refused. It is stored as it
  *        is: a line feed in it splits its line of the file. Key and value
  *        together longer than TTY_PAIR_MAX are cut and lose their line end,
  *        so that the next key of the file runs into them.
  *
  * Returns 0, or -1 when the request is refused or the file could not be
- * replaced; the old content is then still in place. The file is written
- * synchronously and replaced by rename, so a reader sees the old or the new
- * content and nothing between.
+ * replaced; the old content is then still in place. 0 says that the file was
+ * replaced, not that it is whole: on a full disk it has lost the lines that
+ * could not be written, which the log tells. The file is written synchronously
+ * and replaced by rename, so a reader sees the old or the new content and
+ * nothing between.
  *
  * Line 0 is written in the caller's own runtime directory but read from that
  * of instance 0, see tty_getenv().
@@ -78,13 +80,17 @@ int tty_setenv(unsigned int ttyno, const char *name, const char *value);
  * Reads a value of a line.
  *
  * ttyno, name  as for tty_setenv()
- * buf, len     the caller's buffer and its size in bytes, at least 1. At most
- *              len - 1 bytes are copied; the result is always terminated.
+ * buf, len     the caller's buffer, not null, and its size in bytes, at least
+ *              1. At most len - 1 bytes are copied, the two of the line end
+ *              among them, which are then taken off; the result is always
+ *              terminated. With less than three bytes more than the value the
+ *              carriage return stays, or the value is cut, unseen.
  *
  * Returns buf, or a null pointer when the request is refused, the key is
- * absent, its value is empty, or the copied text is exactly "null". When the
- * line number or the name is refused buf is left untouched; otherwise it is
- * cleared first.
+ * absent, its value is empty, or what was copied, with its line end, is exactly
+ * "null": a value that a buffer of 5 bytes has cut to it, or a last line that
+ * somebody else has left without an end. When the line number or the name is
+ * refused buf is left untouched; otherwise it is cleared first.
  *
  * Line 0 is read from the tree of instance 0 beside the caller's own: with
  * TMPDIR set to /tmp/inst/3 from /tmp/inst/0/mng/tty.

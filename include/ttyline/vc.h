@@ -3,10 +3,11 @@
  *
  * A login daemon registers services and gives one of its threads to
  * vc_service_start(). The service keeps a connection to the line-allocation
- * daemon (the "inetd"), opens the listeners that it permits, reports accepted
- * connections to it, receives a line number for each, opens a pseudo-terminal
- * and forks the session program on it, calls the daemon's callbacks to move
- * the data, and tears the session down when either side ends.
+ * daemon (the device's "inetd"; ttylined(8) on machines that have none), opens
+ * the listeners that it permits, reports accepted connections to it, receives a
+ * line number for each, opens a pseudo-terminal and forks the session program
+ * on it, calls the daemon's callbacks to move the data, and tears the session
+ * down when either side ends.
  *
  *     static const vc_reg login4 = {
  *         .socket_type = AF_INET, .listen_port = 23,
@@ -112,8 +113,10 @@ typedef struct vc_list {
  */
 typedef struct vc_reg {
     int32_t socket_type;     /* 1 unix, 2 IPv4, 10 IPv6, 30 TIPC */
-    int32_t listen_port;     /* host order; 0 for a unix path */
-    const char *listen_path; /* unix path, at most 63 characters, or null */
+    int32_t listen_port;     /* 1 to 65535, host order; 0 for a unix path; its
+                                last 16 bits count, others are not refused */
+    const char *listen_path; /* unix path, or null; what is longer than 63
+                                characters is cut, not refused */
     uint32_t protocol;       /* VC_PROTOCOL_... */
     uint8_t addrtype;        /* TIPC address type */
     uint8_t scope;           /* TIPC scope */
@@ -156,7 +159,8 @@ typedef struct vc_reg {
 
     /*
      * Optional. A session's process was reaped; status as waitpid() gives it.
-     * Runs in the SIGCHLD handler: only async-signal-safe work is allowed.
+     * Runs in the SIGCHLD handler: only async-signal-safe work is allowed, so
+     * neither syslog(3) nor printf(3).
      */
     void (*exit_func)(int status, int pid);
     /*
@@ -239,7 +243,8 @@ extern vc_list g_vc_inpath_list;
  * Returns -1 for a bad protocol, a missing required callback, a family that
  * does not fit, an endpoint that is registered already (same port and family,
  * or same path and family), or memory exhaustion. A service registered while
- * the loop runs is announced at its next turn, within 60 seconds.
+ * the loop runs is announced at its next turn, within 60 seconds, or at once
+ * after vc_deal_service_listen(true, protocol).
  *
  * Does not block beyond the service's lock.
  */
@@ -276,9 +281,10 @@ int vc_msg_stop_listen(const tty_cmsg *msg);
 /*
  * Closes the listeners of msg->protocol on msg->port or msg->path and ends
  * the sessions that came in there, when msg->pid is the caller's process id.
- * A port of 0 matches every unix path of the protocol. The services are
- * announced again. The loop's thread only, as it walks the sessions: that is,
- * from read_func and write_func, and for other sessions than their own.
+ * A port of 0 matches every service of the protocol that has none. The
+ * services are announced again. The loop's thread only, as it walks the
+ * sessions: that is, from read_func and write_func, and for other sessions than
+ * their own.
  */
 void vc_msg_del_listen(const tty_cmsg *msg);
 
@@ -340,7 +346,8 @@ char *vc_service_peer(int ttyno, char *buf, int size);
 
 /*
  * Computes the path of the dump log from TMPDIR; the first registration calls
- * it. Messages before go to "/tmp/vkd/0/mng/tty/.vc_dump.txt".
+ * it. Messages before go to "/tmp/vkd/0/mng/tty/.vc_dump.txt", where somebody
+ * else may have put a link: a program that logs earlier calls this first.
  */
 void vc_debug_init(void);
 
@@ -355,7 +362,9 @@ void vc_debug_msg(const char *fmt, ...) TTYLINE_PRINTF(1, 2);
 
 /*
  * The device's system-log hook, imported by the library: a program may
- * provide it.
+ * provide it. It is called on any thread, in the forked child and in the
+ * SIGCHLD handler, which clients can bring about: it must be async-signal-safe,
+ * take no lock, as syslog(3) does, and not wait.
  */
 void printk_syslog_ext(int level, const char *module, const char *tag, int kind,
                        const char *fmt, ...) TTYLINE_PRINTF(5, 6);
