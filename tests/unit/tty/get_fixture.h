@@ -9,11 +9,11 @@
 #include "tests/unit/tty/tty_fixture.h"
 #include "tty/store.h"
 
-constexpr unsigned int LINE = 5;
-
 class Get : public tty_test
 {
   protected:
+    static constexpr unsigned int LINE = 5;
+
     void SetUp() override
     {
         tty_test::SetUp();

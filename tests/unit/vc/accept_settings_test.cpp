@@ -37,15 +37,6 @@ static int answer_tos()
     return g_tos_answer;
 }
 
-static int int_option(int fd, int level, int option)
-{
-    int value = -1;
-    socklen_t length = sizeof value;
-
-    EXPECT_EQ(getsockopt(fd, level, option, &value, &length), 0);
-    return value;
-}
-
 TEST_F(AcceptTest, keepalive_times_are_set_on_inet_connections)
 {
     for (const int family : {AF_INET, AF_INET6}) {

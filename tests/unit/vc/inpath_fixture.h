@@ -13,22 +13,12 @@
 #include "tests/unit/vc/vc_fixture.h"
 #include "vc/inpath.h"
 
-using texts = std::vector<std::string>;
-
-inline bool is_open(int fd)
-{
-    return fcntl(fd, F_GETFD) != -1;
-}
-
-inline std::string number(int value)
-{
-    return std::to_string(value);
-}
-
 // A client's connection and a terminal's master, both played by socket pairs.
 class InpathTest : public VcTest
 {
   protected:
+    using texts = std::vector<std::string>;
+
     void SetUp() override
     {
         VcTest::SetUp();

@@ -508,15 +508,6 @@ TEST_F(ListenControlTest, a_port_update_that_cannot_be_told_stops_there)
     EXPECT_TRUE(lock_is_free());
 }
 
-static int int_option(int fd, int level, int option)
-{
-    int value = -1;
-    socklen_t length = sizeof value;
-
-    EXPECT_EQ(getsockopt(fd, level, option, &value, &length), 0);
-    return value;
-}
-
 TEST_F(ListenControlTest, tos_is_set_on_the_listener_of_the_family)
 {
     add(plain(AF_INET, 23, nullptr, 6));

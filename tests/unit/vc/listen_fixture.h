@@ -5,15 +5,6 @@
 
 #include "tests/unit/vc/vc_fixture.h"
 
-inline int int_option(int fd, int level, int option)
-{
-    int value = -1;
-    socklen_t length = sizeof value;
-
-    EXPECT_EQ(getsockopt(fd, level, option, &value, &length), 0);
-    return value;
-}
-
 class ListenTest : public VcTest
 {
   protected:

@@ -12,11 +12,6 @@
 
 using PtyTest = VcTest;
 
-static bool is_open(int fd)
-{
-    return fcntl(fd, F_GETFD) != -1;
-}
-
 static termios settings_of(int fd)
 {
     termios settings = {};

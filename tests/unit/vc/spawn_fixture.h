@@ -21,16 +21,6 @@
 #include "vc/spawn.h"
 #include "vc/teardown.h"
 
-inline std::string number(int value)
-{
-    return std::to_string(value);
-}
-
-inline bool is_open(int fd)
-{
-    return fcntl(fd, F_GETFD) != -1;
-}
-
 // A service on port 23, connections to it and the sessions that they become.
 class SpawnFixture : public VcTest
 {

@@ -4,13 +4,37 @@
 // the service's state is one per process.
 #pragma once
 
+#include <fcntl.h>
+#include <sys/socket.h>
+
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include <ttyline/vc.h>
 
 #include "tests/support/runtime.h"
 #include "vc/service.h"
+
+inline std::string number(int value)
+{
+    return std::to_string(value);
+}
+
+inline bool is_open(int fd)
+{
+    return fcntl(fd, F_GETFD) != -1;
+}
+
+inline int int_option(int fd, int level, int option)
+{
+    int value = -1;
+    socklen_t length = sizeof value;
+
+    EXPECT_EQ(getsockopt(fd, level, option, &value, &length), 0);
+    return value;
+}
 
 class VcTest : public support::runtime_test
 {
