@@ -7,7 +7,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <signal.h>
@@ -26,43 +25,16 @@
 #include "kit/clock.h"
 #include "kit/descriptors.h"
 #include "kit/identity.h"
-#include "kit/line.h"
+#include "kit/keeping.h"
 #include "kit/program.h"
-#include "kit/relay.h"
-#include "kit/sweep.h"
 
-constexpr uint32_t DRAIN_MS = 10000;
-constexpr uint32_t HALF_CLOSE_MS = 2000;
-constexpr uint32_t HANGUP_MS = 5000;
 // How often the end of input is typed again for a program that was not there
 // yet, or that threw it away by a change of modes.
 constexpr int64_t END_AGAIN_MS = 100;
 constexpr int64_t QUIET_LOOK_MS = 100;
-constexpr int64_t SEND_LOOK_MS = 10;
-// A line that another program locks is left to the next session's begin.
-constexpr int CLEAN_PATIENCE_MS = 1000;
-
-struct keeper {
-    const kit_entry *entry;
-    kit_relay relay;
-    int bell;
-    int signals;
-    pid_t program;
-    bool program_ended;
-    int status;
-    bool dismissed;              // by the daemon or a signal
-    char reason[BELL_TEXT_SIZE]; // told to the user
-    int64_t still_since;
-    int64_t end_typed; // when, 0: not yet
-};
 
 // One a process; not on the stack of whatever thread was forked.
 static keeper g_keeper;
-
-static uint32_t limit_of(uint32_t wanted, uint32_t usual)
-{
-    return wanted != 0 ? wanted : usual;
-}
 
 static void forget_signals(void)
 {
@@ -216,17 +188,22 @@ static void begin(keeper *k, const kit_entry *entry, const char *device)
     k->still_since = kit_now_ms();
 }
 
-// Other children are what the program has left.
+// Other children are what the program has left. Its own number must not become
+// another's before its session is over, as they are found by it: it is reaped
+// last. Being the eldest, it hides them then.
 static void reap(keeper *k)
 {
-    int status;
-    pid_t pid;
-
-    while ((pid = waitpid(-1, &status, WNOHANG)) > 0) {
-        if (pid == k->program) {
-            k->program_ended = true;
-            k->status = status;
+    for (;;) {
+        siginfo_t child = {};
+        if (waitid(P_ALL, 0, &child, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+            child.si_pid == 0) {
+            return;
         }
+        if (child.si_pid == k->program) {
+            k->program_ended = true;
+            return;
+        }
+        waitpid(child.si_pid, nullptr, 0);
     }
 }
 
@@ -236,7 +213,7 @@ static void dismiss(keeper *k, const char *reason)
     (void)snprintf(k->reason, sizeof k->reason, "%s", reason);
 }
 
-static void take_signals(keeper *k)
+void kit_keeping_take_signals(keeper *k)
 {
     struct signalfd_siginfo signal;
 
@@ -249,7 +226,7 @@ static void take_signals(keeper *k)
     reap(k);
 }
 
-static void take_bell(keeper *k)
+void kit_keeping_take_bell(keeper *k)
 {
     bell_message message;
     int heard;
@@ -280,10 +257,10 @@ static int64_t patience(const keeper *k)
     const kit_service *service = k->entry->session.service;
 
     if (k->program_ended) {
-        return limit_of(service->drain_ms, DRAIN_MS);
+        return kit_keeping_limit(service->drain_ms, KIT_DRAIN_MS);
     }
     if (k->relay.peer_ended || k->relay.peer_ending) {
-        return limit_of(service->half_close_ms, HALF_CLOSE_MS);
+        return kit_keeping_limit(service->half_close_ms, KIT_HALF_CLOSE_MS);
     }
     return -1;
 }
@@ -336,10 +313,10 @@ static void turn(keeper *k)
     k->relay.moved = false;
     kit_relay_move(&k->relay, &watched[CONNECTION], &watched[MASTER]);
     if (watched[BELL].revents != 0) {
-        take_bell(k);
+        kit_keeping_take_bell(k);
     }
     if (watched[SIGNALS].revents != 0) {
-        take_signals(k);
+        kit_keeping_take_signals(k);
     }
     if (k->program_ended) {
         kit_relay_finish_terminal(&k->relay);
@@ -363,117 +340,6 @@ static bool over(const keeper *k)
     return limit >= 0 && kit_now_ms() - k->still_since >= limit;
 }
 
-static void tell_reason(keeper *k)
-{
-    char line[BELL_TEXT_SIZE + 32];
-
-    if (k->reason[0] != '\0') {
-        (void)snprintf(line, sizeof line, "\r\nttyline: %s\r\n", k->reason);
-        kit_relay_say(&k->relay, line);
-    }
-}
-
-static int bytes_on_their_way(int connection)
-{
-    int count = 0;
-
-    return ioctl(connection, SIOCOUTQ, &count) == 0 ? count : 0;
-}
-
-// Closing a TCP connection with unread input resets it, and a reset takes away
-// what the peer has not read yet.
-static void discard_input(const keeper *k)
-{
-    char scrap[4096];
-
-    for (int i = 0; i < 16; i++) {
-        if (recv(k->relay.connection, scrap, sizeof scrap, MSG_DONTWAIT) <= 0) {
-            return;
-        }
-    }
-}
-
-// What the peer's system has not taken yet is still this one's to lose.
-static void finish_connection(keeper *k)
-{
-    const int64_t limit =
-        limit_of(k->entry->session.service->drain_ms, DRAIN_MS);
-    int64_t since = kit_now_ms();
-    int before = -1;
-
-    if (k->relay.peer_gone || k->dismissed || k->entry->family == AF_UNIX) {
-        discard_input(k);
-        close(k->relay.connection);
-        return;
-    }
-    shutdown(k->relay.connection, SHUT_WR);
-    for (;;) {
-        const int left = bytes_on_their_way(k->relay.connection);
-        discard_input(k);
-        if (left != before) {
-            since = kit_now_ms();
-            before = left;
-        }
-        struct pollfd watched = {k->relay.connection, 0, 0};
-        if (left == 0 || kit_now_ms() - since >= limit ||
-            poll(&watched, 1, SEND_LOOK_MS) > 0) {
-            break;
-        }
-    }
-    discard_input(k);
-    close(k->relay.connection);
-}
-
-static bool wait_for_program(keeper *k, int64_t limit)
-{
-    const int64_t deadline = kit_now_ms() + limit;
-
-    reap(k);
-    while (!k->program_ended) {
-        struct pollfd watched = {k->signals, POLLIN, 0};
-        const int64_t left = deadline - kit_now_ms();
-        if (left <= 0) {
-            return false;
-        }
-        poll(&watched, 1, static_cast<int>(left));
-        take_signals(k);
-    }
-    return true;
-}
-
-// Hung up, not killed: a shell writes its history, an editor what it has. Only
-// what does not end by then is ended by force.
-static void finish_program(keeper *k)
-{
-    const int64_t limit =
-        limit_of(k->entry->session.service->hangup_ms, HANGUP_MS);
-
-    close(k->relay.master);
-    if (!wait_for_program(k, limit)) {
-        kill(-k->program, SIGKILL);
-        wait_for_program(k, limit);
-    }
-    // Nobody is left whom this process would have got as a child: the usual
-    // case needs no look at all the processes of the machine.
-    if (waitpid(-1, nullptr, WNOHANG) < 0 && errno == ECHILD) {
-        return;
-    }
-    kit_sweep(k->program, limit);
-}
-
-[[noreturn]] static void finish(keeper *k)
-{
-    tell_reason(k);
-    finish_connection(k);
-    finish_program(k);
-    if (kit_line_end(k->entry->session.line, k->entry->id, CLEAN_PATIENCE_MS) ==
-        0) {
-        kit_bell_say(k->bell, BELL_CLEAN, 0, "");
-    }
-    kit_bell_say(k->bell, BELL_ENDED, k->status, "");
-    _exit(0);
-}
-
 int kit_keep(const kit_entry *entry, const char *device)
 {
     keeper *k = &g_keeper;
@@ -482,5 +348,5 @@ int kit_keep(const kit_entry *entry, const char *device)
     while (!over(k)) {
         turn(k);
     }
-    finish(k);
+    kit_keeping_finish(k);
 }

@@ -249,26 +249,75 @@ TEST_F(KitEnd, output_that_nobody_takes_is_given_up_in_the_end)
     }));
 }
 
-TEST_F(KitEnd, last_output_that_stands_still_is_given_up)
+// A client with a window so small that not even 60,000 bytes fit between the
+// two systems.
+static int narrow_client(int port)
 {
-    run_on_port("stty -opost; head -c 60000 /dev/zero");
-    service.drain_ms = 500;
-    start({&service});
-    // A window so small that not even this fits between the two systems.
     const int client = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const int small = 1024;
     setsockopt(client, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
     sockaddr_in address = {};
     address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(service.port));
+    address.sin_port = htons(static_cast<uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(
+    EXPECT_EQ(
         connect(client, reinterpret_cast<sockaddr *>(&address), sizeof address),
         0);
+    return client;
+}
+
+static const char PRINT_60000[] =
+    "echo $$ >\"$OLD/pid\"; stty -opost; head -c 60000 /dev/zero";
+
+TEST_F(KitEnd, last_output_that_stands_still_is_given_up)
+{
+    run_on_port(PRINT_60000);
+    service.drain_ms = 500;
+    start({&service});
+    const int client = narrow_client(service.port);
     EXPECT_TRUE(eventually([&] {
         return inetd->cleans() == 1;
     }));
     close(client);
+}
+
+TEST_F(KitEnd, session_that_drains_can_be_ended)
+{
+    run_on_port(PRINT_60000);
+    service.drain_ms = 60000;
+    start({&service});
+    const int client = narrow_client(service.port);
+    const pid_t pid = pid_in("/pid");
+    EXPECT_TRUE(eventually([&] {
+        return !process_runs(pid);
+    }));
+    // Long after its program's output has left the keeper.
+    std::this_thread::sleep_for(milliseconds(300));
+    EXPECT_EQ(inetd->cleans(), 0);
+    EXPECT_EQ(ask("kick 258"), "ok\n");
+    EXPECT_TRUE(eventually([&] {
+        return inetd->cleans() == 1;
+    }));
+    close(client);
+}
+
+// What it has left behind is found by this number.
+TEST_F(KitEnd, number_of_a_program_stays_taken_until_its_session_is_over)
+{
+    run_on_port(PRINT_60000);
+    service.drain_ms = 60000;
+    start({&service});
+    const int client = narrow_client(service.port);
+    const pid_t pid = pid_in("/pid");
+    EXPECT_TRUE(eventually([&] {
+        return !process_runs(pid);
+    }));
+    std::this_thread::sleep_for(milliseconds(300));
+    EXPECT_EQ(kill(pid, 0), 0);
+    close(client);
+    EXPECT_TRUE(eventually([&] {
+        return kill(pid, 0) != 0 && inetd->cleans() == 1;
+    }));
 }
 
 TEST_F(KitEnd, client_that_never_reads_costs_nobody_anything)

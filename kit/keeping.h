@@ -1,0 +1,36 @@
+// What a keeper knows of its session, for its work and for its end.
+#pragma once
+
+#include "kit/relay.h"
+#include "kit/table.h"
+
+constexpr uint32_t KIT_DRAIN_MS = 10000;
+constexpr uint32_t KIT_HALF_CLOSE_MS = 2000;
+constexpr uint32_t KIT_HANGUP_MS = 5000;
+
+struct keeper {
+    const kit_entry *entry;
+    kit_relay relay;
+    int bell;
+    int signals;
+    pid_t program;
+    bool program_ended;
+    int status;
+    bool dismissed;              // by the daemon or a signal
+    char reason[BELL_TEXT_SIZE]; // told to the user
+    int64_t still_since;
+    int64_t end_typed; // when, 0: not yet
+};
+
+// A limit of a service, which may have left it to the kit.
+inline uint32_t kit_keeping_limit(uint32_t wanted, uint32_t usual)
+{
+    return wanted != 0 ? wanted : usual;
+}
+
+// What has happened to the program, and what the daemon wants; neither waits.
+void kit_keeping_take_signals(keeper *k);
+void kit_keeping_take_bell(keeper *k);
+
+// Ends the session, and then this process.
+[[noreturn]] void kit_keeping_finish(keeper *k);
