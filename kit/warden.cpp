@@ -31,8 +31,10 @@ constexpr int64_t SWEEP_AFTER_MS = 5000;
 // How often a line that another program locks is tried again, and for how long.
 constexpr int64_t LOCKED_PAUSE_MS = 1000;
 constexpr int MOST_TRIES = 60;
-// How long sessions have to end when the daemon does.
+// How long sessions have to end when the daemon does, and how long keepers have
+// to clean up when their programs were ended by force.
 constexpr int64_t FAREWELL_MS = 2000;
+constexpr int64_t FORCED_MS = 1000;
 
 // One session that somebody killed. With the lock held.
 struct leftover {
@@ -49,6 +51,7 @@ static int g_leftover_count;
 static int g_wake = -1;
 static int g_signals = -1;
 static int64_t g_farewell;      // when the daemon ends; 0: not asked to
+static bool g_forced;           // programs were killed already
 static int64_t g_next_deadline; // of a keeper that has to speak; with the lock
 
 static void wake(void)
@@ -248,9 +251,30 @@ static bool table_empty(void)
     return empty;
 }
 
+// When the daemon ends its keepers are killed, and whoever does not care for a
+// hang-up would stay for good.
+static void force_programs(int64_t now)
+{
+    kit_lock();
+    for (int line = kit_table_next(0); line < TTY_LINES;
+         line = kit_table_next(line + 1)) {
+        const pid_t program = kit_entry_at(line)->session.pid;
+        if (program > 0) {
+            kill(-program, SIGKILL);
+        }
+    }
+    g_farewell = now + FORCED_MS;
+    kit_unlock();
+    g_forced = true;
+}
+
 static void end_when_over(int64_t now)
 {
     if (g_farewell == 0 || (now < g_farewell && !table_empty())) {
+        return;
+    }
+    if (!g_forced && !table_empty()) {
+        force_programs(now);
         return;
     }
     unlink_paths();

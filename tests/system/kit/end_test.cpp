@@ -404,3 +404,21 @@ TEST_F(KitEnd, daemon_that_is_asked_to_end_hangs_its_sessions_up)
     EXPECT_EQ(daemon->end(), 0);
     close(client);
 }
+
+TEST_F(KitEnd, daemon_that_ends_leaves_no_program_that_ignores_the_hang_up)
+{
+    run("trap '' HUP; echo $$ >\"$OLD/pid\"; while :; do sleep 0.05; done");
+    service.hangup_ms = 60000;
+    const int client = begin();
+    const pid_t pid = pid_in("/pid");
+    kill(daemon->pid(), SIGTERM);
+    EXPECT_EQ(daemon->end(), 0);
+    EXPECT_TRUE(eventually([&] {
+        return !process_runs(pid);
+    }));
+    EXPECT_TRUE(stored_has(258, "TTYPID=-1"));
+    close(client);
+    if (process_runs(pid)) {
+        kill(pid, SIGKILL);
+    }
+}
