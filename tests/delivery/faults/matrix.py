@@ -36,7 +36,8 @@ the libraries import and that have no row stand with the reason in
 `tests/delivery/faults/without_rows.txt`.
 
 "Short" is a call that does less than it was asked to. Log lines are as the
-source has them; a dash stands for none.
+source has them; a dash stands for none. "The inetd" is the line-allocation
+daemon.
 """
 
 complaints = []
