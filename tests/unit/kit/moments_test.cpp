@@ -17,6 +17,7 @@
 #include "kit/moments.h"
 #include "kit/table.h"
 #include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
 #include "tests/support/runtime.h"
 
 constexpr int LINE = 258;
@@ -159,6 +160,8 @@ TEST_F(KitMoments, nothing_is_posted_to_a_session_that_has_no_function_any_more)
 // client is told so and nothing stays.
 TEST_F(KitMoments, client_is_told_when_a_number_cannot_be_kept)
 {
+    fault_row("on_alloc", "fcntl", "EMFILE", "-1", "",
+              "nothing: the client is told in one line");
     fault::fail("fcntl", 2, EMFILE);
     EXPECT_EQ(alloc(), -1);
     EXPECT_EQ(kit_entry_at(LINE), nullptr);
@@ -168,6 +171,8 @@ TEST_F(KitMoments, client_is_told_when_a_number_cannot_be_kept)
 
 TEST_F(KitMoments, client_is_told_when_there_is_no_pair_for_the_bell)
 {
+    fault_row("on_alloc", "socketpair", "EMFILE", "-1", "",
+              "nothing: the client is told in one line");
     fault::fail("socketpair", 1, EMFILE);
     EXPECT_EQ(alloc(), -1);
     EXPECT_EQ(told(), "ttyline: no resources for a session\r\n");
@@ -177,6 +182,8 @@ TEST_F(KitMoments, client_is_told_when_there_is_no_pair_for_the_bell)
 // By then the bell lies over the connection's number.
 TEST_F(KitMoments, client_is_told_when_there_is_no_pair_for_the_channel)
 {
+    fault_row("on_alloc", "socketpair", "EMFILE", "-1", "",
+              "nothing: the client is told in one line");
     fault::fail("socketpair", 2, EMFILE);
     EXPECT_EQ(alloc(), -1);
     EXPECT_EQ(kit_entry_at(LINE), nullptr);
@@ -186,6 +193,8 @@ TEST_F(KitMoments, client_is_told_when_there_is_no_pair_for_the_channel)
 
 TEST_F(KitMoments, session_without_memory_is_none)
 {
+    fault_row("on_alloc", "calloc", "ENOMEM", "-1", "",
+              "nothing: the connection is closed");
     fault::fail("calloc", 1, ENOMEM);
     EXPECT_EQ(alloc(), -1);
     EXPECT_EQ(kit_entry_at(LINE), nullptr);
