@@ -359,13 +359,15 @@ static void run(const command *known, const request *asked)
     known->run(asked);
 }
 
+void kit_command_begin(void)
+{
+    g_started = time(nullptr);
+}
+
 void kit_command_run(const kit_daemon *daemon, char *line, kit_report *report)
 {
     char *words[MOST_WORDS];
 
-    if (g_started == 0) {
-        g_started = time(nullptr);
-    }
     int count = split(line, words);
     const bool json = count > 0 && strcmp(words[count - 1], "--json") == 0;
     count -= json ? 1 : 0;

@@ -116,6 +116,7 @@ int kit_control_open(const kit_daemon *daemon)
     struct stat status;
 
     g_control.daemon = daemon;
+    kit_command_begin();
     for (control_client &client : g_control.clients) {
         client.fd = -1;
     }

@@ -1,5 +1,6 @@
 // The control socket: one grammar for whoever asks, people and programs.
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "tests/system/kit/kit_daemon.h"
@@ -34,6 +35,17 @@ TEST_F(KitControl, status_names_the_daemon)
     EXPECT_EQ(word_of(answer, "sessions"), "0");
     EXPECT_EQ(word_of(answer, "allocation"), "connected");
     EXPECT_EQ(answer.substr(answer.find('\n') + 1), "ok\n");
+}
+
+TEST_F(KitControl, status_tells_when_the_daemon_began)
+{
+    const time_t before = time(nullptr);
+    start({&service});
+    const time_t began = time(nullptr);
+    sleep(2);
+    const long told = std::stol("0" + word_of(ask("status"), "begin"));
+    EXPECT_GE(told, before);
+    EXPECT_LE(told, began);
 }
 
 TEST_F(KitControl, sessions_are_rows_of_words)
