@@ -355,7 +355,7 @@ TEST_F(KitEnd, killed_keeper_leaves_neither_program_nor_identity)
     run("trap '' HUP; echo $$ >\"$OLD/pid\"; while :; do sleep 0.05; done");
     const int client = begin();
     const pid_t pid = pid_in("/pid");
-    const std::string row = ask("sessions");
+    const std::string row = running();
     const pid_t keeper = std::stoi("0" + word_of(row, "keeper"));
     ASSERT_GT(keeper, 0) << row;
     EXPECT_TRUE(stored_has(258, "TTYPID=" + std::to_string(pid)));

@@ -172,6 +172,17 @@ std::string KitTest::word_of(const std::string &answer, const std::string &name)
     return "";
 }
 
+std::string KitTest::running() const
+{
+    std::string row;
+
+    EXPECT_TRUE(eventually([&] {
+        row = ask("sessions");
+        return word_of(row, "pid") > "0";
+    })) << row;
+    return row;
+}
+
 std::vector<std::string> KitTest::stored(int line) const
 {
     std::ifstream file(path("/mng/tty/.tty_info_" + std::to_string(line)));

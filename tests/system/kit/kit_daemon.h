@@ -39,6 +39,10 @@ class KitTest : public SystemTest
     static std::string word_of(const std::string &answer,
                                const std::string &name);
 
+    // The row of the only session, once the daemon knows that its program runs:
+    // what the program does may be seen before.
+    std::string running() const;
+
     // What is stored of the line; lines lose their ends.
     std::vector<std::string> stored(int line) const;
     bool stored_has(int line, const std::string &entry) const;

@@ -25,9 +25,7 @@ class KitLine : public KitTest
     {
         start({&service});
         const int client = client_of(service);
-        EXPECT_TRUE(eventually([&] {
-            return word_of(ask("sessions"), "pid") > "0";
-        }));
+        running();
         return client;
     }
 
