@@ -1,5 +1,6 @@
 // Offering services, and giving the thread to the session service.
 #include <errno.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
@@ -178,17 +179,36 @@ static void raise_descriptor_limit(void)
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// The loop learns of sessions' ends by their bells, so nothing that a signal
-// does to its wait matters.
+// With the lock held until all are known: what another thread offers meanwhile
+// is registered there. The loop, which has its own lock first, does not run
+// yet.
 static int register_all(void)
 {
-    for (const kit_node *node = kit_first_node(); node != nullptr;
-         node = node->next) {
-        if (register_node(node) != 0) {
-            return -1;
-        }
+    int result = 0;
+
+    kit_lock();
+    for (const kit_node *node = kit_first_node();
+         node != nullptr && result == 0; node = node->next) {
+        result = register_node(node);
     }
-    return 0;
+    g_running = result == 0;
+    kit_unlock();
+    return result;
+}
+
+// A descriptor of the kit's under one of their numbers would get what the
+// daemon prints, and its keepers would lay the terminal over it.
+static bool fill_standard_streams(void)
+{
+    int fd;
+
+    do {
+        fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0) {
+        close(fd);
+    }
+    return fd >= 0;
 }
 
 // What an earlier run left: the path is known to be nobody's, as the lines'
@@ -213,7 +233,7 @@ int kit_run(const kit_daemon *daemon)
     if (kit_runtime_check() != 0) {
         return -1;
     }
-    if (!kit_moments_prepare()) {
+    if (!fill_standard_streams() || !kit_moments_prepare()) {
         return kit_fail("no descriptor: %s", strerror(errno));
     }
     kit_audit_open(daemon->name != nullptr ? daemon->name
@@ -224,9 +244,6 @@ int kit_run(const kit_daemon *daemon)
     if (register_all() != 0 || kit_warden_start(daemon) != 0) {
         return -1;
     }
-    kit_lock();
-    g_running = true;
-    kit_unlock();
     kit_audit("daemon-begin");
     vc_service_start();
     return kit_fail("the session service did not start");

@@ -98,6 +98,9 @@ static bool listens(const kit_service *service)
 void KitTest::start(std::vector<const kit_service *> services)
 {
     daemon = std::make_unique<Daemon>([&] {
+        if (beforehand) {
+            beforehand();
+        }
         for (const kit_service *service : services) {
             if (kit_offer(service) != 0) {
                 fprintf(stderr, "%s\n", kit_error());

@@ -2,6 +2,7 @@
 // answers as it should.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -23,6 +24,8 @@ class KitTest : public SystemTest
     // until each listens. Records that a test changes beforehand:
     void start(std::vector<const kit_service *> services);
     kit_daemon record = {};
+    // Runs in the daemon's process before all else.
+    std::function<void()> beforehand;
 
     // A client of the service's path or port, connected; -1 on failure.
     static int client_of(const kit_service &service);

@@ -198,6 +198,27 @@ TEST_F(KitSession, daemon_holds_two_descriptors_a_session)
     EXPECT_TRUE(daemon->has_no_children());
 }
 
+// What the daemon's own code prints must not reach a socket of the kit's.
+TEST_F(KitSession, streams_that_the_daemon_does_not_have_lead_nowhere)
+{
+    program[2] = "echo well; exec cat";
+    service.program = program;
+    beforehand = [] {
+        for (int fd = 0; fd <= 2; fd++) {
+            close(fd);
+        }
+    };
+    start({&service});
+    for (const char *fd : {"0", "1", "2"}) {
+        const std::string link =
+            "/proc/" + std::to_string(daemon->pid()) + "/fd/" + fd;
+        EXPECT_EQ(std::filesystem::read_symlink(link), "/dev/null");
+    }
+    const int client = client_of(service);
+    EXPECT_EQ(read_until(client, "well\r\n"), "well\r\n");
+    close(client);
+}
+
 TEST_F(KitSession, program_gets_the_environment_of_a_login)
 {
     const char *further[] = {"COLOUR=green", nullptr};

@@ -1,0 +1,132 @@
+// What kit_run() knows when it begins. Each test is a process of its own: what
+// was offered stays.
+#include <errno.h>
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include <ttyline/kit.h>
+
+#include "kit/audit.h"
+#include "kit/moments.h"
+#include "tests/support/fault.h"
+#include "tests/support/runtime.h"
+#include "vc/service.h"
+
+static int nothing(const kit_session *, void *)
+{
+    return 0;
+}
+
+static kit_service service_of(const char *path)
+{
+    kit_service service = {};
+    service.size = sizeof service;
+    service.protocol = 7;
+    service.path = path;
+    service.function = nothing;
+    return service;
+}
+
+static const kit_service FIRST = service_of("/nowhere/first");
+static const kit_service SECOND = service_of("/nowhere/second");
+
+static bool registered(const char *path)
+{
+    vc_srv *srv;
+    bool found = false;
+
+    vc_rlock();
+    VC_FOR_EACH_SERVICE(srv)
+    {
+        found = found || vc_srv_has_path(srv, path);
+    }
+    vc_unlock();
+    return found;
+}
+
+class KitRun : public support::runtime_test
+{
+  protected:
+    void SetUp() override
+    {
+        // Kept for the life of the process.
+        ASSERT_TRUE(kit_moments_prepare());
+        kit_audit_open("test");
+        runtime_test::SetUp();
+        control = path("/control");
+        daemon.size = sizeof daemon;
+        daemon.control = control.c_str();
+    }
+
+    std::string control;
+    kit_daemon daemon = {};
+};
+
+TEST_F(KitRun, service_that_is_offered_meanwhile_is_registered)
+{
+    ASSERT_EQ(kit_offer(&FIRST), 0);
+    // As another thread does while the control socket is opened.
+    fault::run("bind", 1, [] {
+        kit_offer(&SECOND);
+    });
+    fault::fail("listen", 1, EADDRINUSE);
+    EXPECT_EQ(kit_run(&daemon), -1);
+    EXPECT_EQ(kit_error(), control + ": Address already in use");
+    EXPECT_FALSE(support::exists(control));
+    EXPECT_TRUE(registered(FIRST.path));
+    EXPECT_TRUE(registered(SECOND.path));
+}
+
+TEST_F(KitRun, nothing_begins_without_a_service_or_with_another_record)
+{
+    EXPECT_EQ(kit_run(&daemon), -1);
+    EXPECT_STREQ(kit_error(), "no service was offered");
+    daemon.size--;
+    EXPECT_EQ(kit_run(&daemon), -1);
+    EXPECT_NE(std::string(kit_error()).find("another version"),
+              std::string::npos);
+}
+
+TEST_F(KitRun, control_socket_that_cannot_be_had_is_said)
+{
+    ASSERT_EQ(kit_offer(&FIRST), 0);
+    fault::fail("socket", 1, EMFILE);
+    EXPECT_EQ(kit_run(&daemon), -1);
+    EXPECT_STREQ(kit_error(), "no socket: Too many open files");
+}
+
+TEST_F(KitRun, file_of_somebodys_is_no_control_socket)
+{
+    ASSERT_EQ(kit_offer(&FIRST), 0);
+    support::spill(control, "somebody's");
+    EXPECT_EQ(kit_run(&daemon), -1);
+    EXPECT_EQ(kit_error(), control + " is there and is no socket");
+    EXPECT_EQ(support::slurp(control), "somebody's");
+}
+
+TEST_F(KitRun, service_that_cannot_be_understood_is_not_offered)
+{
+    kit_service wrong = FIRST;
+    wrong.size--;
+    EXPECT_EQ(kit_offer(&wrong), -1);
+    wrong = FIRST;
+    wrong.protocol = 12;
+    EXPECT_EQ(kit_offer(&wrong), -1);
+    EXPECT_STREQ(kit_error(), "12 is no protocol");
+    wrong = FIRST;
+    wrong.function = nullptr;
+    EXPECT_EQ(kit_offer(&wrong), -1);
+    EXPECT_STREQ(kit_error(), "a service runs a program or a function");
+    wrong = FIRST;
+    wrong.port = 4000;
+    EXPECT_EQ(kit_offer(&wrong), -1);
+    wrong.path = nullptr;
+    wrong.port = 65536;
+    EXPECT_EQ(kit_offer(&wrong), -1);
+    EXPECT_STREQ(kit_error(), "65536 is no port");
+    const std::string name(64, 'p');
+    wrong = service_of(name.c_str());
+    EXPECT_EQ(kit_offer(&wrong), -1);
+}
