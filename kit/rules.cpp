@@ -190,8 +190,12 @@ static bool read_ids(const char *const *list,
 
 kit_rules *kit_rules_read(const kit_admission *admission)
 {
+    if (admission->size != sizeof *admission) {
+        kit_fail("an admission record of %zu bytes is of another version",
+                 admission->size);
+        return nullptr;
+    }
     kit_rules *rules = static_cast<kit_rules *>(calloc(1, sizeof *rules));
-
     if (rules == nullptr) {
         kit_fail("out of memory");
         return nullptr;

@@ -53,6 +53,11 @@ static int check_service(const kit_service *service)
         return kit_fail("a service of %zu bytes is of another version",
                         service->size);
     }
+    if (service->codec != nullptr &&
+        service->codec->size != sizeof *service->codec) {
+        return kit_fail("a codec of %zu bytes is of another version",
+                        service->codec->size);
+    }
     if (service->protocol > HIGHEST_PROTOCOL) {
         return kit_fail("%u is no protocol", service->protocol);
     }

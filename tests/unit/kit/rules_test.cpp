@@ -15,6 +15,7 @@
 static kit_nets list_of(std::vector<const char *> texts)
 {
     kit_admission admission = {};
+    admission.size = sizeof admission;
 
     texts.push_back(nullptr);
     admission.peers = texts.data();
@@ -106,6 +107,7 @@ TEST(KitRules, what_is_no_address_or_prefix_is_refused)
           "1111:2222:3333:4444:5555:6666:7777:8888:9999:aaaa:bbbb:cccc"}) {
         const char *peers[] = {text, nullptr};
         kit_admission admission = {};
+        admission.size = sizeof admission;
         admission.peers = peers;
         EXPECT_EQ(kit_rules_read(&admission), nullptr) << text;
         EXPECT_EQ(std::string(kit_error()),
@@ -118,6 +120,7 @@ TEST(KitRules, users_and_groups_are_names_or_numbers)
     const char *users[] = {"root", "4711", nullptr};
     const char *groups[] = {"root", "42", nullptr};
     kit_admission admission = {};
+    admission.size = sizeof admission;
     admission.users = users;
     admission.groups = groups;
     kit_rules *rules = kit_rules_read(&admission);
@@ -134,7 +137,18 @@ TEST(KitRules, unknown_group_is_refused)
 {
     const char *groups[] = {"no-such-group-here", nullptr};
     kit_admission admission = {};
+    admission.size = sizeof admission;
     admission.groups = groups;
     EXPECT_EQ(kit_rules_read(&admission), nullptr);
     EXPECT_STREQ(kit_error(), "there is no group 'no-such-group-here'");
+}
+
+TEST(KitRules, record_of_another_version_is_refused)
+{
+    kit_admission admission = {};
+    admission.size = sizeof admission - 1;
+    EXPECT_EQ(kit_rules_read(&admission), nullptr);
+    EXPECT_NE(std::string(kit_error()).find("is of another version"),
+              std::string::npos)
+        << kit_error();
 }

@@ -11,6 +11,7 @@
 #include "kit/audit.h"
 #include "kit/moments.h"
 #include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
 #include "tests/support/runtime.h"
 #include "vc/service.h"
 
@@ -66,6 +67,8 @@ class KitRun : public support::runtime_test
 
 TEST_F(KitRun, service_that_is_offered_meanwhile_is_registered)
 {
+    fault_row("kit_run", "listen", "EADDRINUSE", "-1", "",
+              "the services are registered");
     ASSERT_EQ(kit_offer(&FIRST), 0);
     // As another thread does while the control socket is opened.
     fault::run("bind", 1, [] {
@@ -91,6 +94,8 @@ TEST_F(KitRun, nothing_begins_without_a_service_or_with_another_record)
 
 TEST_F(KitRun, control_socket_that_cannot_be_had_is_said)
 {
+    fault_row("kit_run", "socket", "EMFILE", "-1", "",
+              "the services are registered");
     ASSERT_EQ(kit_offer(&FIRST), 0);
     fault::fail("socket", 1, EMFILE);
     EXPECT_EQ(kit_run(&daemon), -1);
