@@ -21,7 +21,10 @@
 #include "kit/warden.h"
 
 constexpr size_t REASON_SIZE = 128;
-// A keeper that has not spoken by then hangs on a lock of the line.
+// A keeper that has not spoken by then hangs on a lock of the line; one that
+// has but starts no program, on one of the machine's: who a user is may be
+// asked of another machine, or of a lock that a thread held when the keeper was
+// forked.
 constexpr int64_t START_LIMIT_MS = 10000;
 // Above the standard streams, whatever of them the daemon has closed.
 constexpr int LOWEST_NUMBER = 3;
@@ -133,10 +136,13 @@ static void log_event(const kit_entry *entry, const char *event,
 
 static void on_running(kit_entry *entry, int keeper_pid)
 {
+    const int64_t deadline = kit_now_ms() + START_LIMIT_MS;
+
     kit_lock();
     entry->session.keeper_pid = keeper_pid;
-    entry->deadline_ms = 0;
+    entry->deadline_ms = deadline;
     kit_unlock();
+    kit_warden_starting(deadline);
     kit_close(&entry->connection);
     kit_close(&entry->master);
     kit_close(&entry->keeper_bell);
@@ -150,6 +156,7 @@ static void on_program(kit_entry *entry, const bell_message *message)
 
     kit_lock();
     entry->session.pid = message->number;
+    entry->deadline_ms = 0;
     (void)snprintf(entry->device, sizeof entry->device, "%.*s",
                    static_cast<int>(sizeof entry->device - 1), message->text);
     kit_unlock();

@@ -46,7 +46,8 @@ struct kit_entry {
     int keeper_bell;
     int program_channel;
 
-    int64_t deadline_ms; // until when the keeper must run; 0 once it does
+    int64_t deadline_ms; // until when the keeper must speak; 0 once its program
+                         // runs
     int status;          // of the program, -1 while it is not known
     bool cleaned;        // the keeper has cleaned the line
 };

@@ -156,6 +156,27 @@ TEST_F(KitMoments, nothing_is_posted_to_a_session_that_has_no_function_any_more)
     end();
 }
 
+// What it asks of the machine before that may have no answer.
+TEST_F(KitMoments, keeper_has_a_limit_until_its_program_runs)
+{
+    ASSERT_EQ(alloc(), 0);
+    const kit_entry *entry = kit_entry_at(LINE);
+    const int bell = dup(entry->keeper_bell);
+    EXPECT_GT(entry->deadline_ms, 0);
+    ASSERT_TRUE(kit_bell_say(bell, BELL_RUNS, 4711, ""));
+    EXPECT_EQ(moments.read_func(LINE), 0);
+    EXPECT_EQ(entry->session.keeper_pid, 4711);
+    EXPECT_GT(entry->deadline_ms, 0);
+    ASSERT_TRUE(kit_bell_say(bell, BELL_PROGRAM, 4712, "/dev/pts/99"));
+    EXPECT_EQ(moments.read_func(LINE), 0);
+    EXPECT_EQ(entry->session.pid, 4712);
+    EXPECT_STREQ(entry->session.device, "/dev/pts/99");
+    EXPECT_EQ(entry->deadline_ms, 0);
+    close(bell);
+    EXPECT_EQ(moments.read_func(LINE), -1);
+    end();
+}
+
 // Two numbers to keep, two pairs: whichever of them is not to be had, the
 // client is told so and nothing stays.
 TEST_F(KitMoments, client_is_told_when_a_number_cannot_be_kept)
