@@ -58,7 +58,7 @@ static int count_sessions(const kit_node *node)
     return count;
 }
 
-static void status(const request *asked)
+static void tell_status(const request *asked)
 {
     const kit_daemon *daemon = asked->daemon;
     int services = 0;
@@ -109,7 +109,7 @@ static void report_session(kit_report *report, const kit_entry *entry)
     kit_report_number(report, "pid", session->pid);
 }
 
-static void sessions(const request *asked)
+static void tell_sessions(const request *asked)
 {
     kit_report_list(asked->report, "sessions");
     kit_lock();
@@ -136,7 +136,7 @@ static const char *families_of(const kit_service *service)
     }
 }
 
-static void services(const request *asked)
+static void tell_services(const request *asked)
 {
     kit_report *report = asked->report;
     char name[32];
@@ -304,9 +304,9 @@ static void reload(const request *asked)
 static void help(const request *asked);
 
 static const command COMMANDS[] = {
-    {"status", "", 0, 0, "the daemon", status},
-    {"sessions", "", 0, 0, "sessions that run", sessions},
-    {"services", "", 0, 0, "what is offered where", services},
+    {"status", "", 0, 0, "the daemon", tell_status},
+    {"sessions", "", 0, 0, "sessions that run", tell_sessions},
+    {"services", "", 0, 0, "what is offered where", tell_services},
     {"kick", "LINE [REASON...]", 1, MOST_WORDS, "end a session", kick},
     {"open", "PROTOCOL", 1, 1, "let a protocol's services listen",
      open_protocol},
@@ -345,18 +345,22 @@ static int split(char *line, char **words)
     return count;
 }
 
-static void run(const command *known, const request *asked)
+static void explain(const command *known, const request *asked)
 {
     char usage[128];
 
+    (void)snprintf(usage, sizeof usage, "usage: %s%s%s", known->name,
+                   known->arguments[0] != '\0' ? " " : "", known->arguments);
+    refuse(asked, usage);
+}
+
+static void run(const command *known, const request *asked)
+{
     if (asked->count < known->least || asked->count > known->most) {
-        (void)snprintf(usage, sizeof usage, "usage: %s%s%s", known->name,
-                       known->arguments[0] != '\0' ? " " : "",
-                       known->arguments);
-        refuse(asked, usage);
-        return;
+        explain(known, asked);
+    } else {
+        known->run(asked);
     }
-    known->run(asked);
 }
 
 void kit_command_begin(void)

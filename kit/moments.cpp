@@ -294,7 +294,6 @@ static int on_channel(int ttyno)
 static int on_kill(int ttyno)
 {
     kit_entry *entry = kit_entry_at(ttyno);
-    char more[64];
 
     if (entry == nullptr) {
         return 0;
@@ -306,6 +305,7 @@ static int on_kill(int ttyno)
         kit_warden_clean(entry);
     }
     if (ran) {
+        char more[64];
         (void)snprintf(
             more, sizeof more, " seconds=%lld status=%d",
             static_cast<long long>(time(nullptr) - entry->session.begin),

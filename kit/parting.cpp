@@ -22,9 +22,8 @@ constexpr int CLEAN_PATIENCE_MS = 1000;
 
 static void tell_reason(keeper *k)
 {
-    char line[BELL_TEXT_SIZE + 32];
-
     if (k->reason[0] != '\0') {
+        char line[BELL_TEXT_SIZE + 32];
         (void)snprintf(line, sizeof line, "\r\nttyline: %s\r\n", k->reason);
         kit_relay_say(&k->relay, line);
     }

@@ -114,14 +114,13 @@ static void separate(kit_report *report)
 
 void kit_report_text(kit_report *report, const char *name, const char *value)
 {
-    char word[WORD_SIZE];
-
     separate(report);
     if (report->json) {
         add_json_text(report, name);
         add(report, ":");
         add_json_text(report, value);
     } else {
+        char word[WORD_SIZE];
         add(report, name);
         add(report, "=");
         add(report, kit_word(word, sizeof word, value));
