@@ -137,6 +137,7 @@ int kit_offer(const kit_service *service)
     kit_lock();
     kit_node_add(node);
     const bool running = g_running;
+    node->registered = running;
     kit_unlock();
     if (!running) {
         return 0;
@@ -184,21 +185,35 @@ static void raise_descriptor_limit(void)
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// With the lock held until all are known: what another thread offers meanwhile
-// is registered there. The loop, which has its own lock first, does not run
-// yet.
+// The next node that the loop does not know yet, noted as one that it does.
+// With none left the daemon runs: what is offered then registers itself.
+static const kit_node *next_unregistered(void)
+{
+    kit_lock();
+    kit_node *node = kit_first_node();
+    while (node != nullptr && node->registered) {
+        node = node->next;
+    }
+    if (node != nullptr) {
+        node->registered = true;
+    } else {
+        g_running = true;
+    }
+    kit_unlock();
+    return node;
+}
+
+// Without the lock: the session service's own comes before it elsewhere.
 static int register_all(void)
 {
-    int result = 0;
+    const kit_node *node;
 
-    kit_lock();
-    for (const kit_node *node = kit_first_node();
-         node != nullptr && result == 0; node = node->next) {
-        result = register_node(node);
+    while ((node = next_unregistered()) != nullptr) {
+        if (register_node(node) != 0) {
+            return -1;
+        }
     }
-    g_running = result == 0;
-    kit_unlock();
-    return result;
+    return 0;
 }
 
 // A descriptor of the kit's under one of their numbers would get what the

@@ -41,6 +41,7 @@ struct kit_node {
     const kit_service *service;
     int port;         // where it is now, see kit_service_moved()
     kit_rules *rules; // guarded by the lock; null: everybody
+    bool registered;  // with the session service
     bool stopped;     // by a command; told by the control socket only
 };
 
@@ -74,7 +75,7 @@ void kit_service_moved(uint32_t protocol, int old_port, int new_port);
 // Notes that they were stopped or opened; whether one had been stopped before.
 bool kit_service_stopped(uint32_t protocol, bool stopped);
 
-// Adds a node; registered says whether the loop knows it yet.
+// Adds a node. With the lock held.
 void kit_node_add(kit_node *node);
 
 // What people call a service: its name, or "protocol N" in buffer.
