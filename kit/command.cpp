@@ -229,6 +229,8 @@ static void move_port(const request *asked)
     const uint32_t number = static_cast<uint32_t>(protocol);
     kit_service_moved(number, old_port, new_port);
     if (vc_service_update_port(protocol, old_port, new_port) != 0) {
+        // Back again.
+        // NOLINTNEXTLINE(readability-suspicious-call-argument)
         kit_service_moved(number, new_port, old_port);
         refuse(asked, "the line-allocation daemon could not be told");
         return;

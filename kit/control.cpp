@@ -20,6 +20,8 @@ constexpr int64_t PATIENCE_MS = 10000;
 constexpr int64_t NO_DESCRIPTOR_PAUSE_MS = 100;
 constexpr mode_t SOCKET_MODE = 0600;
 
+// The analyser takes the copy of a whole record for one onto itself.
+// NOLINTNEXTLINE(clang-analyzer-alpha.unix.cstring.BufferOverlap)
 struct control_client {
     int fd; // -1: none
     int64_t give_up_at;
@@ -245,29 +247,38 @@ static bool send_answer(control_client *client)
     return true;
 }
 
-// Obeys the first line, if there is a whole one.
-static void obey_line(control_client *client)
+// Takes the first line, if there is a whole one.
+static bool take_line(control_client *client, char (&line)[LINE_SIZE])
 {
-    char *end = static_cast<char *>(memchr(client->line, '\n', client->used));
+    const char *end =
+        static_cast<char *>(memchr(client->line, '\n', client->used));
 
     if (end == nullptr) {
-        return;
+        return false;
     }
-    char line[LINE_SIZE];
     const size_t length = static_cast<size_t>(end - client->line);
-    memcpy(line, client->line, length);
+    for (size_t i = 0; i < length; i++) {
+        // A zero byte ends no word: what stands behind it was meant too.
+        line[i] = client->line[i] != '\0' ? client->line[i] : '?';
+    }
     line[length] = '\0';
     client->used -= length + 1;
     memmove(client->line, end + 1, client->used);
-    if (client->skipping) {
+    return true;
+}
+
+// The rest of a line that was too long is no line.
+static void obey_line(control_client *client)
+{
+    char line[LINE_SIZE];
+
+    while (take_line(client, line)) {
+        if (!client->skipping) {
+            kit_command_run(g_control.daemon, line, &client->report);
+            return;
+        }
         client->skipping = false;
-        return obey_line(client);
     }
-    // A zero byte ends no word: what stands behind it was meant too.
-    for (size_t i = 0; i < length; i++) {
-        line[i] = line[i] != '\0' ? line[i] : '?';
-    }
-    kit_command_run(g_control.daemon, line, &client->report);
 }
 
 // Told once; the rest of the line is thrown away as it comes.

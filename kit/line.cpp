@@ -20,7 +20,7 @@
 #include "kit/error.h"
 
 // More than all keys at their longest.
-constexpr size_t MOST_BYTES = 256 * 1024;
+constexpr size_t MOST_BYTES = size_t{256} * 1024;
 constexpr mode_t FILE_MODE = 0777;
 constexpr useconds_t LOCK_PAUSE_US = 5000;
 static const char SESSION_KEY[] = "SESSIONID";
@@ -285,9 +285,7 @@ static int rewrite_locked(rewrite *job, int line)
 
     if (!read_content(job)) {
         kit_fail("line %d cannot be read: %s", line, strerror(errno));
-    } else if (!belongs(job)) {
-        result = 0;
-    } else if (!compose(job) || !replace_file(job)) {
+    } else if (belongs(job) && (!compose(job) || !replace_file(job))) {
         kit_fail("line %d cannot be stored: %s", line, strerror(errno));
     } else {
         result = 0;

@@ -19,7 +19,11 @@ void kit_report_begin(kit_report *report, bool json)
 void kit_report_free(kit_report *report)
 {
     free(report->text);
-    *report = {};
+    report->text = nullptr;
+    report->length = 0;
+    report->size = 0;
+    report->rows = 0;
+    report->row_open = false;
 }
 
 static bool make_room(kit_report *report, size_t length)
