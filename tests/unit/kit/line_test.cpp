@@ -92,7 +92,7 @@ TEST_F(KitLineFile, value_ends_at_its_first_line_end)
 
 TEST_F(KitLineFile, file_that_is_far_too_large_is_not_kept)
 {
-    put("SPEED=" + std::string(300 * 1024, '9'));
+    put("SPEED=" + std::string(size_t{300} * 1024, '9'));
     EXPECT_EQ(begin(), 0);
     EXPECT_EQ(content(), "LOGNAME=alice\r\nSESSIONID=0123456789abcdef\r\n");
 }
