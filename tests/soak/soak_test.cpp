@@ -476,7 +476,7 @@ TEST_F(SoakTest, the_daemon_is_afterwards_what_it_was_before)
 {
     const auto seed = static_cast<unsigned int>(
         setting("TTYLINE_SOAK_SEED", static_cast<int>(getpid())));
-    const int seconds = setting("TTYLINE_SOAK_SECONDS", 30);
+    const int seconds = setting("TTYLINE_SOAK_SECONDS", 15);
     printf("seed %u\n", seed);
     ChaosInetd inetd(seed, SERVICES);
     g_session_program = program_on_terminal;

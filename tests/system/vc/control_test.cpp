@@ -17,7 +17,7 @@
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int HAMMER_SECONDS = 20;
+constexpr int HAMMER_SECONDS = 6;
 constexpr int CLIENTS = 8;
 constexpr PortRange OWN_PORTS = {2000, 4000};
 constexpr int WAKE_UPS = 5000;
