@@ -31,7 +31,7 @@
 #include <string>
 #include <vector>
 
-#include "load_connection.h"
+#include "bench/load_connection.h"
 
 using Clock = std::chrono::steady_clock;
 using Connections = std::vector<std::unique_ptr<Connection>>;

@@ -1,4 +1,4 @@
-#include "load_connection.h"
+#include "bench/load_connection.h"
 
 #include <arpa/inet.h>
 #include <cerrno>

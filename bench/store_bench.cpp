@@ -25,7 +25,7 @@
 #include <vector>
 
 #include "common/keys.h"
-#include "store_peers.h"
+#include "bench/store_peers.h"
 
 constexpr int MANY = 8;
 static_assert(MANY <= LINES, "a line for each process");

@@ -1,4 +1,4 @@
-#include "store_peers.h"
+#include "bench/store_peers.h"
 
 #include <lmdb.h>
 #include <sqlite3.h>

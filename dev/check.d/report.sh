@@ -73,6 +73,7 @@ abandon() {
     [ -z "$later_group" ] || kill -- "-$later_group" 2>/dev/null
 }
 later_group=
+later_name=
 trap abandon EXIT
 trap 'exit 130' INT
 trap 'exit 143' HUP TERM
