@@ -241,8 +241,11 @@ int vc_accept(int inetd_fd, vc_srv *srv)
         return -1;
     }
     // Nobody looks at this address: both ends are asked for by family later.
-    const int fd = accept(
-        srv->listen_fd, reinterpret_cast<struct sockaddr *>(&address), &length);
+    // Close-on-exec, or a program that is started later would hold this client
+    // too, who then sees no end of the connection when it is closed here.
+    const int fd =
+        accept4(srv->listen_fd, reinterpret_cast<struct sockaddr *>(&address),
+                &length, SOCK_CLOEXEC);
     if (fd < 0) {
         const int error = errno;
         vc_debug_msg("vc: accept fail, errno=%d, %s\n", error, strerror(error));

@@ -3,6 +3,7 @@
 #include "vc/child.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -159,6 +160,15 @@ static void link_monitor(int ttyno, const char *slave)
     static_cast<void>(ignored);
 }
 
+// A program that is executed may use its session's own connection and terminal.
+// Only here and for these two: what the daemon has of other sessions is closed
+// by the same exec.
+static void pass_own_descriptors(const vc_child *child)
+{
+    fcntl(child->sockfd, F_SETFD, 0);
+    fcntl(child->master_fd, F_SETFD, 0);
+}
+
 static void run_shell(int ttyno, const char *slave, const vc_child *child)
 {
     if (child->reg.shell_func == nullptr) {
@@ -175,6 +185,7 @@ static void run_shell(int ttyno, const char *slave, const vc_child *child)
     if (monitored(ttyno)) {
         link_monitor(ttyno, slave);
     }
+    pass_own_descriptors(child);
     if (child->reg.shell_func(ttyno, slave) != 0) {
         vc_debug_msg("vc:shell fun fail, tty:%d pts_name:%s\n", ttyno, slave);
     }

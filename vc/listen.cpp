@@ -316,7 +316,9 @@ int vc_listen(const tty_cmsg *msg, const char *path)
         return -1;
     }
     vc_debug_msg("vc: sock_type %d, port:%d\r\n", msg->socktype, msg->port);
-    const int fd = socket(msg->socktype, SOCK_STREAM, 0);
+    // Close-on-exec twice: from the start, as another thread may start a
+    // program at any moment, and once more where a failure is reported.
+    const int fd = socket(msg->socktype, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         const int error = errno;
         vc_debug_msg("vc: open socket failed, errno=%d %s\r\n", error,

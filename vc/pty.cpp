@@ -46,7 +46,8 @@ int vc_ptym_open(char *name, size_t size)
 {
     // The caller's message shows what could not be opened.
     (void)snprintf(name, size, "%s", "/dev/ptmx");
-    const int fd = posix_openpt(O_RDWR | O_NOCTTY);
+    // Close-on-exec, or the programs of other sessions could type here.
+    const int fd = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
     if (fd < 0) {
         return PTY_OPEN;
     }

@@ -152,8 +152,11 @@ typedef struct vc_reg {
      * Required. Runs the session program; called in the forked child with the
      * terminal on descriptors 0 to 2. Normally does not return; non-zero is
      * logged, and the child ends with status 1. The child starts with SIGHUP,
-     * SIGINT, SIGQUIT and SIGPIPE ignored and with every descriptor of the
-     * daemon that is not close-on-exec still open.
+     * SIGINT, SIGQUIT and SIGPIPE ignored and, until it executes a program,
+     * with every descriptor of the daemon but the listeners. All that the
+     * service opens is close-on-exec there, except the session's own
+     * connection and master, which an executed program has until it closes
+     * them.
      */
     int (*shell_func)(int ttyno, const char *ttydev);
 

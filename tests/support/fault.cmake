@@ -1,9 +1,9 @@
 # The calls that fault.cpp wraps, in its order.
 set(ttyline_fault_calls
-    socket setsockopt bind listen connect accept recv read write open close
+    socket setsockopt bind listen connect accept4 recv read write open close
     shutdown fcntl ioctl stat truncate ftruncate rename mkdir unlink symlink
     fork socketpair posix_openpt grantpt unlockpt ptsname_r tcgetattr tcsetattr
-    dup2 setsid prctl execvp waitpid kill select poll malloc calloc strdup
+    dup2 dup3 setsid prctl execvp waitpid kill select poll malloc calloc strdup
     setenv getsockname getpeername pthread_mutexattr_init
     pthread_mutexattr_settype pthread_mutex_init pthread_rwlockattr_init
     pthread_rwlock_init pthread_sigmask sigfillset sigaction access usleep)

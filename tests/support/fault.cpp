@@ -53,11 +53,11 @@ namespace fault
 // Every wrapped call; fault.cmake names the same ones to the linker.
 // clang-format off
 #define FAULT_CALLS(X) \
-    X(socket) X(setsockopt) X(bind) X(listen) X(connect) X(accept) X(recv) \
+    X(socket) X(setsockopt) X(bind) X(listen) X(connect) X(accept4) X(recv) \
     X(read) X(write) X(open) X(close) X(shutdown) X(fcntl) X(ioctl) X(stat) X(truncate) \
     X(ftruncate) X(rename) X(mkdir) X(unlink) X(symlink) X(fork) \
     X(socketpair) X(posix_openpt) X(grantpt) X(unlockpt) X(ptsname_r) \
-    X(tcgetattr) X(tcsetattr) X(dup2) X(setsid) X(prctl) X(execvp) X(waitpid) \
+    X(tcgetattr) X(tcsetattr) X(dup2) X(dup3) X(setsid) X(prctl) X(execvp) X(waitpid) \
     X(kill) X(select) X(poll) X(malloc) X(calloc) X(strdup) X(setenv) \
     X(getsockname) X(getpeername) X(pthread_mutexattr_init) \
     X(pthread_mutexattr_settype) X(pthread_mutex_init) \
@@ -428,8 +428,9 @@ FAULT_WRAP(int, bind, (int fd, const struct sockaddr *to, socklen_t len),
 FAULT_WRAP(int, listen, (int fd, int backlog), (fd, backlog), about_fd(fd))
 FAULT_WRAP(int, connect, (int fd, const struct sockaddr *to, socklen_t len),
            (fd, to, len), about_fd(fd, static_cast<long>(len)))
-FAULT_WRAP(int, accept, (int fd, struct sockaddr *peer, socklen_t *len),
-           (fd, peer, len), about_fd(fd))
+FAULT_WRAP(int, accept4,
+           (int fd, struct sockaddr *peer, socklen_t *len, int flags),
+           (fd, peer, len, flags), about_fd(fd, flags))
 FAULT_WRAP(int, close, (int fd), (fd), about_fd(fd))
 FAULT_WRAP(int, shutdown, (int fd, int how), (fd, how), about_fd(fd, how))
 FAULT_WRAP(int, stat, (const char *path, struct stat *status), (path, status),
@@ -455,6 +456,8 @@ FAULT_WRAP(int, tcgetattr, (int fd, struct termios *modes), (fd, modes),
 FAULT_WRAP(int, tcsetattr, (int fd, int when, const struct termios *modes),
            (fd, when, modes), about_fd(fd, when))
 FAULT_WRAP(int, dup2, (int from, int to), (from, to), about_fd(from, to))
+FAULT_WRAP(int, dup3, (int from, int to, int flags), (from, to, flags),
+           about_fd(from, to))
 FAULT_WRAP(pid_t, setsid, (void), (), {})
 FAULT_WRAP(int, execvp, (const char *file, char *const *arguments),
            (file, arguments), about_path(file))

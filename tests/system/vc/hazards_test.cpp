@@ -77,6 +77,56 @@ TEST_F(HazardTest, the_program_inherits_descriptors_and_ignored_signals)
     close(session.client);
 }
 
+// What an executed program has besides its standard streams: how many
+// connections, and how many masters of terminals.
+static int execute_a_listing(int, const char *)
+{
+    execl("/bin/sh", "sh", "-c",
+          "ls -l /proc/$$/fd | sed -n 's/.*-> //p' > \"$TMPDIR/listing\"; "
+          "echo listed; exec sleep 1000",
+          static_cast<char *>(nullptr));
+    return 1;
+}
+
+static int lines_with(const std::string &file, const std::string &text)
+{
+    std::ifstream lines(file);
+    std::string line;
+    int count = 0;
+
+    while (std::getline(lines, line)) {
+        count += line.find(text) != std::string::npos ? 1 : 0;
+    }
+    return count;
+}
+
+// Of two other sessions, one connection that waits for its line, and the
+// listener it has nothing.
+TEST_F(HazardTest, an_executed_program_has_its_own_connection_and_terminal_only)
+{
+    FakeInetd inetd;
+    g_session_program = execute_a_listing;
+    Daemon daemon([&] {
+        must_register(relaying(AF_UNIX, 0, name_.c_str(), 7));
+    });
+    InetdConnection connection = inetd.accept();
+    const Session first = session_on(&connection);
+    ASSERT_GE(first.client, 0);
+    ASSERT_NE(read_until(first.client, "listed"), "");
+    const int waiting = connect_path(name_);
+    ASSERT_TRUE(connection.receive());
+    const int second = connect_path(name_);
+    const auto report = connection.receive();
+    ASSERT_TRUE(report);
+    ASSERT_TRUE(connection.assign(*report, 301));
+    ASSERT_NE(read_until(second, "listed"), "");
+    EXPECT_EQ(lines_with(path("/listing"), "socket:"), 1);
+    EXPECT_EQ(lines_with(path("/listing"), "ptmx"), 1);
+    close(waiting);
+    close(second);
+    close(first.client);
+}
+
 static int g_master = -1;
 static int g_peer = -1;
 

@@ -147,13 +147,24 @@ TEST_F(AcceptTest, one_call_takes_one_connection)
     EXPECT_EQ(sent().size(), 1u);
 }
 
+// From the start: another thread may start a program at any moment.
+TEST_F(AcceptTest, a_connection_is_accepted_close_on_exec)
+{
+    const int accepts = fault::watch("accept4", fault::only_what(SOCK_CLOEXEC));
+    listen_on(AF_INET, 6);
+    client();
+    EXPECT_EQ(vc_accept(inetd_fd_, &srv_), 0);
+    EXPECT_EQ(fault::seen(accepts), 1);
+    EXPECT_EQ(fcntl(entry(0)->fd, F_GETFD), FD_CLOEXEC);
+}
+
 TEST_F(AcceptTest, an_accept_that_fails_is_logged)
 {
-    fault_row("vc_accept", "accept", "EMFILE", "-1",
+    fault_row("vc_accept", "accept4", "EMFILE", "-1",
               "vc: accept fail, errno=%d, %s\n", "");
     listen_on(AF_INET, 6);
     client();
-    fault::fail("accept", 1, EMFILE);
+    fault::fail("accept4", 1, EMFILE);
     EXPECT_EQ(vc_accept(inetd_fd_, &srv_), -1);
     EXPECT_EQ(messages(),
               (std::vector<std::string>{
@@ -165,7 +176,7 @@ TEST_F(AcceptTest, an_accept_that_fails_is_logged)
 // client that waits then is taken by a later call.
 TEST_F(AcceptTest, after_any_failure_of_accept_the_next_call_takes_the_client)
 {
-    fault_row("vc_accept", "accept",
+    fault_row("vc_accept", "accept4",
               "ECONNABORTED, EINTR, EAGAIN, EMFILE, ENFILE, ENOMEM, EPERM",
               "-1", "vc: accept fail, errno=%d, %s\n",
               "the client is taken by the next call; the inetd hears of it "
@@ -174,7 +185,7 @@ TEST_F(AcceptTest, after_any_failure_of_accept_the_next_call_takes_the_client)
          {ECONNABORTED, EINTR, EAGAIN, EMFILE, ENFILE, ENOMEM, EPERM}) {
         listen_on(AF_INET, 6);
         client();
-        fault::fail("accept", 1, error);
+        fault::fail("accept4", 1, error);
         EXPECT_EQ(vc_accept(inetd_fd_, &srv_), -1);
         fault::reset();
         EXPECT_EQ(messages(),
@@ -196,7 +207,7 @@ TEST_F(AcceptTest, a_listener_that_cannot_be_asked_is_left_for_later)
               "the client is taken by the next call");
     listen_on(AF_INET, 6);
     client();
-    const int accepts = fault::watch("accept");
+    const int accepts = fault::watch("accept4");
     fault::fail("poll", 1, EINTR);
     fault::fail("poll", 2, ENOMEM);
     EXPECT_EQ(vc_accept(inetd_fd_, &srv_), -1);

@@ -50,6 +50,27 @@ TEST_F(ListenTest, an_ipv4_listener_is_bound_and_says_so)
     close(fd);
 }
 
+static int g_listener;
+static int g_flags;
+
+// From the start: another thread may start a program before the flag is set.
+TEST_F(ListenTest, a_listener_is_born_close_on_exec)
+{
+    const tty_cmsg msg = permit(AF_INET, unused_port(AF_INET));
+    g_listener = dup(0);
+    close(g_listener);
+    fault::run(
+        "fcntl", 1,
+        [] {
+            g_flags = fcntl(g_listener, F_GETFD);
+        },
+        1, fault::only_what(F_SETFD));
+    const int fd = vc_listen(&msg, nullptr);
+    ASSERT_EQ(fd, g_listener);
+    EXPECT_EQ(g_flags, FD_CLOEXEC);
+    close(fd);
+}
+
 TEST_F(ListenTest, tos_is_set_only_when_the_permit_has_one)
 {
     tty_cmsg msg = permit(AF_INET, unused_port(AF_INET));

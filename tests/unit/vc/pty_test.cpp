@@ -53,6 +53,7 @@ TEST_F(PtyTest, a_master_gives_the_name_of_its_slave)
     EXPECT_EQ(std::string(name).find("/dev/pts/"), 0u);
     EXPECT_EQ(access(name, F_OK), 0);
     EXPECT_EQ(fcntl(fd, F_GETFL) & O_ACCMODE, O_RDWR);
+    EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
     close(fd);
 }
 

@@ -267,6 +267,38 @@ TEST_F(SpawnTest, an_initialisation_callback_that_fails_ends_the_session)
     EXPECT_EQ(g_calls.order, "alloc init kill ");
 }
 
+static int g_own[2];
+
+static int note_own(int, int, int sockfd, int master_fd)
+{
+    g_own[0] = sockfd;
+    g_own[1] = master_fd;
+    return 0;
+}
+
+// A program that is executed may use them; the daemon's own stay closed to
+// programs that other threads start.
+TEST_F(SpawnTest, the_sessions_own_descriptors_outlive_an_exec_in_the_child)
+{
+    vc_service_del(23);
+    vc_reg reg = plain(AF_INET, 23, nullptr, 6);
+    reg.alloc_func = note_own;
+    reg.shell_func = [](int, const char *) {
+        report(std::to_string(fcntl(g_own[0], F_GETFD)) + " " +
+               std::to_string(fcntl(g_own[1], F_GETFD)));
+        return 0;
+    };
+    add(reg);
+    const vc_child *child = start(300);
+    ASSERT_NE(child, nullptr);
+    EXPECT_TRUE(support::wait_until([&] {
+        return support::exists(path("/result")) && !result().empty();
+    }));
+    EXPECT_EQ(result(), "0 0");
+    EXPECT_EQ(fcntl(child->sockfd, F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(fcntl(child->master_fd, F_GETFD), FD_CLOEXEC);
+}
+
 static int g_left_to_programs;
 
 // Unix sockets that a program started now would inherit.
