@@ -2,6 +2,8 @@
 // resort. Called in the SIGCHLD handler too: it takes no lock, allocates
 // nothing and reads no time zone.
 #include <errno.h>
+#include <pthread.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
@@ -36,16 +38,26 @@ void vc_debug_init(void)
                   "/mng/tty/.vc_dump.txt");
 }
 
+// The handler for SIGCHLD logs too: without the block it could come in while
+// the hook holds a lock of its own and call the hook again on this thread. It
+// may run on another thread all the same, so the hook must not need a lock.
 static void to_system_log(const char *path, int error, const char *line)
 {
+    sigset_t child_ends;
+    sigset_t before;
+
     if (printk_syslog_ext == nullptr) {
         return;
     }
+    sigemptyset(&child_ends);
+    sigaddset(&child_ends, SIGCHLD);
+    pthread_sigmask(SIG_BLOCK, &child_ends, &before);
     printk_syslog_ext(SYSLOG_LEVEL, SYSLOG_MODULE, SYSLOG_TAG, SYSLOG_KIND,
                       "VC: %d %s open file %s fail, err:%d.\r\n", getpid(),
                       "vc_debug_msg", path, error);
     printk_syslog_ext(SYSLOG_LEVEL, SYSLOG_MODULE, SYSLOG_TAG, SYSLOG_KIND,
                       "VC: %d %s.\r\n", getpid(), line);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 void vc_debug_msg(const char *fmt, ...)

@@ -365,9 +365,13 @@ void vc_debug_msg(const char *fmt, ...) TTYLINE_PRINTF(1, 2);
 
 /*
  * The device's system-log hook, imported by the library: a program may
- * provide it. It is called on any thread, in the forked child and in the
- * SIGCHLD handler, which clients can bring about: it must be async-signal-safe,
- * take no lock, as syslog(3) does, and not wait.
+ * provide it. It is called wherever vc_debug_msg() is: on any thread, with the
+ * service's lock held or not, in the forked child, in a callback, and in the
+ * SIGCHLD handler on whatever thread that runs, so on several threads at once.
+ * Clients can bring that about by using up the descriptors. SIGCHLD is blocked
+ * in the calling thread meanwhile. The hook must be async-signal-safe: it takes
+ * no lock, as syslog(3) does, allocates nothing, does not wait, and calls no
+ * function of this library. vc_debug_msg(3) has one.
  */
 void printk_syslog_ext(int level, const char *module, const char *tag, int kind,
                        const char *fmt, ...) TTYLINE_PRINTF(5, 6);

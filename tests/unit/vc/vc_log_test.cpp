@@ -1,7 +1,9 @@
 #include <errno.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,6 +19,10 @@ using support::slurp;
 using support::spill;
 
 static std::vector<std::string> g_syslog;
+// Called inside the hook, once.
+static void (*g_in_hook)();
+static int g_depth;
+static int g_deepest;
 
 // The device's system-log hook, as a process provides it.
 extern "C" void printk_syslog_ext(int level, const char *module,
@@ -26,11 +32,18 @@ extern "C" void printk_syslog_ext(int level, const char *module,
     char text[2048];
     va_list args;
 
+    g_deepest = std::max(g_deepest, ++g_depth);
+    if (g_in_hook != nullptr) {
+        void (*before)() = g_in_hook;
+        g_in_hook = nullptr;
+        before();
+    }
     va_start(args, fmt);
     (void)vsnprintf(text, sizeof text, fmt, args);
     va_end(args);
     g_syslog.push_back(std::to_string(level) + " " + module + " " + tag + " " +
                        std::to_string(kind) + " " + text);
+    g_depth--;
 }
 
 TEST_F(VcLogTest, a_line_holds_stamp_pid_and_text)
@@ -114,6 +127,53 @@ TEST_F(VcLogTest, another_failure_reaches_the_system_log)
                                              getpid()),
               "kept 5\n");
     EXPECT_EQ(line.substr(line.size() - 3), ".\r\n");
+}
+
+static void end_a_child()
+{
+    siginfo_t ended;
+    const pid_t pid = fork();
+
+    if (pid == 0) {
+        _exit(0);
+    }
+    // Its signal has come by then.
+    waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOWAIT);
+}
+
+// A hook may take a lock, and the handler logs as well: what it interrupted
+// would hold the lock for ever.
+TEST_F(VcLogTest, a_childs_end_does_not_interrupt_the_hook)
+{
+    add(plain(AF_INET, 23, nullptr, 6));
+    fault::fail("open", 1, EMFILE, fault::ALWAYS);
+    g_in_hook = end_a_child;
+    vc_debug_msg("text\n");
+    fault::reset();
+    EXPECT_EQ(g_deepest, 1);
+    // It comes afterwards, and not before the whole line is out.
+    ASSERT_GE(g_syslog.size(), 3u);
+    EXPECT_NE(g_syslog[1].find("text\n"), std::string::npos);
+    const bool captured = std::any_of(
+        g_syslog.begin() + 2, g_syslog.end(), [](const std::string &line) {
+            return line.find("sigchld signal capture") != std::string::npos;
+        });
+    EXPECT_TRUE(captured);
+}
+
+TEST_F(VcLogTest, the_signal_mask_is_as_it_was_after_the_hook)
+{
+    sigset_t mask;
+    for (const int how : {SIG_UNBLOCK, SIG_BLOCK}) {
+        sigemptyset(&mask);
+        sigaddset(&mask, SIGCHLD);
+        pthread_sigmask(how, &mask, nullptr);
+        fault::fail("open", 1, EMFILE);
+        vc_debug_msg("text\n");
+        fault::reset();
+        pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+        EXPECT_EQ(sigismember(&mask, SIGCHLD), how == SIG_BLOCK ? 1 : 0);
+    }
 }
 
 TEST_F(VcLogTest, a_write_that_fails_is_not_reported)
