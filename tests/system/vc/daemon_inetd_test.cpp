@@ -1,0 +1,236 @@
+// What a daemon makes of its connection to the inetd: lost, renewed, and what
+// comes on it that no inetd should say.
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "tests/system/support/daemon.h"
+#include "tests/system/support/fake_inetd.h"
+
+TEST_F(SystemTest, a_lost_inetd_is_reconnected_and_told_everything_again)
+{
+    FakeInetd inetd;
+    const int port = free_port(AF_INET);
+    Daemon daemon([&] {
+        must_register(relaying(AF_INET, port, nullptr, 6));
+    });
+    size_t before = 0;
+    for (int round = 0; round < 3; round++) {
+        InetdConnection connection = inetd.accept();
+        const auto request = connection.receive();
+        ASSERT_TRUE(request) << round;
+        ASSERT_TRUE(connection.permit(*request));
+        ASSERT_TRUE(logged("vc: bind v4 success\r\n", round + 1));
+        if (round == 1) {
+            before = daemon.descriptors().size();
+        }
+        connection.close_now();
+        EXPECT_TRUE(logged("):vc_service_start before close fd ", round + 1));
+    }
+    InetdConnection connection = inetd.accept();
+    const auto request = connection.receive();
+    ASSERT_TRUE(request);
+    // Without the listener, which the reset closed, and the log file.
+    EXPECT_TRUE(daemon.settles_at(before - 1));
+}
+
+TEST_F(SystemTest, a_short_record_ends_the_connection)
+{
+    FakeInetd inetd;
+    Daemon daemon([] {
+        must_register(relaying(AF_INET, 23, nullptr, 6));
+    });
+    InetdConnection connection = inetd.accept();
+    ASSERT_TRUE(connection.receive());
+    const char part[155] = {};
+    ASSERT_TRUE(connection.send_bytes(part, sizeof part));
+    EXPECT_TRUE(connection.closed_by_peer());
+    EXPECT_TRUE(logged("vc: recv fail ret 155, err["));
+    InetdConnection next = inetd.accept();
+    EXPECT_TRUE(next.receive());
+}
+
+TEST_F(SystemTest, after_a_listener_failed_the_inetd_is_told_and_reconnected)
+{
+    FakeInetd inetd;
+    const int port = free_port(AF_INET);
+    Daemon daemon([&] {
+        must_register(relaying(AF_INET, port, nullptr, 6));
+    });
+    InetdConnection connection = inetd.accept();
+    auto request = connection.receive();
+    ASSERT_TRUE(request);
+    request->socktype = AF_NETLINK;
+    ASSERT_TRUE(connection.permit(*request));
+    const auto answer = connection.receive();
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->vc_flag, 0x010u);
+    EXPECT_TRUE(connection.closed_by_peer());
+    InetdConnection next = inetd.accept();
+    EXPECT_TRUE(next.receive());
+}
+
+// The renewed connection must not leave anything to the old one: neither
+// clients that wait for a line, nor the number that sessions know it by.
+TEST_F(SystemTest, clients_without_a_line_are_dropped_with_the_connection)
+{
+    FakeInetd inetd;
+    const std::string name = path("/s");
+    Daemon daemon([&] {
+        must_register(relaying(AF_UNIX, 0, name.c_str(), 7));
+    });
+    InetdConnection connection = inetd.accept();
+    const auto request = connection.receive();
+    ASSERT_TRUE(request);
+    ASSERT_TRUE(connection.permit(*request));
+    int client = -1;
+    ASSERT_TRUE(eventually([&] {
+        return (client = connect_path(name)) >= 0;
+    }));
+    const auto report = connection.receive();
+    ASSERT_TRUE(report);
+    tty_cmsg bad = *request;
+    memset(bad.path, 'x', sizeof bad.path);
+    ASSERT_TRUE(connection.send(bad));
+    const auto answer = connection.receive();
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->vc_flag, 0x100u);
+    EXPECT_TRUE(ended(client));
+    EXPECT_TRUE(logged("):vc_deal_msg close all socket fd, err "));
+    close(client);
+}
+
+static int g_spare;
+
+static int give_spare_back(int, int, int, int)
+{
+    close(g_spare);
+    return 0;
+}
+
+static int nothing(int)
+{
+    return 0;
+}
+
+TEST_F(SystemTest, a_session_older_than_the_connection_reports_its_end)
+{
+    FakeInetd inetd;
+    const std::string name = path("/s");
+    g_session_program = [](int, const char *) -> int {
+        for (;;) {
+            pause();
+        }
+    };
+    Daemon daemon([&] {
+        vc_reg reg = relaying(AF_UNIX, 0, name.c_str(), 7);
+        // Lower than the connection, and free when it is renewed.
+        g_spare = dup(0);
+        reg.alloc_func = give_spare_back;
+        reg.read_func = nothing;
+        reg.write_func = nothing;
+        must_register(reg);
+    });
+    InetdConnection connection = inetd.accept();
+    const auto request = connection.receive();
+    ASSERT_TRUE(request);
+    ASSERT_TRUE(connection.permit(*request));
+    int client = -1;
+    ASSERT_TRUE(eventually([&] {
+        return (client = connect_path(name)) >= 0;
+    }));
+    ASSERT_TRUE(connection.assign(*connection.receive(), 300));
+    const auto success = connection.receive();
+    ASSERT_TRUE(success);
+    tty_cmsg bad = *request;
+    memset(bad.path, 'x', sizeof bad.path);
+    ASSERT_TRUE(connection.send(bad));
+    ASSERT_TRUE(connection.receive());
+    InetdConnection next = inetd.accept();
+    ASSERT_TRUE(logged("): connect inetd vc_fd ", 2));
+    tty_cmsg clear = {};
+    clear.vc_flag = 0x002;
+    clear.ttyno = 300;
+    ASSERT_TRUE(next.send(clear));
+    const auto clean = next.receive();
+    ASSERT_TRUE(clean);
+    EXPECT_EQ(clean->vc_flag, 0x002u);
+    EXPECT_EQ(clean->ttyno, 300);
+    EXPECT_EQ(clean->pid, success->pid);
+    close(client);
+}
+
+// As an answer to a client that has gone names one: every wait that watched
+// it would fail at once.
+TEST_F(SystemTest, a_line_for_a_closed_descriptor_does_not_stop_the_others)
+{
+    FakeInetd inetd;
+    const std::string name = path("/s");
+    Daemon daemon([&] {
+        must_register(relaying(AF_UNIX, 0, name.c_str(), 7));
+    });
+    InetdConnection connection = inetd.accept();
+    const Session session = log_in(&connection, [&] {
+        return connect_path(name);
+    });
+    ASSERT_GE(session.client, 0);
+    const auto numbers = daemon.descriptors();
+    tty_cmsg late = {};
+    late.vc_flag = 0x001;
+    late.ttyno = 301;
+    // The master of the new line takes the lowest free number, this is the
+    // highest that a small table of descriptors has room for.
+    late.sockfd = 63;
+    while (std::count(numbers.begin(), numbers.end(), late.sockfd) != 0) {
+        late.sockfd--;
+    }
+    late.socktype = AF_UNIX;
+    strcpy(late.path, name.c_str());
+    ASSERT_TRUE(connection.send(late));
+    const auto success = connection.receive();
+    ASSERT_TRUE(success);
+    EXPECT_EQ(success->vc_flag, 0x020u);
+    ASSERT_TRUE(write_all(session.client, "still here\n"));
+    EXPECT_EQ(read_until(session.client, "\n"), "> still here\r\n");
+    // The line itself can be cleared.
+    tty_cmsg clear = {};
+    clear.vc_flag = 0x002;
+    clear.ttyno = 301;
+    ASSERT_TRUE(connection.send(clear));
+    const auto clean = connection.receive();
+    ASSERT_TRUE(clean);
+    EXPECT_EQ(clean->ttyno, 301);
+    close(session.client);
+}
+
+// The record says so itself; there is nothing to watch then.
+TEST_F(SystemTest, a_line_without_a_connection_runs_until_it_is_cleared)
+{
+    FakeInetd inetd;
+    const std::string name = path("/s");
+    Daemon daemon([&] {
+        must_register(relaying(AF_UNIX, 0, name.c_str(), 7));
+    });
+    InetdConnection connection = inetd.accept();
+    ASSERT_TRUE(connection.receive());
+    tty_cmsg record = {};
+    record.vc_flag = 0x001;
+    record.ttyno = 301;
+    record.sockfd = -1;
+    record.socktype = AF_UNIX;
+    strcpy(record.path, name.c_str());
+    ASSERT_TRUE(connection.send(record));
+    const auto success = connection.receive();
+    ASSERT_TRUE(success);
+    EXPECT_EQ(success->vc_flag, 0x020u);
+    EXPECT_TRUE(connection.silent(100));
+    EXPECT_TRUE(process_runs(success->pid));
+    record.vc_flag = 0x002;
+    ASSERT_TRUE(connection.send(record));
+    const auto clean = connection.receive();
+    ASSERT_TRUE(clean);
+    EXPECT_EQ(clean->ttyno, 301);
+    EXPECT_EQ(clean->pid, success->pid);
+}
