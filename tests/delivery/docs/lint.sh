@@ -11,7 +11,7 @@ complain() {
 }
 
 # Pages of the system that ours refer to, which a test machine may lack.
-elsewhere=' cfsetospeed.3 fcntl.2 printf.3 setsockopt.2 syslog.3 waitpid.2 '
+elsewhere=' cfsetospeed.3 fcntl.2 login.1 printf.3 setsockopt.2 syslog.3 waitpid.2 '
 
 count=0
 for page in man?/*; do

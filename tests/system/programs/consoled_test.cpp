@@ -52,8 +52,10 @@ class Consoled : public SystemTest
         SystemTest::TearDown();
     }
 
-    void launch(const std::vector<std::string> &arguments)
+    // Tests run as root too, which has to say this; --login goes before it.
+    void launch(std::vector<std::string> arguments)
     {
+        arguments.insert(arguments.begin(), "--no-authentication");
         daemon = std::make_unique<Program>(CONSOLED_PATH, arguments, [] {});
     }
 
@@ -72,8 +74,8 @@ class Consoled : public SystemTest
     int start_on_port()
     {
         const int port = free_port(AF_INET);
-        start({"--port", std::to_string(port), "--no-ipv6", "--control",
-               control_path(), "/bin/cat"});
+        start({"--port", std::to_string(port), "--no-ipv6", "--allow",
+               "127.0.0.1", "--control", control_path(), "/bin/cat"});
         permit_next();
         EXPECT_TRUE(listens(port));
         return port;
@@ -145,11 +147,11 @@ class Consoled : public SystemTest
         return answer;
     }
 
-    // Connects to the in-path service and gets line 300; the session's pid.
-    int log_in_path(int *client)
+    // Connects to a path and gets line 300; the session's pid.
+    int log_in_path(int *client, const std::string &name = "/inpath")
     {
         *client = connect_when_served([&] {
-            return connect_path(path("/inpath"));
+            return connect_path(path(name));
         });
         const auto report = connection.receive();
         if (!report || report->vc_flag != 0x001u ||
@@ -258,7 +260,7 @@ TEST_F(Consoled, announces_port_path_and_line_console)
 {
     const int port = free_port(AF_INET);
     start({"--inpath", path("/inpath"), "--port", std::to_string(port),
-           "--no-ipv6", "--path", path("/console")});
+           "--no-ipv6", "--allow", "any", "--path", path("/console")});
     for (const int protocol : {6, 7, 7}) {
         const auto request = connection.receive();
         ASSERT_TRUE(request);
@@ -275,6 +277,72 @@ TEST_F(Consoled, refuses_a_second_in_path_service)
                   {"--inpath", path("/a"), "--inpath", path("/b")}, "", &code);
     EXPECT_EQ(code, 2);
     EXPECT_NE(text.find("only one --inpath"), std::string::npos) << text;
+}
+
+// What it says to a command line that it does not take.
+static std::string refusal_of(const std::vector<std::string> &arguments)
+{
+    int code = -1;
+    const std::string text = output_of(CONSOLED_PATH, arguments, "", &code);
+
+    EXPECT_EQ(code, 2) << text;
+    return text;
+}
+
+TEST_F(Consoled, wants_to_know_who_may_come_in_on_a_port)
+{
+    const std::string text =
+        refusal_of({"--no-authentication", "--port", "2323"});
+    EXPECT_NE(text.find("--port needs --allow"), std::string::npos) << text;
+}
+
+// Who is not root is refused what only root can have.
+TEST_F(Consoled, as_root_offers_no_session_that_nobody_asked_for_a_password)
+{
+    const bool is_root = geteuid() == 0;
+    const std::string text =
+        is_root ? refusal_of({"--path", path("/console"), "/bin/cat"})
+                : refusal_of({"--path", path("/console"), "--login"});
+    const char *why = is_root ? "would be root" : "needs root";
+    EXPECT_NE(text.find(why), std::string::npos) << text;
+    EXPECT_FALSE(std::filesystem::exists(path("/console")));
+}
+
+TEST_F(Consoled, has_login_ask_who_it_is)
+{
+    if (geteuid() != 0) {
+        const std::string text =
+            refusal_of({"--path", path("/console"), "--login"});
+        EXPECT_NE(text.find("needs root"), std::string::npos) << text;
+        return;
+    }
+    start({"--path", path("/console"), "--login"});
+    permit_next();
+    int client = -1;
+    ASSERT_GT(log_in_path(&client, "/console"), 0);
+    const std::string asked = read_until(client, "login: ");
+    EXPECT_NE(asked.find("login: "), std::string::npos) << asked;
+    close(client);
+    const auto clean = connection.receive();
+    ASSERT_TRUE(clean);
+    EXPECT_EQ(clean->vc_flag, 0x002u);
+}
+
+TEST_F(Consoled, has_few_sessions_of_one_peer_unless_told_otherwise)
+{
+    start({"--path", path("/console"), "--sessions-per-peer", "1", "/bin/cat"});
+    permit_next();
+    int first = -1;
+    ASSERT_GT(log_in_path(&first, "/console"), 0);
+    const int second = connect_path(path("/console"));
+    const auto report = connection.receive();
+    ASSERT_TRUE(report);
+    ASSERT_TRUE(connection.assign(*report, 301));
+    const std::string said = read_until(second, "\n");
+    EXPECT_NE(said.find("too many sessions"), std::string::npos) << said;
+    EXPECT_TRUE(ended(second));
+    close(second);
+    close(first);
 }
 
 // What is typed there may be a password.
@@ -306,16 +374,18 @@ TEST_F(Consoled, leaves_a_control_socket_in_use_alone_and_replaces_a_dead_one)
 {
     const int port = start_on_port();
     int code = -1;
-    const std::string text = output_of(
-        CONSOLED_PATH, {"--path", path("/other"), "--control", control_path()},
-        "", &code);
+    const std::string text =
+        output_of(CONSOLED_PATH,
+                  {"--no-authentication", "--path", path("/other"), "--control",
+                   control_path()},
+                  "", &code);
     EXPECT_EQ(code, 1);
     EXPECT_NE(text.find("is in use"), std::string::npos) << text;
     EXPECT_EQ(control("open 6"), "ok\n");
 
     daemon.reset();
-    start({"--port", std::to_string(port), "--no-ipv6", "--control",
-           control_path()});
+    start({"--port", std::to_string(port), "--no-ipv6", "--allow", "127.0.0.1",
+           "--control", control_path()});
     EXPECT_EQ(control("open 6"), "ok\n");
 }
 
@@ -528,8 +598,8 @@ TEST_F(Consoled, obeys_while_there_is_no_inetd)
 {
     const int port = free_port(AF_INET);
     inetd.reset();
-    launch({"--port", std::to_string(port), "--no-ipv6", "--control",
-            control_path()});
+    launch({"--port", std::to_string(port), "--no-ipv6", "--allow", "127.0.0.1",
+            "--control", control_path()});
     EXPECT_EQ(control("stop 6"), "ok\n");
     const int moved = free_port(AF_INET);
     EXPECT_EQ(
