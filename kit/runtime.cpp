@@ -150,8 +150,12 @@ int kit_runtime_check(void)
     const char *prefix = getenv("TMPDIR");
     char directory[PATH_MAX];
 
-    if (!absolute(prefix != nullptr ? prefix : "/", directory)) {
-        return kit_fail("%s is too long", prefix != nullptr ? prefix : "/");
+    // The libraries put an empty one before "/mng/tty" too.
+    if (prefix == nullptr || prefix[0] == '\0') {
+        prefix = "/";
+    }
+    if (!absolute(prefix, directory)) {
+        return kit_fail("%s is too long", prefix);
     }
     return check_path(directory, 0) && check_own(directory, "/mng") &&
                    check_own(directory, "/mng/tty")

@@ -4,6 +4,7 @@
 
 #include <ttyline/kit.h>
 
+#include "tests/support/privroot.h"
 #include "tests/support/runtime.h"
 
 class KitRuntime : public support::runtime_test
@@ -103,4 +104,18 @@ TEST_F(KitRuntime, path_from_here_is_looked_at_from_the_root)
     ASSERT_EQ(chmod(runtime_dir.c_str(), 0777), 0);
     EXPECT_NE(refusal(), "trusted");
     ASSERT_EQ(chdir("/"), 0);
+}
+
+class KitRuntimeOfRoot : public support::private_root_test
+{
+};
+
+// As the libraries take it, wherever the process works.
+TEST_F(KitRuntimeOfRoot, empty_name_is_the_root)
+{
+    ASSERT_EQ(chdir("/tmp"), 0);
+    ASSERT_EQ(setenv("TMPDIR", "", 1), 0);
+    EXPECT_EQ(kit_runtime_check(), 0) << kit_error();
+    EXPECT_TRUE(support::exists("/mng/tty"));
+    EXPECT_FALSE(support::exists("/tmp/mng"));
 }
