@@ -19,6 +19,7 @@
 #include "programs/rl-con/command.h"
 #include "programs/shared/escape.h"
 #include "programs/shared/parse.h"
+#include "programs/shared/runtime_path.h"
 
 enum exit_code { EXIT_LEFT = 0, EXIT_TERMINAL = 1, EXIT_USAGE = 2 };
 
@@ -36,7 +37,8 @@ static const char HELP[] =
 Option and value may stand in one argument: '-n 300'. The keys of the
 line are those of the runtime directory that TMPDIR names.
 Exit codes: 0 after 'exit' or at the end of the input, 1 when the input
-cannot be read or the output not be written, 2 for a wrong command line.
+cannot be read, the output not be written, or the runtime directory is
+missing or not to be trusted, 2 for a wrong command line.
 A line that is hung up ends it by SIGHUP.
 )";
 
@@ -170,7 +172,11 @@ static int serve(console &c)
 int main(int argc, char **argv)
 {
     console c = parse_command_line(argc, argv);
+    std::string why;
 
+    if (!store_trusted(why)) {
+        errx(EXIT_TERMINAL, "%s", why.c_str());
+    }
     terminal_begin(c.term);
     const int result = serve(c);
     terminal_end(c.term);

@@ -1,4 +1,4 @@
-// Where the libraries keep their files.
+// Where the libraries keep their files, and whether it can be trusted.
 #pragma once
 
 #include <string>
@@ -6,3 +6,7 @@
 // A name under the runtime directory, which begins with a slash. Nothing is
 // created.
 std::string runtime_path(const std::string &name);
+
+// Whether the line store is there and nobody else can change what leads to it;
+// why not otherwise. A daemon makes the store: nothing is created here either.
+bool store_trusted(std::string &why);

@@ -10,6 +10,7 @@
 
 #include "programs/shared/escape.h"
 #include "programs/shared/parse.h"
+#include "programs/shared/runtime_path.h"
 #include "programs/ttyctl/ask.h"
 #include "programs/ttyctl/invocation.h"
 #include "programs/ttyctl/lines.h"
@@ -81,14 +82,15 @@ struct command {
     std::size_t arguments;
     std::size_t most_arguments;
     const option *options;
+    bool uses_store;
     int (*run)(const invocation &call);
     const char *summary;
     const char *help;
 };
 
 static const command commands[] = {
-    {"lines", " [--json] [--watch [SECONDS]]", 0, 0, lines_options, run_lines,
-     "show the lines",
+    {"lines", " [--json] [--watch [SECONDS]]", 0, 0, lines_options, true,
+     run_lines, "show the lines",
      R"(Shows every line that has an information file, with the values LOGNAME,
 PEERNAME (without one SOCKADDR), TTYDEV, PROTOCOL and IDLE as they are
 stored, '-' for none, and its state:
@@ -106,7 +108,7 @@ together are waited for until the time is over.
   --watch [SECONDS]  again every SECONDS (1 to 3600, 2 if not given),
                      until a signal ends it
 )"},
-    {"get", " LINE KEY", 2, 2, plain_options, run_get,
+    {"get", " LINE KEY", 2, 2, plain_options, true, run_get,
      "print a value of a line",
      R"(Prints the value. On a terminal, bytes that are not printable ASCII are
 shown as \xHH, and a backslash as \\. Exits with 1 when the line has no
@@ -115,48 +117,48 @@ such value.
 LINE is 0 to 1585, 80000 or 80001. Line 0 is read from the tree of
 instance 0 beside that of TMPDIR, but written in TMPDIR's own.
 )"},
-    {"set", " LINE KEY VALUE", 3, 3, plain_options, run_set,
+    {"set", " LINE KEY VALUE", 3, 3, plain_options, true, run_set,
      "store a value of a line",
      R"(VALUE may be empty. It cannot hold the end of a line, and has room for
 1020 bytes less the length of KEY.
 )"},
-    {"reset", " LINE", 1, 1, plain_options, run_reset,
+    {"reset", " LINE", 1, 1, plain_options, true, run_reset,
      "return a line to its state without a session",
      R"(Clears LOGNAME, SOCKADDR, RL_TIMEOUT and PEERNAME, sets TTYPID to -1,
 and LOGSUCC, MTYPE, SESSIONID and IDLE to 0. When it fails on the way,
 those before are reset already.
 )"},
-    {"login-ok", " LINE", 1, 1, plain_options, run_login_ok,
+    {"login-ok", " LINE", 1, 1, plain_options, true, run_login_ok,
      "record a login that succeeded",
      "Stores LOGSUCC=1 and tells the line administration daemon.\n"},
-    {"login-failed", " LINE", 1, 1, plain_options, run_login_failed,
+    {"login-failed", " LINE", 1, 1, plain_options, true, run_login_failed,
      "record a login that failed",
      "Stores LOGSUCC=0. The line administration daemon is not told.\n"},
-    {"cfg", " LINE NAME VALUE", 3, 3, plain_options, run_cfg,
+    {"cfg", " LINE NAME VALUE", 3, 3, plain_options, true, run_cfg,
      "tell the daemon of a changed setting",
      R"(NAME is SPEED, SESSION_TIMEOUT or EXEC_TIMEOUT, VALUE a number. Nothing
 is stored.
 )"},
-    {"hold", " [--except LINE] SECONDS", 1, 1, hold_options, run_hold,
+    {"hold", " [--except LINE] SECONDS", 1, 1, hold_options, true, run_hold,
      "ask the daemon to assign no line",
      R"(Until 'release', or for SECONDS (0 to 1800).
 
   --except LINE  but for this one
 )"},
-    {"release", "", 0, 0, plain_options, run_release,
+    {"release", "", 0, 0, plain_options, true, run_release,
      "end the hold, whoever asked for it",
      "The request is sent also when nothing is held.\n"},
-    {"service", " N", 1, 1, plain_options, run_service,
+    {"service", " N", 1, 1, plain_options, true, run_service,
      "say whether a service is enabled",
      "Prints 'enabled', or 'disabled' and exits with 1. N is 0 to 31.\n"},
-    {"speed", " [--code] N", 1, 1, speed_options, run_speed,
+    {"speed", " [--code] N", 1, 1, speed_options, false, run_speed,
      "convert a speed to the terminal's code",
      R"(Prints the code of the speed N in bits per second.
 
   --code  the other way round: the speed of the code N
 )"},
-    {"ask", " [--json] PATH COMMAND [WORD...]", 2, MANY, ask_options, run_ask,
-     "have a login daemon do or tell something",
+    {"ask", " [--json] PATH COMMAND [WORD...]", 2, MANY, ask_options, false,
+     run_ask, "have a login daemon do or tell something",
      R"(Sends a command to the control socket of a login daemon, such as
 consoled --control PATH, and prints its rows. 'help' lists what it knows:
 status, sessions, services, kick, open, stop, port, tos, reload.
@@ -184,7 +186,8 @@ Options stand before the arguments of a command:
 Exit status:
 
   0  done
-  1  failed, or there is no such value, service or speed
+  1  failed; there is no line store, or others could change it; there is
+     no such value, service or speed
   2  wrong usage: command, option, line number, key or value
   3  the line is locked by another process
   4  the daemon does not take the request
@@ -313,6 +316,10 @@ static int run_command(const command &known, int argc, char **argv,
         call.arguments.size() > known.most_arguments) {
         return fail(EXIT_USAGE, std::string("usage: ttyctl ") + known.name +
                                     known.synopsis);
+    }
+    std::string why;
+    if (known.uses_store && !store_trusted(why)) {
+        return fail(EXIT_FAILED, escaped(why));
     }
     return known.run(call);
 }

@@ -103,6 +103,7 @@ std::string Terminal::expect(const std::string &wanted)
 void RlCon::SetUp()
 {
     SystemTest::SetUp();
+    std::filesystem::create_directories(path("/mng/tty"));
     setenv("SHELL", "/bin/sh", 1);
     setenv("PS1", "", 1);
 }

@@ -77,9 +77,9 @@ TEST_F(TtyctlTest, a_store_that_is_not_there_is_said)
     runtime = root + "/none";
 
     expect_message(run({"lines"}), 1,
-                   "cannot read the line store " + runtime +
+                   "there is no line store " + runtime +
                        "/mng/tty: No such file");
-    expect_message(run({"lines", "--watch", "1"}), 1, "cannot read");
+    expect_message(run({"lines", "--watch", "1"}), 1, "no line store");
 }
 
 TEST_F(TtyctlTest, a_line_whose_file_is_a_directory_is_free)

@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -197,7 +198,7 @@ TEST_F(TtyctlTest, a_line_without_a_file_is_said_and_the_log_named)
 
 TEST_F(TtyctlTest, a_store_that_cannot_be_written_is_said_and_the_log_named)
 {
-    runtime = root + "/none/none";
+    std::filesystem::create_directories(info(5) + ".lock");
 
     expect_message(run({"set", "5", "LOGNAME", "x"}), 1,
                    "line 5 cannot be stored in " + info(5));
@@ -207,9 +208,45 @@ TEST_F(TtyctlTest, a_store_that_cannot_be_written_is_said_and_the_log_named)
                    "line 5 cannot be stored");
 }
 
+TEST_F(TtyctlTest, a_store_is_made_by_no_command)
+{
+    runtime = root + "/none";
+    std::filesystem::create_directories(runtime);
+
+    for (const words &arguments : std::vector<words>{{"lines"},
+                                                     {"get", "5", "LOGNAME"},
+                                                     {"set", "5", "IDLE", "1"},
+                                                     {"reset", "5"},
+                                                     {"login-ok", "5"},
+                                                     {"login-failed", "5"},
+                                                     {"cfg", "5", "SPEED", "1"},
+                                                     {"hold", "5"},
+                                                     {"release"},
+                                                     {"service", "4"}}) {
+        expect_message(run(arguments), 1, "there is no line store");
+        EXPECT_TRUE(std::filesystem::is_empty(runtime)) << arguments[0];
+    }
+    expect_done(run({"speed", "9600"}));
+}
+
+// Root's files would be written through links that somebody planted.
+TEST_F(TtyctlTest, a_store_that_others_can_change_is_refused)
+{
+    store(5, "LOGNAME=alice\r\n");
+    for (const char *name : {"/mng/tty", "/mng"}) {
+        ASSERT_EQ(chmod((root + name).c_str(), 0777), 0);
+        expect_message(run({"set", "5", "LOGNAME", "x"}), 1,
+                       "can be written by others");
+        expect_message(run({"lines"}), 1, "can be written by others");
+        ASSERT_EQ(chmod((root + name).c_str(), 0700), 0);
+    }
+    EXPECT_EQ(read_file(info(5)), "LOGNAME=alice\r\n");
+}
+
 TEST_F(TtyctlTest, a_runtime_directory_that_is_too_long_is_said)
 {
     runtime = root + "/" + std::string(120, 'd');
+    std::filesystem::create_directories(runtime + "/mng/tty");
 
     for (const words &arguments : std::vector<words>{{"get", "5", "LOGNAME"},
                                                      {"set", "5", "IDLE", "1"},

@@ -60,5 +60,30 @@ TEST_F(Runtime, says_what_is_in_its_way)
 {
     std::ofstream(directory + "/mng") << "text";
     EXPECT_FALSE(runtime_take(path, error));
-    EXPECT_EQ(error, directory + "/mng/tty: Not a directory");
+    EXPECT_EQ(error, directory + "/mng is no directory");
+}
+
+TEST_F(Runtime, is_not_taken_where_others_can_change_it)
+{
+    std::filesystem::create_directories(directory + "/mng/tty/inetd");
+    for (const char *name : {"/mng/tty/inetd", "/mng/tty", "/mng", ""}) {
+        const std::string changed = directory + name;
+        ASSERT_EQ(chmod(changed.c_str(), 0777), 0);
+        EXPECT_FALSE(runtime_take(path, error)) << name;
+        EXPECT_EQ(error.rfind(changed + " can be written by others", 0), 0U)
+            << error;
+        ASSERT_EQ(chmod(changed.c_str(), 0700), 0);
+    }
+    EXPECT_TRUE(runtime_take(path, error)) << error;
+}
+
+TEST_F(Runtime, is_not_taken_behind_a_link)
+{
+    std::filesystem::create_directories(directory + "/mng/tty");
+    std::filesystem::create_directories(directory + "/elsewhere");
+    std::filesystem::create_symlink(directory + "/elsewhere",
+                                    directory + "/mng/tty/inetd");
+    EXPECT_FALSE(runtime_take(path, error));
+    EXPECT_EQ(error, directory + "/mng/tty/inetd: Not a directory");
+    EXPECT_TRUE(std::filesystem::is_empty(directory + "/elsewhere"));
 }
