@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include "programs/shared/escape.h"
 #include "programs/ttyctl/report.h"
 #include "programs/ttyctl/store.h"
 
@@ -61,12 +62,17 @@ int fail_unsent(const std::string &stored)
 
 int check_info_path(const std::string &info)
 {
-    if (info_fits(info)) {
-        return EXIT_DONE;
+    if (!info_fits(info)) {
+        return fail(EXIT_FAILED, "TMPDIR is too long: the library takes no "
+                                 "path like " +
+                                     info);
     }
-    return fail(EXIT_FAILED, "TMPDIR is too long: the library takes no path "
-                             "like " +
-                                 info);
+    for (const std::string &path : {info, lock_of(info), info + ".tmp"}) {
+        if (!plain_or_absent(path)) {
+            return fail(EXIT_FAILED, path + " is no plain file");
+        }
+    }
+    return EXIT_DONE;
 }
 
 call_result write_line(const invocation &call, unsigned int line, bool sends,
@@ -78,6 +84,23 @@ call_result write_line(const invocation &call, unsigned int line, bool sends,
     guarded.sends = sends;
     guarded.work = work;
     return run_guarded(guarded, deadline_of(call));
+}
+
+int check_stored(unsigned int line, const line_values &before,
+                 const stored_pairs &stored)
+{
+    const std::string info = info_to_write(line);
+    line_values after;
+
+    const std::string missing = read_info(info, after)
+                                    ? missing_after(before, after, stored)
+                                    : "the file";
+    if (missing.empty()) {
+        return EXIT_DONE;
+    }
+    return fail(EXIT_FAILED, line_text(line) + ": " + escaped(missing) +
+                                 " is not in " + info +
+                                 " as it should be; is the disk full?");
 }
 
 int report_write(const invocation &call, unsigned int line,

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "programs/ttyctl/guard.h"
+#include "programs/ttyctl/info_file.h"
 #include "programs/ttyctl/invocation.h"
 
 using line_work = std::function<bool(std::string &text)>;
@@ -13,12 +14,17 @@ using line_work = std::function<bool(std::string &text)>;
 // "line 7"
 std::string line_text(unsigned int line);
 
-// Refuses an information file whose path the library would not take.
+// Refuses an information file whose path the library would not take, or would
+// follow or wait for.
 int check_info_path(const std::string &info);
 
 // Makes a call that writes the line's file.
 call_result write_line(const invocation &call, unsigned int line, bool sends,
                        const line_work &work);
+
+// Whether what a call has stored is there, and all that was before.
+int check_stored(unsigned int line, const line_values &before,
+                 const stored_pairs &stored);
 
 // What became of it. The note says what the call may have done before it was
 // given up.

@@ -1,6 +1,7 @@
-// The table of lines. Locked lines are put off until all others have been
-// read and get what is left of one time for all of them, so that many locked
-// lines cost no more than one.
+// The table of lines, from their files and without the library, which waits for
+// whatever lies there. Locked lines are put off until all others have been read
+// and get what is left of one time for all of them, so that many locked lines
+// cost no more than one.
 #include "programs/ttyctl/lines.h"
 
 #include <cerrno>
@@ -16,11 +17,11 @@
 #include <unistd.h>
 
 #include "programs/ttyctl/guard.h"
+#include "programs/ttyctl/info_file.h"
 #include "programs/ttyctl/report.h"
 #include "programs/ttyctl/store.h"
 #include "programs/ttyctl/text.h"
 
-constexpr int VALUE_SIZE = 1024;
 constexpr std::chrono::milliseconds LOOK_AGAIN(10);
 static const char CLEAR_SCREEN[] = "\033[H\033[2J";
 
@@ -61,44 +62,8 @@ static const column_form columns[] = {
     {"STATE", 9, 0, SCOLS_JSON_STRING},
 };
 
-// The values in the order in which the child sends them.
-static const char *const keys[] = {"LOGNAME", "PEERNAME", "SOCKADDR",
-                                   "TTYDEV",  "PROTOCOL", "IDLE",
-                                   "TTYPID",  "LOGSUCC"};
-
-using line_values = std::map<std::string, std::string>;
-
-// One value after the other, each with a zero byte, which none of them holds.
-static void read_values(unsigned int line, std::string &text)
-{
-    char value[VALUE_SIZE];
-
-    for (const char *key : keys) {
-        if (tty_getenv(line, key, value, sizeof value) != nullptr) {
-            text += value;
-        }
-        text += '\0';
-    }
-}
-
-static line_values split_values(const std::string &text)
-{
-    line_values values;
-    std::size_t at = 0;
-
-    for (const char *key : keys) {
-        const std::size_t end = text.find('\0', at);
-        if (end == std::string::npos) {
-            break;
-        }
-        values[key] = text.substr(at, end - at);
-        at = end + 1;
-    }
-    return values;
-}
-
 // A line keeps its TTYDEV after a session; the reset sets TTYPID to -1.
-static const char *state_of(line_values &values)
+static const char *state_of(std::map<std::string, std::string> &values)
 {
     if (values["TTYDEV"].empty() || values["TTYPID"] == "-1") {
         return "free";
@@ -106,7 +71,7 @@ static const char *state_of(line_values &values)
     return values["LOGSUCC"] == "1" ? "logged in" : "login";
 }
 
-static line_row make_row(line_values values)
+static line_row make_row(std::map<std::string, std::string> values)
 {
     const std::string &name = values["PEERNAME"];
 
@@ -123,51 +88,42 @@ static line_row state_only(const char *state)
     return row;
 }
 
-static line_row read_row(unsigned int line, time_point deadline)
+// A set replaces the file as a whole, so nobody has to be kept from it
+// meanwhile.
+static line_row read_row(unsigned int line)
 {
-    guarded_call call;
+    line_values values;
 
-    call.lock_path = lock_of(info_to_read(line));
-    call.work = [line](std::string &text) {
-        read_values(line, text);
-        return true;
-    };
-    const call_result result = run_guarded(call, deadline);
-    if (result.state == call_state::done) {
-        return make_row(split_values(result.text));
-    }
-    return state_only(result.state == call_state::locked ? "locked"
-                                                         : "unreadable");
+    return read_info(info_to_read(line), values) ? make_row(values.of)
+                                                 : state_only("unreadable");
 }
 
 using line_rows = std::map<unsigned int, line_row>;
 
 // Reads what nobody holds at this moment, and takes it off the list.
-static void read_unlocked(std::list<unsigned int> &lines, time_point deadline,
-                          line_rows &rows)
+static void read_unlocked(std::list<unsigned int> &lines, line_rows &rows)
 {
     for (auto line = lines.begin(); line != lines.end();) {
         if (lock_holder(lock_of(info_to_read(*line))) != 0) {
             ++line;
             continue;
         }
-        rows[*line] = read_row(*line, deadline);
+        rows[*line] = read_row(*line);
         line = lines.erase(line);
     }
 }
 
-// The time begins anew once all others are read, which may take longer.
 static line_rows read_rows(const std::set<unsigned int> &found,
                            const invocation &call)
 {
     std::list<unsigned int> left(found.begin(), found.end());
     line_rows rows;
 
-    read_unlocked(left, deadline_of(call), rows);
     const time_point deadline = deadline_of(call);
+    read_unlocked(left, rows);
     while (!left.empty() && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(LOOK_AGAIN);
-        read_unlocked(left, deadline, rows);
+        read_unlocked(left, rows);
     }
     for (const unsigned int line : left) {
         rows[line] = state_only("locked");

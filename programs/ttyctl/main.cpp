@@ -99,10 +99,10 @@ stored, '-' for none, and its state:
   login       it has a TTYDEV, and LOGSUCC is not 1
   logged in   it has a TTYDEV, and LOGSUCC is 1
   locked      another process kept its lock all the time
-  unreadable  it could not be read for another reason
+  unreadable  its file is no plain file, or cannot be read
 
 Bytes that are not printable ASCII are shown as \xHH. All locked lines
-together are waited for until the time is over.
+together are waited for until the time is over, and nothing else is.
 
   --json             the same as JSON: an object with the array "lines"
   --watch [SECONDS]  again every SECONDS (1 to 3600, 2 if not given),

@@ -43,6 +43,8 @@ static int audit_login(const invocation &call, bool success)
     const std::string info = info_to_write(line);
     ino_t before = 0;
     ino_t after = 0;
+    line_values values;
+    read_info(info, values);
     take_file_number(info, before);
     const auto work = [&](std::string &) {
         return tty_login_info_audit(line, success) == 0;
@@ -58,7 +60,10 @@ static int audit_login(const invocation &call, bool success)
     if (result.state == call_state::failed && stored) {
         return fail_unsent(note);
     }
-    return report_write(call, line, result, note);
+    status = report_write(call, line, result, note);
+    return status == EXIT_DONE
+               ? check_stored(line, values, {{"LOGSUCC", success ? "1" : "0"}})
+               : status;
 }
 
 int run_login_ok(const invocation &call)

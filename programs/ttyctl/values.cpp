@@ -139,20 +139,33 @@ int run_set(const invocation &call)
     const auto work = [&](std::string &) {
         return tty_setenv(line, key.c_str(), value.c_str()) == 0;
     };
-    return report_write(call, line, write_line(call, line, false, work), "");
+    line_values before;
+    read_info(info_to_write(line), before);
+    status = report_write(call, line, write_line(call, line, false, work), "");
+    return status == EXIT_DONE ? check_stored(line, before, {{key, value}})
+                               : status;
 }
 
 int run_reset(const invocation &call)
 {
     unsigned int line = 0;
 
-    const int status = take_line_to_write(call.arguments[0], line);
+    int status = take_line_to_write(call.arguments[0], line);
     if (status != EXIT_DONE) {
         return status;
     }
     const auto work = [&](std::string &) {
         return tty_reset_info(line) == 0;
     };
-    return report_write(call, line, write_line(call, line, false, work),
-                        "; some of its keys may be reset");
+    line_values before;
+    read_info(info_to_write(line), before);
+    status = report_write(call, line, write_line(call, line, false, work),
+                          "; some of its keys may be reset");
+    return status == EXIT_DONE ? check_stored(line, before,
+                                              {{"LOGNAME", ""},
+                                               {"TTYPID", "-1"},
+                                               {"LOGSUCC", "0"},
+                                               {"SESSIONID", "0"},
+                                               {"IDLE", "0"}})
+                               : status;
 }

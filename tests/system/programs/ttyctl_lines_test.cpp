@@ -7,6 +7,7 @@
 #include <memory>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "tests/support/wait.h"
@@ -82,15 +83,33 @@ TEST_F(TtyctlTest, a_store_that_is_not_there_is_said)
     expect_message(run({"lines", "--watch", "1"}), 1, "no line store");
 }
 
-TEST_F(TtyctlTest, a_line_whose_file_is_a_directory_is_free)
+// Each of them would keep the library for ever.
+TEST_F(TtyctlTest, lines_whose_files_are_traps_cost_no_time)
 {
-    std::filesystem::create_directories(info(5));
+    std::filesystem::create_directories(info(1));
+    ASSERT_EQ(mkfifo(info(2).c_str(), 0600), 0);
+    std::filesystem::create_symlink("/dev/zero", info(3));
+    std::filesystem::create_symlink(info(6), info(4));
+    store(5, "");
+    std::filesystem::resize_file(info(5), 1 << 20);
     store(6, "TTYDEV=/dev/pts/1\r\n");
+    store(7, "TTYDEV=/dev/pts/1\r\n");
+    ASSERT_EQ(mkfifo((info(7) + ".lock").c_str(), 0600), 0);
+    store(8, "TTYDEV=/dev/pts/1\r\n");
+    const holder other(info(8) + ".lock");
 
-    const auto table = rows_of(run({"lines"}).out);
-    ASSERT_EQ(table.size(), 2U);
-    EXPECT_EQ(table[0].back(), "free");
-    EXPECT_EQ(table[1].back(), "login");
+    const auto before = std::chrono::steady_clock::now();
+    const auto table = rows_of(run({"lines", "--timeout", "1"}).out);
+    const auto took = std::chrono::steady_clock::now() - before;
+    EXPECT_LT(took, std::chrono::seconds(2));
+    std::vector<std::string> states;
+    for (const auto &cells : table) {
+        states.push_back(cells.back());
+    }
+    const std::vector<std::string> expected = {
+        "unreadable", "unreadable", "unreadable", "unreadable",
+        "unreadable", "login",      "login",      "locked"};
+    EXPECT_EQ(states, expected);
 }
 
 // Python reads the text and prints what it holds in one line.

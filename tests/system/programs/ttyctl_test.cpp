@@ -1,9 +1,13 @@
 // The operator's command as its operator sees it: help, usage and values.
 #include "tests/system/programs/ttyctl_run.h"
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 
 #include <fcntl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
@@ -196,12 +200,73 @@ TEST_F(TtyctlTest, a_line_without_a_file_is_said_and_the_log_named)
     EXPECT_TRUE(contains(read_file(path(".tty_lib_dump.txt")), info(7)));
 }
 
-TEST_F(TtyctlTest, a_store_that_cannot_be_written_is_said_and_the_log_named)
+TEST_F(TtyctlTest, nothing_is_read_or_written_through_what_is_no_plain_file)
 {
-    std::filesystem::create_directories(info(5) + ".lock");
+    const std::string victim = root + "/victim";
+    write_file(victim, "LOGNAME=victim\r\n");
+    for (const char *end : {"", ".tmp", ".lock"}) {
+        const std::string planted = info(5) + end;
+        std::filesystem::create_symlink(victim, planted);
+        for (const words &arguments :
+             std::vector<words>{{"get", "5", "LOGNAME"},
+                                {"set", "5", "LOGNAME", "x"},
+                                {"reset", "5"},
+                                {"login-failed", "5"}}) {
+            expect_message(run(arguments), 1, planted + " is no plain file");
+        }
+        std::filesystem::remove(planted);
+    }
+    ASSERT_EQ(mkfifo(info(5).c_str(), 0600), 0);
+    expect_message(run({"get", "5", "LOGNAME"}), 1, "is no plain file");
+    EXPECT_EQ(read_file(victim), "LOGNAME=victim\r\n");
+}
 
+// A file system of its own, with no page left for a file's content.
+class TtyctlFull : public TtyctlTest
+{
+  protected:
+    void SetUp() override
+    {
+        TtyctlTest::SetUp();
+        runtime = root + "/full";
+        std::filesystem::create_directories(runtime);
+        ASSERT_EQ(
+            mount("none", runtime.c_str(), "tmpfs", 0, "size=64k,mode=0700"), 0)
+            << strerror(errno);
+        std::filesystem::create_directories(runtime + "/mng/tty");
+        store(5, "LOGNAME=alice\r\nTTYDEV=/dev/pts/1\r\nLOGSUCC=0\r\n");
+        // The library's log has its room already.
+        write_file(path(".tty_lib_dump.txt"), std::string(4096, 'x'));
+        std::ofstream(runtime + "/filler") << std::string(1 << 20, 'x');
+    }
+
+    void TearDown() override
+    {
+        EXPECT_EQ(umount(runtime.c_str()), 0) << strerror(errno);
+        TtyctlTest::TearDown();
+    }
+};
+
+TEST_F(TtyctlFull, set_says_that_its_value_is_not_there)
+{
+    expect_message(run({"set", "5", "PEERNAME", "host"}), 1,
+                   "line 5: PEERNAME is not in " + info(5));
+}
+
+TEST_F(TtyctlFull, login_and_reset_say_so_too)
+{
+    expect_message(run({"login-failed", "5"}), 1, "LOGSUCC is not in");
+    expect_message(run({"reset", "5"}), 1, "is the disk full?");
+}
+
+TEST_F(TtyctlFull, a_store_that_cannot_be_written_is_said_and_the_log_named)
+{
+    ASSERT_EQ(mount("none", runtime.c_str(), nullptr, MS_REMOUNT | MS_RDONLY,
+                    nullptr),
+              0);
     expect_message(run({"set", "5", "LOGNAME", "x"}), 1,
-                   "line 5 cannot be stored in " + info(5));
+                   "line 5 cannot be stored in " + info(5) + "; see " +
+                       path(".tty_lib_dump.txt"));
     expect_message(run({"reset", "5"}), 1, "line 5 cannot be stored");
     expect_message(run({"login-failed", "5"}), 1, "line 5 cannot be stored");
     expect_message(run({"--timeout", "60", "login-ok", "5"}), 1,
