@@ -51,13 +51,15 @@ static void to_system_log(const char *path, int error, const char *line)
     }
     sigemptyset(&child_ends);
     sigaddset(&child_ends, SIGCHLD);
-    pthread_sigmask(SIG_BLOCK, &child_ends, &before);
+    const bool blocked = pthread_sigmask(SIG_BLOCK, &child_ends, &before) == 0;
     printk_syslog_ext(SYSLOG_LEVEL, SYSLOG_MODULE, SYSLOG_TAG, SYSLOG_KIND,
                       "VC: %d %s open file %s fail, err:%d.\r\n", getpid(),
                       "vc_debug_msg", path, error);
     printk_syslog_ext(SYSLOG_LEVEL, SYSLOG_MODULE, SYSLOG_TAG, SYSLOG_KIND,
                       "VC: %d %s.\r\n", getpid(), line);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    if (blocked) {
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    }
 }
 
 void vc_debug_msg(const char *fmt, ...)

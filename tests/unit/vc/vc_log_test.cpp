@@ -145,6 +145,8 @@ static void end_a_child()
 // would hold the lock for ever.
 TEST_F(VcLogTest, a_childs_end_does_not_interrupt_the_hook)
 {
+    fault_row("vc_debug_msg", "open", "EMFILE", "nothing", "VC: %d %s.\r\n",
+              "a child that ends meanwhile is reaped after the hook");
     add(plain(AF_INET, 23, nullptr, 6));
     fault::fail("open", 1, EMFILE, fault::ALWAYS);
     g_in_hook = end_a_child;
@@ -163,6 +165,8 @@ TEST_F(VcLogTest, a_childs_end_does_not_interrupt_the_hook)
 
 TEST_F(VcLogTest, the_signal_mask_is_as_it_was_after_the_hook)
 {
+    fault_row("vc_debug_msg", "open", "EMFILE", "nothing", "VC: %d %s.\r\n",
+              "the signal mask as it was");
     sigset_t mask;
     for (const int how : {SIG_UNBLOCK, SIG_BLOCK}) {
         sigemptyset(&mask);
@@ -174,6 +178,18 @@ TEST_F(VcLogTest, the_signal_mask_is_as_it_was_after_the_hook)
         pthread_sigmask(SIG_BLOCK, nullptr, &mask);
         EXPECT_EQ(sigismember(&mask, SIGCHLD), how == SIG_BLOCK ? 1 : 0);
     }
+}
+
+TEST_F(VcLogTest, a_mask_that_cannot_be_changed_is_left_alone)
+{
+    fault_row("vc_debug_msg", "pthread_sigmask", "EINVAL", "nothing",
+              "VC: %d %s.\r\n", "the signal mask as it was");
+    fault::fail("open", 1, EMFILE);
+    const int changes = fault::watch("pthread_sigmask");
+    fault::fail("pthread_sigmask", 1, EINVAL);
+    vc_debug_msg("text\n");
+    EXPECT_EQ(g_syslog.size(), 2u);
+    EXPECT_EQ(fault::seen(changes), 1);
 }
 
 TEST_F(VcLogTest, a_write_that_fails_is_not_reported)
