@@ -1,5 +1,6 @@
-// Connecting to the inetd. Each step that fails closes the socket before it
-// logs, and leaves errno as the failure set it: the loop prints it too.
+// The connection to the inetd, made and given up. Each step of a connect that
+// fails closes the socket before it logs, and leaves errno as the failure set
+// it: the loop prints it too.
 #include "vc/inetd.h"
 
 #include <errno.h>
@@ -13,6 +14,7 @@
 
 #include "common/io.h"
 #include "common/runtime_dir.h"
+#include "vc/service.h"
 
 // Small: an inetd that has stopped reading shows after a few records, and not
 // after many that nobody will act on.
@@ -96,4 +98,41 @@ int vc_connect(void)
         return -1;
     }
     return fd;
+}
+
+// Under the lock: a port update has read the number and is about to write.
+static bool lay_over(int fd, int number)
+{
+    vc_wlock();
+    const bool laid = dup3(fd, number, O_CLOEXEC) == number;
+    vc_unlock();
+    return laid;
+}
+
+void vc_disconnect(int fd)
+{
+    int ends[2];
+
+    // To close it alone would not end it, if a session's process has it too.
+    // Before the lock, which a port update holds while the inetd does not read.
+    shutdown(fd, SHUT_RDWR);
+    // One end of a pair whose other end is closed. Without it the old
+    // connection keeps its number; shut down, it answers in the same way.
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
+        return;
+    }
+    close(ends[1]);
+    if (ends[0] != fd) {
+        lay_over(ends[0], fd);
+        close(ends[0]);
+    }
+}
+
+int vc_move_connection(int fd, int number)
+{
+    if (number < 0 || !lay_over(fd, number)) {
+        return fd;
+    }
+    close(fd);
+    return number;
 }

@@ -1,7 +1,6 @@
 // The main loop: connect, announce, wait, and then in this order one record,
 // one new connection, and the data of the sessions.
 #include <errno.h>
-#include <fcntl.h>
 #include <pthread.h>
 #include <string.h>
 #include <unistd.h>
@@ -22,9 +21,9 @@ constexpr long IDLE_WAIT_S = 60;
 constexpr long PENDING_WAIT_US = 10000;
 
 struct loop_state {
-    int inetd_fd;     // -1 while not connected
-    int old_inetd_fd; // of the connection before, -1 before the first
-    bool pending;     // a relay step had data left over
+    int inetd_fd; // -1 while not connected
+    int number;   // of the connection before, -1 before the first
+    bool pending; // a relay step had data left over
     read_set set;
 };
 
@@ -33,26 +32,25 @@ struct loop_state {
 static void abandon_connection(loop_state *loop)
 {
     vc_pending_drop_all();
-    close(loop->inetd_fd);
-    loop->old_inetd_fd = loop->inetd_fd;
+    vc_disconnect(loop->inetd_fd);
+    loop->number = loop->inetd_fd;
     loop->inetd_fd = -1;
     usleep(RETRY_PAUSE_US);
 }
 
-// Sessions know the inetd connection by its number: a new connection takes the
-// number of the old one, if that is free.
-static int take_old_number(int fd, int old_fd)
+// Returns the connection or, after a pause, -1.
+static int connect_or_pause(void)
 {
-    if (fd < 0 || old_fd < 0 || fd == old_fd) {
-        return fd;
+    const int fd = vc_connect();
+    const int error = errno;
+
+    vc_debug_msg("(vc:%d): connect inetd vc_fd %d\n", getpid(), fd);
+    if (fd < 0) {
+        vc_debug_msg("vc: connect inetd fail, errno:%d, %s\n", error,
+                     strerror(error));
+        usleep(RETRY_PAUSE_US);
     }
-    const int moved = fcntl(fd, F_DUPFD_CLOEXEC, old_fd);
-    if (moved < 0) {
-        return fd;
-    }
-    const bool taken = moved == old_fd;
-    close(taken ? fd : moved);
-    return taken ? moved : fd;
+    return fd;
 }
 
 // Returns false when the next turn has to try again.
@@ -61,23 +59,20 @@ static bool ensure_connected(loop_state *loop)
     if (loop->inetd_fd >= 0) {
         return true;
     }
-    loop->inetd_fd = vc_connect();
-    const int error = errno;
-    loop->inetd_fd = take_old_number(loop->inetd_fd, loop->old_inetd_fd);
-    vc_debug_msg("(vc:%d): connect inetd vc_fd %d\n", getpid(), loop->inetd_fd);
-    if (loop->inetd_fd < 0) {
-        vc_debug_msg("vc: connect inetd fail, errno:%d, %s\n", error,
-                     strerror(error));
+    const int fd = connect_or_pause();
+    if (fd < 0) {
+        return false;
+    }
+    const int result = vc_open_listen(fd);
+    if (result < 0) {
+        close(fd);
         usleep(RETRY_PAUSE_US);
         return false;
     }
-    const int result = vc_open_listen(loop->inetd_fd);
-    if (result < 0) {
-        abandon_connection(loop);
-        return false;
-    }
-    // After the announcement: a port change that another thread makes must not
-    // come before the service that it is about.
+    // After the announcement, the number as well as its publication: a port
+    // change that another thread makes must not come before the service that it
+    // is about.
+    loop->inetd_fd = vc_move_connection(fd, loop->number);
     vc_tty_socket_set(loop->inetd_fd);
     g_vc_tid.store(pthread_self());
     vc_debug_msg("(vc:%d): after vc_open_listen ret %d\n", getpid(), result);
@@ -197,7 +192,7 @@ int vc_service_start(void)
         return -1;
     }
     loop.inetd_fd = -1;
-    loop.old_inetd_fd = -1;
+    loop.number = -1;
     loop.pending = false;
     for (;;) {
         take_turn(&loop);

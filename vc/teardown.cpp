@@ -71,9 +71,8 @@ static void signal_process(const vc_child *child, const char *cache_path)
     kill(pid, access(cache_path, F_OK) == 0 ? SIGHUP : SIGKILL);
 }
 
-// Whether the number stands for no connection any more. The inetd connection
-// may have been renewed since the session began, and its number may have gone
-// to nothing or to a listener.
+// Whether the number stands for no connection any more. A record from the inetd
+// that names a wrong descriptor can have it closed.
 static bool connection_lost(int error)
 {
     return error == EBADF || error == ENOTCONN;

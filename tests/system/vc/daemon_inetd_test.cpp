@@ -5,9 +5,24 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <thread>
 
 #include "tests/system/support/daemon.h"
 #include "tests/system/support/fake_inetd.h"
+
+// It is answered, and the connection is renewed; sessions go on.
+static bool send_a_permit_that_fails(InetdConnection *connection,
+                                     const Daemon &daemon)
+{
+    tty_cmsg bad = {};
+
+    bad.vc_flag = 0x080;
+    bad.pid = daemon.pid();
+    bad.socktype = AF_UNIX;
+    bad.protocol = 7;
+    memset(bad.path, 'x', sizeof bad.path);
+    return connection->send(bad);
+}
 
 TEST_F(SystemTest, a_lost_inetd_is_reconnected_and_told_everything_again)
 {
@@ -160,6 +175,68 @@ TEST_F(SystemTest, a_session_older_than_the_connection_reports_its_end)
     EXPECT_EQ(clean->ttyno, 300);
     EXPECT_EQ(clean->pid, success->pid);
     close(client);
+}
+
+// A program that is a function of the daemon's has all of its descriptors.
+TEST_F(SystemTest, a_connection_given_up_ends_though_a_program_holds_it_too)
+{
+    FakeInetd inetd;
+    const std::string name = path("/s");
+    Daemon daemon([&] {
+        must_register(relaying(AF_UNIX, 0, name.c_str(), 7));
+    });
+    InetdConnection connection = inetd.accept();
+    const Session session = log_in(&connection, [&] {
+        return connect_path(name);
+    });
+    ASSERT_GE(session.client, 0);
+    ASSERT_TRUE(send_a_permit_that_fails(&connection, daemon));
+    EXPECT_TRUE(connection.closed_by_peer());
+    EXPECT_TRUE(process_runs(session.pid));
+    close(session.client);
+}
+
+// A datagram socket without a peer: what is written there fails for a reason
+// that might pass.
+static void take_the_number_of_the_connection()
+{
+    while (__atomic_load_n(&g_vc_tty_socket, __ATOMIC_RELAXED) < 0) {
+        usleep(1000);
+    }
+    while (__atomic_load_n(&g_vc_tty_socket, __ATOMIC_RELAXED) >= 0) {
+        usleep(1000);
+    }
+    for (int i = 0; i < 8; i++) {
+        static_cast<void>(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    }
+}
+
+TEST_F(SystemTest,
+       a_session_that_outlives_its_connection_does_not_stop_the_loop)
+{
+    FakeInetd inetd;
+    const std::string name = path("/s");
+    Daemon daemon([&] {
+        must_register(relaying(AF_UNIX, 0, name.c_str(), 7));
+        std::thread(take_the_number_of_the_connection).detach();
+    });
+    InetdConnection connection = inetd.accept();
+    const Session session = log_in(&connection, [&] {
+        return connect_path(name);
+    });
+    ASSERT_GE(session.client, 0);
+    ASSERT_TRUE(send_a_permit_that_fails(&connection, daemon));
+    ASSERT_TRUE(connection.receive());
+    InetdConnection next = inetd.accept();
+    ASSERT_TRUE(logged("): connect inetd vc_fd ", 2));
+    tty_cmsg clear = {};
+    clear.vc_flag = 0x002;
+    clear.ttyno = 300;
+    ASSERT_TRUE(next.send(clear));
+    const auto clean = next.receive();
+    ASSERT_TRUE(clean);
+    EXPECT_EQ(clean->ttyno, 300);
+    close(session.client);
 }
 
 // As an answer to a client that has gone names one: every wait that watched

@@ -41,12 +41,18 @@ class LoopTest : public VcTest
 
     void TearDown() override
     {
+        stop_loop();
+        close(inetd_);
+        VcTest::TearDown();
+    }
+
+    void stop_loop()
+    {
         if (pid_ > 0) {
             kill(pid_, SIGKILL);
             waitpid(pid_, nullptr, 0);
         }
-        close(inetd_);
-        VcTest::TearDown();
+        pid_ = -1;
     }
 
     // Gives a process with two services to the loop.
@@ -220,75 +226,92 @@ TEST_F(LoopTest, all_that_is_readable_is_moved_before_the_next_wait)
                     "out 300\nin 1421\nout 1421\nout 1585\nwait\n");
 }
 
-// Loses the first connection, and its number to another file.
-static void lose_connection_and_number()
+// The second announcement of the first turn fails: a connection that sessions
+// and port updates know by its number is lost.
+static void lose_announced_connection()
 {
-    fault::fail("write", 1, EPIPE, 1, fault::only_path("socket:"));
     fault::run(
-        "usleep", 1,
+        "waitpid", 1,
         [] {
-            static_cast<void>(dup(0));
+            const vc_reg late = plain(AF_INET, 25, nullptr, 6);
+            vc_service_reg(&late);
         },
         1);
-    fault::run(
-        "select", 1,
-        [] {
-            const int next = dup(0);
-            close(next);
-            vc_debug_msg("test: number %d, next %d\n",
-                         static_cast<int>(g_vc_tty_socket), next);
-        },
-        1);
+    fault::fail("write", 3, EPIPE, 1, fault::only_path("socket:"));
 }
 
-// The numbers of both connections as the log has them, then the next free one.
-static std::vector<int>
-connection_numbers(const std::vector<std::string> &texts)
-{
-    std::vector<int> numbers;
+static int g_number;
 
-    for (const std::string &text : texts) {
-        int pid;
-        int number;
-        int next;
-        if (sscanf(text.c_str(), "(vc:%d): connect inetd vc_fd %d", &pid,
-                   &number) == 2) {
-            numbers.push_back(number);
-        }
-        if (sscanf(text.c_str(), "test: number %d, next %d", &number, &next) ==
-            2) {
-            numbers.push_back(next);
-        }
+// What somebody who knows the number only meets there.
+static const char *behind(int number)
+{
+    const tty_cmsg record = {};
+
+    if (send(number, &record, sizeof record, MSG_NOSIGNAL) > 0) {
+        return "connection";
     }
-    return numbers;
+    return errno == EPIPE ? "broken pipe" : "stranger";
 }
 
-TEST_F(LoopTest, a_number_that_is_taken_meanwhile_is_not_taken_back)
+static void look_at_the_number()
 {
-    run_loop(lose_connection_and_number);
-    ASSERT_TRUE(support::wait_until([&] {
-        return connection_numbers(loop_messages()).size() == 3;
-    }));
-    const auto numbers = connection_numbers(loop_messages());
-    EXPECT_EQ(numbers[1], numbers[0] + 1);
-    // The copy that did not get the number is closed again.
-    EXPECT_EQ(numbers[2], numbers[1] + 1);
+    g_number = g_vc_tty_socket;
+    // The lowest number that is free.
+    static_cast<void>(!dup(0));
+    vc_debug_msg("test: meanwhile %s\n", behind(g_number));
 }
 
-TEST_F(LoopTest, a_number_that_cannot_be_taken_back_is_done_without)
+static void look_at_the_number_again()
 {
-    fault_row("take_old_number", "fcntl", "EMFILE", "the new number", "",
+    vc_debug_msg("test: %s, then %s\n",
+                 g_vc_tty_socket == g_number ? "same number" : "another number",
+                 behind(g_number));
+}
+
+static void lose_it_and_look()
+{
+    lose_announced_connection();
+    fault::run("usleep", 1, look_at_the_number, 1);
+    fault::run("select", 1, look_at_the_number_again, 1);
+}
+
+// A session's end and a port update must not reach another file.
+TEST_F(LoopTest, a_lost_connections_number_is_taken_until_the_next_one_has_it)
+{
+    run_loop(lose_it_and_look);
+    EXPECT_TRUE(says("test: meanwhile broken pipe\n"));
+    EXPECT_TRUE(says("test: same number, then connection\n"));
+}
+
+TEST_F(LoopTest, without_a_placeholder_the_old_connection_keeps_the_number)
+{
+    fault_row("vc_disconnect", "socketpair", "EMFILE",
+              "the loop goes on, after a pause", "",
+              "the number stands for the old connection, shut down");
+    fault_row("vc_disconnect", "dup3", "EBUSY",
+              "the loop goes on, after a pause", "",
+              "the number stands for the old connection, shut down");
+    for (const char *call : {"socketpair", "dup3"}) {
+        run_loop([call] {
+            lose_it_and_look();
+            fault::fail(call, 1, EMFILE);
+        });
+        EXPECT_TRUE(says("test: meanwhile broken pipe\n")) << call;
+        EXPECT_TRUE(says("test: same number, then connection\n")) << call;
+        stop_loop();
+    }
+}
+
+TEST_F(LoopTest, a_connection_that_cannot_be_moved_keeps_its_number)
+{
+    fault_row("vc_move_connection", "dup3", "EBUSY", "the new number", "",
               "older sessions do not reach the inetd");
     run_loop([] {
-        lose_connection_and_number();
-        fault::fail("fcntl", 1, EMFILE, 1, fault::only_what(F_DUPFD_CLOEXEC));
+        lose_it_and_look();
+        fault::fail("dup3", 2, EBUSY);
     });
-    ASSERT_TRUE(support::wait_until([&] {
-        return connection_numbers(loop_messages()).size() == 3;
-    }));
-    const auto numbers = connection_numbers(loop_messages());
-    EXPECT_EQ(numbers[1], numbers[0] + 1);
-    EXPECT_EQ(numbers[2], numbers[1] + 1);
+    EXPECT_TRUE(says("test: meanwhile broken pipe\n"));
+    EXPECT_TRUE(says("test: another number, then broken pipe\n"));
 }
 
 TEST_F(LoopTest, a_first_announcement_that_fails_renews_the_connection)
@@ -368,35 +391,6 @@ TEST_F(LoopTest, a_record_that_cannot_be_read_renews_the_connection)
     close(first);
 }
 
-static int g_moves;
-
-// Something else has taken the old number meanwhile.
-TEST_F(LoopTest, a_connection_that_cannot_be_moved_keeps_its_number)
-{
-    fault_row("vc_service_start", "fcntl", "EMFILE", "the loop goes on", "",
-              "the new connection has another number than the old one");
-    run_loop([] {
-        fault::fail("write", 1, EPIPE, 1, fault::only_path("socket:"));
-        fault::run(
-            "usleep", 1,
-            [] {
-                static_cast<void>(!open("/dev/null", O_RDONLY | O_CLOEXEC));
-            },
-            1);
-        g_moves = fault::watch("fcntl", fault::only_what(F_DUPFD_CLOEXEC));
-        fault::fail("fcntl", 1, EMFILE, 1, fault::only_what(F_DUPFD_CLOEXEC));
-        fault::run(
-            "select", 1,
-            [] {
-                vc_debug_msg("test: moves %d\n", fault::seen(g_moves));
-            },
-            1);
-    });
-    EXPECT_TRUE(says("test: moves 1\n"));
-    EXPECT_TRUE(says("(vc:" + std::to_string(pid_) +
-                     "): after vc_open_listen ret 0\n"));
-}
-
 // The number stays on show until the next connection has announced, which a
 // port update in between runs into.
 TEST_F(LoopTest, a_later_announcement_that_fails_leaves_the_number)
@@ -405,15 +399,7 @@ TEST_F(LoopTest, a_later_announcement_that_fails_leaves_the_number)
               "the loop goes on, after a pause", "",
               "the closed connection's number, until the new one is made");
     run_loop([] {
-        // Between the two announcements of the first turn.
-        fault::run(
-            "waitpid", 1,
-            [] {
-                const vc_reg late = plain(AF_INET, 25, nullptr, 6);
-                vc_service_reg(&late);
-            },
-            1);
-        fault::fail("write", 3, EPIPE, 1, fault::only_path("socket:"));
+        lose_announced_connection();
         fault::run(
             "usleep", 1,
             [] {
