@@ -5,7 +5,6 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "common/io.h"
 #include "vc/accept.h"
 #include "vc/dispatch.h"
 #include "vc/inetd.h"
@@ -36,6 +35,25 @@ static void abandon_connection(loop_state *loop)
     loop->number = loop->inetd_fd;
     loop->inetd_fd = -1;
     usleep(RETRY_PAUSE_US);
+}
+
+// The inetd has gone, or what it said asks for a new connection.
+static void lose_connection(loop_state *loop)
+{
+    vc_debug_msg("(vc:%d):%s before close fd %d.\r\n", getpid(),
+                 "vc_service_start", loop->inetd_fd);
+    vc_tty_socket_set(-1);
+    abandon_connection(loop);
+}
+
+// A record that named the connection's own number had it closed. Nothing can
+// be received any more, so all is reset, but not before the number answers
+// again: each session's end would be tried several times.
+static void lose_closed_connection(loop_state *loop)
+{
+    vc_disconnect(loop->inetd_fd);
+    vc_deal_msg(loop->inetd_fd);
+    lose_connection(loop);
 }
 
 // Returns the connection or, after a pause, -1.
@@ -95,16 +113,20 @@ static void watch_listeners(loop_state *loop)
     vc_unlock();
 }
 
-static void build_set(loop_state *loop)
+// Returns false when the connection is lost and the turn ends here.
+static bool build_set(loop_state *loop)
 {
-    vc_set_bk(loop->inetd_fd, true);
     read_set_clear(&loop->set);
-    read_set_add(&loop->set, loop->inetd_fd);
+    if (!read_set_watch(&loop->set, loop->inetd_fd)) {
+        lose_closed_connection(loop);
+        return false;
+    }
     // Before the sessions: one whose process has just ended must not be waited
     // for.
     vc_check_child();
     relay_watch(&loop->set);
     watch_listeners(loop);
+    return true;
 }
 
 static void after_no_event(loop_state *loop, int result)
@@ -133,10 +155,7 @@ static bool handle_record(loop_state *loop)
         vc_deal_msg(loop->inetd_fd) >= 0) {
         return true;
     }
-    vc_debug_msg("(vc:%d):%s before close fd %d.\r\n", getpid(),
-                 "vc_service_start", loop->inetd_fd);
-    vc_tty_socket_set(-1);
-    abandon_connection(loop);
+    lose_connection(loop);
     return false;
 }
 
@@ -161,7 +180,9 @@ static void take_turn(loop_state *loop)
     if (!ensure_connected(loop)) {
         return;
     }
-    build_set(loop);
+    if (!build_set(loop)) {
+        return;
+    }
     // Services registered or opened again since the last turn.
     if (vc_open_listen(loop->inetd_fd) < 0) {
         abandon_connection(loop);

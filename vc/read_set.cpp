@@ -9,17 +9,19 @@
 // The kernel reads a set as an array of words of this size.
 static_assert(sizeof(fd_mask) == sizeof(unsigned long), "word of a set");
 
-void read_set_watch(read_set *set, int fd)
+bool read_set_watch(read_set *set, int fd)
 {
     const int saved_errno = errno;
 
     errno = 0;
     vc_set_bk(fd, true);
-    if (errno != EBADF) {
+    const bool is_open = errno != EBADF;
+    if (is_open) {
         read_set_add(set, fd);
     }
     // A time-out looks at what the calls before it have left.
     errno = saved_errno;
+    return is_open;
 }
 
 int read_set_wait(read_set *set, long seconds, long microseconds)

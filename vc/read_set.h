@@ -62,8 +62,9 @@ inline bool read_set_has(const read_set *set, int fd)
 
 // Switches fd to blocking mode and adds it. A number that is not open, as an
 // assignment that comes too late may name one, is left out: it would make every
-// wait fail at once and so stop all sessions. errno is kept.
-void read_set_watch(read_set *set, int fd);
+// wait fail at once and so stop all sessions. errno is kept. Returns whether
+// the number is open.
+bool read_set_watch(read_set *set, int fd);
 
 // Waits until one of the descriptors is readable; the set then holds those
 // that are. Returns what select() returns: how many they are, 0 or -1.

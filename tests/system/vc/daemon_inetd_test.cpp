@@ -282,6 +282,41 @@ TEST_F(SystemTest, a_line_for_a_closed_descriptor_does_not_stop_the_others)
     close(session.client);
 }
 
+// The descriptor of a line that does not exist is closed. Services would count
+// as announced to an inetd that never heard of them, were it not for the reset.
+TEST_F(SystemTest, a_record_that_closes_the_connection_itself_resets_everything)
+{
+    FakeInetd inetd;
+    const std::string name = path("/s");
+    Daemon daemon([&] {
+        must_register(relaying(AF_UNIX, 0, name.c_str(), 7));
+    });
+    InetdConnection connection = inetd.accept();
+    const Session session = log_in(&connection, [&] {
+        return connect_path(name);
+    });
+    ASSERT_GE(session.client, 0);
+    const std::string said = ": connect inetd vc_fd ";
+    tty_cmsg record = {};
+    record.vc_flag = 0x001;
+    record.ttyno = 1600;
+    record.sockfd = std::stoi(log().substr(log().find(said) + said.size()));
+    ASSERT_TRUE(connection.send(record));
+    InetdConnection next = inetd.accept();
+    const auto request = next.receive();
+    ASSERT_TRUE(request);
+    EXPECT_EQ(request->vc_flag, 0x080u);
+    EXPECT_TRUE(ended(session.client));
+    EXPECT_TRUE(logged("vc: recv fail ret "));
+    EXPECT_TRUE(logged(":vc_service_start before close fd "));
+    // And it serves again.
+    ASSERT_TRUE(next.permit(*request));
+    EXPECT_TRUE(eventually([&] {
+        return path_listens(name);
+    }));
+    close(session.client);
+}
+
 // The record says so itself; there is nothing to watch then.
 TEST_F(SystemTest, a_line_without_a_connection_runs_until_it_is_cleared)
 {
