@@ -1,7 +1,7 @@
 // The relay steps: the bytes are moved by the service's callbacks; here it is
 // only decided when they are called and what their result means.
 //
-// A step may tear its session down, and its callback may end others: after each
+// A step may tear its session down, and its callback may end any: after each
 // the slot is looked at again, and no record is held on to from line to line.
 #include "vc/relay.h"
 
@@ -11,17 +11,26 @@
 #include "vc/protocol.h"
 #include "vc/teardown.h"
 
+// Ends a session whose step has failed, unless the step has ended it itself.
+static void end_failed(int ttyno, vc_child *child)
+{
+    if (vc_child_at(ttyno) == child) {
+        vc_child_kill(child);
+    }
+}
+
 int vc_indata_proc(vc_child *child)
 {
     if (child == nullptr) {
         vc_debug_msg("vc: indata-proc, tel not found\r\n");
         return -1;
     }
-    const int result = child->reg.read_func(child->ttyno);
+    const int ttyno = child->ttyno;
+    const int result = child->reg.read_func(ttyno);
     if (result < 0) {
         vc_debug_msg("vc: indata-proc, tel read fail, err:%s.\r\n",
                      strerror(errno));
-        vc_child_kill(child);
+        end_failed(ttyno, child);
         return -1;
     }
     return result;
@@ -33,11 +42,12 @@ int vc_outdata_proc(vc_child *child)
         vc_debug_msg("vc: outdata-proc, tel not found\r\n");
         return -1;
     }
-    const int result = child->reg.write_func(child->ttyno);
+    const int ttyno = child->ttyno;
+    const int result = child->reg.write_func(ttyno);
     if (result < 0) {
         vc_debug_msg("vc: outdata-proc, tel write fail, err:%s.\r\n",
                      strerror(errno));
-        vc_child_kill(child);
+        end_failed(ttyno, child);
         return -1;
     }
     return result;
@@ -65,7 +75,6 @@ static bool relay(const relay_way *way, const char *name, vc_child *child,
     const int ttyno = child->ttyno;
     const int result = way->step(child);
 
-    // not covered: a step that fails has emptied the slot
     if (vc_child_at(ttyno) == nullptr || result < 0) {
         return false;
     }

@@ -106,10 +106,11 @@ typedef struct vc_list {
  *     exit_func               vc_debug_msg() only
  *     alloc_func, init_func,  all but vc_service_start() and
  *     kill_func               vc_msg_del_listen()
- *     read_func, write_func   all but vc_service_start(); a session must not
- *                             be ended by its own callback in another way than
- *                             by its result, as vc_msg_del_listen() would for
- *                             the port or path that it came in through
+ *     read_func, write_func   all but vc_service_start(); where
+ *                             vc_msg_del_listen() ends the callback's own
+ *                             session, kill_func has been called and the
+ *                             descriptors are closed when it returns, and the
+ *                             result of the callback is of no account
  */
 typedef struct vc_reg {
     int32_t socket_type;     /* 1 unix, 2 IPv4, 10 IPv6, 30 TIPC */
@@ -286,8 +287,8 @@ int vc_msg_stop_listen(const tty_cmsg *msg);
  * the sessions that came in there, when msg->pid is the caller's process id.
  * A port of 0 matches every service of the protocol that has none. The
  * services are announced again. The loop's thread only, as it walks the
- * sessions: that is, from read_func and write_func, and for other sessions than
- * their own.
+ * sessions: that is, from read_func and write_func. It may end the session
+ * whose callback that is.
  */
 void vc_msg_del_listen(const tty_cmsg *msg);
 

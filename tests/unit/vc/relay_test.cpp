@@ -6,6 +6,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "tests/unit/vc/vc_fixture.h"
 #include "vc/service.h"
 #include "vc/teardown.h"
@@ -300,6 +302,45 @@ static int use_services(int)
                    vc_msg_stop_listen(&order) == 0 && vc_service_del(2326) == 0
                ? 0
                : -1;
+}
+
+static int end_itself_and_fail(int)
+{
+    tty_cmsg record = {};
+
+    record.pid = getpid();
+    record.protocol = 6;
+    record.port = 2323;
+    vc_msg_del_listen(&record);
+    return -1;
+}
+
+static int end_itself(int ttyno)
+{
+    end_itself_and_fail(ttyno);
+    return 3;
+}
+
+// The record is gone when the callback returns, whatever it returns.
+TEST_F(RelayTest, a_callback_may_end_its_own_session)
+{
+    add(plain(AF_INET, 99, nullptr, 6));
+    for (int (*callback)(int) : {end_itself_and_fail, end_itself}) {
+        for (const bool in : {true, false}) {
+            vc_child *child = session(300);
+            (in ? child->reg.read_func : child->reg.write_func) = callback;
+            watch();
+            messages();
+            EXPECT_FALSE(relay_readable(
+                readable({in ? child->sockfd : child->master_fd}), 1));
+            EXPECT_EQ(vc_child_at(300), nullptr);
+            const auto texts = messages();
+            EXPECT_EQ(
+                std::count(texts.begin(), texts.end(), "vc: kill client 300\n"),
+                1);
+            EXPECT_EQ(sent().size(), 1u);
+        }
+    }
 }
 
 TEST_F(RelayTest, callbacks_may_register_and_control_services)
