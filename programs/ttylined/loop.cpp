@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstring>
 
 #include <sys/signalfd.h>
@@ -58,7 +59,11 @@ static void take_signal(server &srv, int signal_fd)
     if (read(signal_fd, &info, sizeof info) ==
         static_cast<ssize_t>(sizeof info)) {
         trace_note("signal " + std::to_string(info.ssi_signo));
-        srv.ending = true;
+        if (info.ssi_signo == SIGHUP) {
+            trace_reopen();
+        } else {
+            srv.ending = true;
+        }
     }
 }
 

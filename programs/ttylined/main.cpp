@@ -53,7 +53,7 @@ requests of programs on the lines: login, settings, hold and release.
   --no-admin       leave the requests of the line library to another
                    daemon
   --trace[=FILE]   one line per record and request, to standard output or
-                   FILE
+                   FILE, which becomes FILE.1 at 8 MiB; SIGHUP opens it anew
   --ready-fd N     write a line feed to descriptor N when listening
   --help           this text
   --version        the version
@@ -175,22 +175,19 @@ static void fill_standard_fds()
 
 // A process in the background that reads the terminal is stopped unless it
 // ignores SIGTTIN; then the read fails and standard input counts as ended.
+// SIGHUP is what rotates logs send, and must end nothing: all sessions would.
 static int open_signals()
 {
-    struct sigaction hangup = {};
-    sigset_t ends;
+    sigset_t heard;
 
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGTTIN, SIG_IGN);
-    sigemptyset(&ends);
-    sigaddset(&ends, SIGTERM);
-    sigaddset(&ends, SIGINT);
-    if (sigaction(SIGHUP, nullptr, &hangup) == 0 &&
-        hangup.sa_handler != SIG_IGN) {
-        sigaddset(&ends, SIGHUP);
+    sigemptyset(&heard);
+    for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+        sigaddset(&heard, number);
     }
-    sigprocmask(SIG_BLOCK, &ends, nullptr);
-    return signalfd(-1, &ends, SFD_NONBLOCK | SFD_CLOEXEC);
+    sigprocmask(SIG_BLOCK, &heard, nullptr);
+    return signalfd(-1, &heard, SFD_NONBLOCK | SFD_CLOEXEC);
 }
 
 static bool open_trace(const options &opts, operators &all, std::string &error)

@@ -6,9 +6,16 @@
 
 #include "programs/ttylined/text_out.h"
 
+// A plain file that would become larger is put aside as PATH.1.
+constexpr std::size_t TRACE_FILE_MAX = std::size_t{8} * 1024 * 1024;
+
 // To a file, which is made or appended to; false, and why, when it cannot be
 // opened.
 bool trace_open(const std::string &path, std::string &error);
+
+// To what the file's path leads to now, as after a rotation of logs. Without a
+// file nothing happens.
+void trace_reopen();
 
 // To an output that somebody else has, and flushes.
 void trace_to(text_out &out);

@@ -28,7 +28,7 @@ TEST_F(Ttylined, the_socket_and_its_directories_are_closed_to_others)
 
 TEST_F(Ttylined, signals_end_it_in_order)
 {
-    for (int signal : {SIGTERM, SIGINT, SIGHUP}) {
+    for (int signal : {SIGTERM, SIGINT}) {
         ASSERT_TRUE(run.start({{"--control", run.control_path()}, 0, true}));
         const unique_fd fd = client();
         ASSERT_TRUE(settled(fd));
@@ -38,6 +38,25 @@ TEST_F(Ttylined, signals_end_it_in_order)
         EXPECT_NE(access(run.socket_path().c_str(), F_OK), 0) << signal;
         EXPECT_NE(access(run.control_path().c_str(), F_OK), 0) << signal;
     }
+}
+
+// A rotation of logs that ended it would end every session.
+TEST_F(Ttylined, a_hangup_opens_the_trace_file_anew_and_ends_nothing)
+{
+    const std::string path = run.directory + "/trace";
+    start({"--trace=" + path});
+    const unique_fd fd = client();
+    ASSERT_TRUE(settled(fd));
+    ASSERT_EQ(rename(path.c_str(), (path + ".old").c_str()), 0);
+    ASSERT_EQ(kill(run.pid, SIGHUP), 0);
+    // The signal may come after the next request.
+    while (access(path.c_str(), F_OK) != 0) {
+        ASSERT_TRUE(settled(fd));
+    }
+    ASSERT_TRUE(settled(fd));
+    std::ifstream file(path);
+    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    EXPECT_NE(text.find("to client 1: permit"), std::string::npos) << text;
 }
 
 TEST_F(Ttylined, a_second_one_does_not_start)

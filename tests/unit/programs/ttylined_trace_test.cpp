@@ -105,3 +105,63 @@ TEST_F(Trace, counts_the_lines_that_nobody_read)
     close(ends[0]);
     close(ends[1]);
 }
+
+// With the stamp and the line feed 128 bytes each.
+static void trace_mib(int count)
+{
+    for (int i = 0; i < count * 8192; i++) {
+        trace_line(std::string(102, 'x'));
+    }
+}
+
+TEST_F(Trace, is_at_most_two_files_of_a_limited_size)
+{
+    const std::string path = directory + "/trace";
+
+    ASSERT_TRUE(trace_open(path, error)) << error;
+    trace_line("first");
+    trace_mib(8);
+    EXPECT_EQ(content().find("first"), std::string::npos);
+    trace_mib(9);
+    EXPECT_LE(std::filesystem::file_size(path), TRACE_FILE_MAX);
+    EXPECT_LE(std::filesystem::file_size(path + ".1"), TRACE_FILE_MAX);
+    EXPECT_GT(std::filesystem::file_size(path + ".1"), TRACE_FILE_MAX - 4096);
+    EXPECT_FALSE(std::filesystem::exists(path + ".2"));
+}
+
+TEST_F(Trace, counts_what_was_in_the_file_before)
+{
+    const std::string path = directory + "/trace";
+
+    std::ofstream(path) << "";
+    std::filesystem::resize_file(path, TRACE_FILE_MAX);
+    ASSERT_TRUE(trace_open(path, error)) << error;
+    trace_line("next");
+    EXPECT_EQ(std::filesystem::file_size(path + ".1"), TRACE_FILE_MAX);
+    EXPECT_EQ(std::filesystem::file_size(path), 30U);
+}
+
+TEST_F(Trace, is_emptied_where_it_cannot_be_put_aside)
+{
+    const std::string path = directory + "/trace";
+
+    std::filesystem::create_directories(path + ".1/full");
+    ASSERT_TRUE(trace_open(path, error)) << error;
+    trace_mib(9);
+    EXPECT_LE(std::filesystem::file_size(path), TRACE_FILE_MAX);
+}
+
+TEST_F(Trace, goes_on_in_the_old_file_when_the_path_leads_to_none)
+{
+    const std::string path = directory + "/trace";
+
+    ASSERT_TRUE(trace_open(path, error)) << error;
+    std::filesystem::rename(path, directory + "/old");
+    std::filesystem::create_symlink("/dev/null", path);
+    trace_reopen();
+    std::filesystem::remove(path);
+    std::filesystem::rename(directory + "/old", path);
+    EXPECT_NE(content().find("note " + path + ": "), std::string::npos);
+    trace_line("goes on");
+    EXPECT_NE(content().find("goes on"), std::string::npos);
+}
