@@ -158,10 +158,11 @@ is stored.
   --code  the other way round: the speed of the code N
 )"},
     {"ask", " [--json] PATH COMMAND [WORD...]", 2, MANY, ask_options, false,
-     run_ask, "have a login daemon do or tell something",
-     R"(Sends a command to the control socket of a login daemon, such as
-consoled --control PATH, and prints its rows. 'help' lists what it knows:
-status, sessions, services, kick, open, stop, port, tos, reload.
+     run_ask, "have a daemon do or tell something",
+     R"(Sends a command to the control socket of a daemon, such as consoled
+--control PATH or ttylined --control PATH, and prints its rows. 'help' lists
+what it knows, a login daemon status, sessions, services, kick, open, stop,
+port, tos, reload.
 
   --json  the answer as JSON
 )"},

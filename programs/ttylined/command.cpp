@@ -1,14 +1,16 @@
 // Commands of an operator: a table of names and functions. Each function gets
-// what follows the name and appends whole lines to the reply.
+// what follows the name and fills the answer. What ends sessions wants to hear
+// "--yes", and says before how many.
 #include "programs/ttylined/command.h"
 
 #include <algorithm>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
 #include "programs/shared/parse.h"
+#include "programs/ttylined/answer.h"
 #include "programs/ttylined/clock.h"
+#include "programs/ttylined/order.h"
 #include "programs/ttylined/record.h"
 
 constexpr int64_t MS_PER_SECOND = 1000;
@@ -16,23 +18,7 @@ constexpr int64_t MS_PER_SECOND = 1000;
 // The library tears down sessions on the order of a clear only here.
 constexpr line_range CLEARABLE = {258, 321};
 constexpr int PORT_MAX = 65535;
-
-static void add_line(std::string &reply, const char *format, ...)
-    __attribute__((format(printf, 2, 3)));
-
-static void add_line(std::string &reply, const char *format, ...)
-{
-    char text[640];
-    va_list arguments;
-
-    va_start(arguments, format);
-    // Started one line above; the analyser of clang 14 does not see it.
-    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
-    vsnprintf(text, sizeof text, format, arguments);
-    va_end(arguments);
-    reply += text;
-    reply += '\n';
-}
+static const char YES[] = "--yes";
 
 // Takes the first word off the text; empty when there is none.
 static std::string take_word(std::string &text)
@@ -44,6 +30,20 @@ static std::string take_word(std::string &text)
 
     text.erase(0, std::min(text.find_first_not_of(' ', end), text.size()));
     return word;
+}
+
+// Takes this word off the end of the text.
+static bool take_last_word(std::string &text, const std::string &word)
+{
+    const std::size_t end = text.find_last_not_of(' ') + 1;
+    const std::size_t start = end == 0 ? 0 : text.rfind(' ', end - 1) + 1;
+
+    if (text.substr(start, end - start) != word) {
+        return false;
+    }
+    text.erase(start);
+    text.erase(text.find_last_not_of(' ') + 1);
+    return true;
 }
 
 static bool take_number(std::string &text, int low, int high, int &value)
@@ -69,158 +69,149 @@ static std::string where_from(const tty_cmsg &record)
     return peer.empty() ? path_or_dash(record) : peer;
 }
 
-static void run_list(server &srv, std::string &, std::string &reply)
+static void run_list(server &srv, std::string &, answer &reply)
 {
-    add_line(reply, "%-5s %-8s %-6s %-10s %-11s %-8s %s", "line", "protocol",
-             "client", "client-pid", "session-pid", "state", "peer");
+    answer_table(reply, "lines",
+                 {{"line", 5, true},
+                  {"protocol", 8, true},
+                  {"client", 6, true},
+                  {"client-pid", 10, true},
+                  {"session-pid", 11, true},
+                  {"state", 8, false},
+                  {"peer", 0, false}});
     for (const pool_line &line : srv.lines.pool.lines) {
         if (line.state == line_state::unused) {
             continue;
         }
         const tty_cmsg &record = line.assignment;
-        add_line(reply, "%-5d %-8d %-6u %-10d %-11d %-8s %s", record.ttyno,
-                 record.protocol, line.client, record.pid, line.session_pid,
-                 state_name(line.state), where_from(record).c_str());
+        answer_row(reply,
+                   {std::to_string(record.ttyno),
+                    std::to_string(record.protocol),
+                    std::to_string(line.client), std::to_string(record.pid),
+                    std::to_string(line.session_pid), state_name(line.state),
+                    where_from(record)});
     }
+    answer_table_end(reply);
 }
 
-static void run_services(server &srv, std::string &, std::string &reply)
+static void run_services(server &srv, std::string &, answer &reply)
 {
-    add_line(reply, "%-6s %-10s %-8s %-6s %-6s %-9s %s", "client", "client-pid",
-             "protocol", "family", "port", "state", "path");
+    answer_table(reply, "services",
+                 {{"client", 6, true},
+                  {"client-pid", 10, true},
+                  {"protocol", 8, true},
+                  {"family", 6, true},
+                  {"port", 6, true},
+                  {"state", 9, false},
+                  {"path", 0, false}});
     for (const auto &[number, cli] : srv.daemons.clients) {
         for (const service &known : cli.services) {
             const tty_cmsg &record = known.request;
-            add_line(reply, "%-6u %-10d %-8d %-6d %-6d %-9s %s", number,
-                     record.pid, record.protocol, record.socktype, record.port,
-                     known.state, path_or_dash(record).c_str());
+            answer_row(reply,
+                       {std::to_string(number), std::to_string(record.pid),
+                        std::to_string(record.protocol),
+                        std::to_string(record.socktype),
+                        std::to_string(record.port), known.state,
+                        path_or_dash(record)});
         }
     }
+    answer_table_end(reply);
 }
 
-static void run_clear(server &srv, std::string &arguments, std::string &reply)
+static void run_clear(server &srv, std::string &arguments, answer &reply)
 {
     int ttyno = 0;
 
     if (!take_number(arguments, 0, TTY_LINES - 1, ttyno) ||
         !arguments.empty()) {
-        add_line(reply, "error: clear LINE, a line from 0 to %d",
-                 TTY_LINES - 1);
+        answer_error(reply, "clear LINE, a line from 0 to " +
+                                std::to_string(TTY_LINES - 1));
         return;
     }
     const pool_line *line = pool_find(srv.lines.pool, ttyno);
     if (line->state == line_state::unused) {
-        add_line(reply, "error: line %d is free", ttyno);
+        answer_error(reply, "line " + std::to_string(ttyno) + " is free");
         return;
     }
     const auto owner = srv.daemons.clients.find(line->client);
     if (owner == srv.daemons.clients.end()) {
-        add_line(reply, "error: the daemon of line %d is not connected", ttyno);
+        answer_error(reply, "the daemon of line " + std::to_string(ttyno) +
+                                " is not connected");
         return;
     }
     tty_cmsg record = {};
     record.vc_flag = VC_FLAG_CLIENT_CLEAR;
     record.ttyno = ttyno;
     client_send(owner->second, record);
-    add_line(reply, "ok: sent to client %u", owner->first);
+    order_note_sent(reply, owner->first);
     if (ttyno < CLEARABLE.low || ttyno > CLEARABLE.high) {
-        add_line(reply, "note: the daemon only honours lines %d to %d",
-                 CLEARABLE.low, CLEARABLE.high);
+        answer_note(reply, "note",
+                    "the daemon only honours lines " +
+                        std::to_string(CLEARABLE.low) + " to " +
+                        std::to_string(CLEARABLE.high));
     }
 }
 
-// Sends an order to every client with a service that fits, once each and with
-// the process id under which it announced the service.
-template <typename Fits>
-static void send_order(server &srv, tty_cmsg order, const char *state,
-                       Fits fits, std::string &reply)
-{
-    int sent = 0;
-
-    for (auto &[number, cli] : srv.daemons.clients) {
-        bool found = false;
-        for (service &known : cli.services) {
-            if (known.request.protocol == order.protocol &&
-                fits(known.request)) {
-                known.state = state;
-                order.pid = known.request.pid;
-                found = true;
-            }
-        }
-        if (found) {
-            client_send(cli, order);
-            add_line(reply, "ok: sent to client %u", number);
-            sent++;
-        }
-    }
-    if (sent == 0) {
-        add_line(reply, "error: no client announced such a service");
-    }
-}
-
-static void run_stop(server &srv, std::string &arguments, std::string &reply)
+static void run_stop(server &srv, std::string &arguments, answer &reply)
 {
     tty_cmsg order = {};
 
     order.vc_flag = VC_FLAG_STOP_LISTEN;
     if (!take_number(arguments, 0, POOL_PROTOCOLS - 1, order.protocol) ||
         !arguments.empty()) {
-        add_line(reply, "error: stop PROTOCOL, a protocol from 0 to 11");
+        answer_error(reply, "stop PROTOCOL, a protocol from 0 to 11");
         return;
     }
-    send_order(
-        srv, order, "stopped",
-        [](const tty_cmsg &) {
-            return true;
-        },
-        reply);
+    order_send(srv, order, "stopped", reply);
 }
 
-static bool is_path_service(const tty_cmsg &request)
+static void ask_for_yes(answer &reply, int sessions)
 {
-    return request.vc_flag == VC_FLAG_PATH_PERMIT;
+    answer_error(reply, "this ends " + std::to_string(sessions) +
+                            (sessions == 1 ? " session" : " sessions") +
+                            "; say it with --yes");
 }
 
-static void run_delete_port(server &srv, std::string &arguments,
-                            std::string &reply)
+// A daemon that loses a listener so is reset as a whole.
+static void delete_service(server &srv, const tty_cmsg &order, bool yes,
+                           answer &reply)
 {
+    if (!yes && order_has_client(srv, order)) {
+        ask_for_yes(reply, order_count_sessions(srv, &order));
+        return;
+    }
+    order_send(srv, order, "deleted", reply);
+}
+
+static void run_delete_port(server &srv, std::string &arguments, answer &reply)
+{
+    const bool yes = take_last_word(arguments, YES);
     tty_cmsg order = {};
 
     order.vc_flag = VC_FLAG_PORT_FAIL;
     if (!take_number(arguments, 0, POOL_PROTOCOLS - 1, order.protocol) ||
         !take_number(arguments, 0, PORT_MAX, order.port) ||
         !arguments.empty()) {
-        add_line(reply, "error: delete-port PROTOCOL PORT");
+        answer_error(reply, "delete-port PROTOCOL PORT --yes");
         return;
     }
-    send_order(
-        srv, order, "deleted",
-        [&](const tty_cmsg &request) {
-            return !is_path_service(request) && request.port == order.port;
-        },
-        reply);
+    delete_service(srv, order, yes, reply);
 }
 
-static void run_delete_path(server &srv, std::string &arguments,
-                            std::string &reply)
+static void run_delete_path(server &srv, std::string &arguments, answer &reply)
 {
+    const bool yes = take_last_word(arguments, YES);
     tty_cmsg order = {};
 
     order.vc_flag = VC_FLAG_PATH_FAIL;
     if (!take_number(arguments, 0, POOL_PROTOCOLS - 1, order.protocol) ||
         arguments.empty() || arguments.size() >= VC_PATH_SIZE) {
-        add_line(reply, "error: delete-path PROTOCOL PATH, a path of at most "
-                        "63 characters");
+        answer_error(reply, "delete-path PROTOCOL PATH --yes, a path of at "
+                            "most 63 characters");
         return;
     }
     std::memcpy(order.path, arguments.data(), arguments.size());
-    send_order(
-        srv, order, "deleted",
-        [&](const tty_cmsg &request) {
-            return is_path_service(request) &&
-                   strncmp(request.path, order.path, VC_PATH_SIZE) == 0;
-        },
-        reply);
+    delete_service(srv, order, yes, reply);
 }
 
 static std::string hold_text(const line_hold &hold)
@@ -249,25 +240,30 @@ static bool is_known(const line_facts &facts)
            facts.exec_timeout;
 }
 
-static void run_admin(server &srv, std::string &, std::string &reply)
+static void run_admin(server &srv, std::string &, answer &reply)
 {
-    add_line(reply, "hold: %s", hold_text(srv.lines.hold).c_str());
-    add_line(reply, "waiting: %zu", srv.lines.waiting.size());
-    add_line(reply, "%-5s %-5s %-10s %-15s %s", "line", "login", "speed",
-             "session-timeout", "exec-timeout");
+    answer_fact(reply, "hold", hold_text(srv.lines.hold));
+    answer_fact(reply, "waiting", srv.lines.waiting.size());
+    answer_table(reply, "lines",
+                 {{"line", 5, true},
+                  {"login", 5, false},
+                  {"speed", 10, true},
+                  {"session-timeout", 15, true},
+                  {"exec-timeout", 0, true}});
     for (int ttyno = 0; ttyno < TTY_LINES; ttyno++) {
         const line_facts &facts = pool_find(srv.lines.pool, ttyno)->facts;
         if (is_known(facts)) {
-            add_line(reply, "%-5d %-5s %-10s %-15s %s", ttyno,
-                     facts.logged_in ? "yes" : "no",
-                     number_or_dash(facts.speed).c_str(),
-                     number_or_dash(facts.session_timeout).c_str(),
-                     number_or_dash(facts.exec_timeout).c_str());
+            answer_row(reply,
+                       {std::to_string(ttyno), facts.logged_in ? "yes" : "no",
+                        number_or_dash(facts.speed),
+                        number_or_dash(facts.session_timeout),
+                        number_or_dash(facts.exec_timeout)});
         }
     }
+    answer_table_end(reply);
 }
 
-static void run_hold(server &srv, std::string &arguments, std::string &reply)
+static void run_hold(server &srv, std::string &arguments, answer &reply)
 {
     const std::string line = take_word(arguments);
     int except = TTY_LINES;
@@ -276,69 +272,78 @@ static void run_hold(server &srv, std::string &arguments, std::string &reply)
     if ((line != "none" && !parse_number(line, 0, TTY_LINES - 1, except)) ||
         !take_number(arguments, 0, TTY_HOLD_MAX, seconds) ||
         !arguments.empty()) {
-        add_line(reply,
-                 "error: hold LINE|none SECONDS, a line from 0 to %d and a "
-                 "time from 0 to %d",
-                 TTY_LINES - 1, TTY_HOLD_MAX);
+        answer_error(reply, "hold LINE|none SECONDS, a line from 0 to " +
+                                std::to_string(TTY_LINES - 1) +
+                                " and a time from 0 to " +
+                                std::to_string(TTY_HOLD_MAX));
         return;
     }
     hold_begin(srv.lines.hold, except, seconds);
-    add_line(reply, "ok: %s", hold_text(srv.lines.hold).c_str());
+    answer_note(reply, "ok", hold_text(srv.lines.hold));
 }
 
-static void run_release(server &srv, std::string &arguments, std::string &reply)
+static void run_release(server &srv, std::string &arguments, answer &reply)
 {
     if (!arguments.empty()) {
-        add_line(reply, "error: release takes no argument");
+        answer_error(reply, "release takes no argument");
     } else if (hold_end(srv.lines.hold)) {
-        add_line(reply, "ok: released");
+        answer_note(reply, "ok", "released");
     } else {
-        add_line(reply, "error: no line is held");
+        answer_error(reply, "no line is held");
     }
 }
 
-static void run_quit(server &srv, std::string &, std::string &reply)
+static void run_quit(server &srv, std::string &arguments, answer &reply)
 {
+    if (arguments != YES) {
+        ask_for_yes(reply, order_count_sessions(srv, nullptr));
+        return;
+    }
     srv.ending = true;
-    add_line(reply, "ok: ending");
+    answer_note(reply, "ok", "ending");
 }
 
-static void run_help(server &srv, std::string &arguments, std::string &reply);
+static void run_help(server &srv, std::string &arguments, answer &reply);
 
 constexpr struct {
     const char *name;
     const char *arguments;
-    void (*run)(server &, std::string &arguments, std::string &reply);
+    void (*run)(server &, std::string &arguments, answer &reply);
     const char *purpose;
 } commands[] = {
     {"list", "", run_list, "lines in use"},
     {"services", "", run_services, "listen requests"},
     {"clear", "LINE", run_clear, "end a session"},
     {"stop", "PROTOCOL", run_stop, "close the listeners"},
-    {"delete-port", "PROTOCOL PORT", run_delete_port,
-     "delete a listener, reset its daemon"},
-    {"delete-path", "PROTOCOL PATH", run_delete_path,
+    {"delete-port", "PROTOCOL PORT --yes", run_delete_port,
+     "delete a listener, reset its daemon: ends all its sessions"},
+    {"delete-path", "PROTOCOL PATH --yes", run_delete_path,
      "the same for a unix path"},
     {"admin", "", run_admin, "the hold, logins and settings of lines"},
     {"hold", "LINE|none SECONDS", run_hold,
      "assign no other line; 0: until released"},
     {"release", "", run_release, "end the hold"},
     {"help", "", run_help, "this text"},
-    {"quit", "", run_quit, "end ttylined"},
+    {"quit", "--yes", run_quit, "end ttylined, and with it all sessions"},
 };
 
-static void run_help(server &, std::string &, std::string &reply)
+static void run_help(server &, std::string &, answer &reply)
 {
+    char line[128];
+
+    answer_list(reply, "help");
     for (const auto &command : commands) {
         const std::string usage =
             std::string(command.name) + " " + command.arguments;
-        add_line(reply, "%-28s %s", usage.c_str(), command.purpose);
+        std::snprintf(line, sizeof line, "%-31s %s", usage.c_str(),
+                      command.purpose);
+        answer_row(reply, {line});
     }
+    answer_table_end(reply);
 }
 
-void command_run(server &srv, const std::string &line, std::string &reply)
+static void run_line(server &srv, std::string &arguments, answer &reply)
 {
-    std::string arguments = line;
     const std::string name = take_word(arguments);
 
     for (const auto &command : commands) {
@@ -348,9 +353,19 @@ void command_run(server &srv, const std::string &line, std::string &reply)
         }
     }
     if (!name.empty()) {
-        add_line(
-            reply, "error: unknown command \"%s\", try help",
-            escaped_text(name.data(), std::min<std::size_t>(name.size(), 40))
-                .c_str());
+        const std::size_t length = std::min<std::size_t>(name.size(), 40);
+        answer_error(reply, "unknown command \"" +
+                                escaped_text(name.data(), length) +
+                                "\", try help");
     }
+}
+
+std::string command_run(server &srv, const std::string &line)
+{
+    std::string arguments = line;
+    answer reply;
+
+    reply.json = take_last_word(arguments, "--json");
+    run_line(srv, arguments, reply);
+    return answer_end(reply);
 }

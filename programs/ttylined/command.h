@@ -5,5 +5,5 @@
 
 #include "programs/ttylined/server.h"
 
-// Runs one line and appends its answer, in whole lines, to the reply.
-void command_run(server &srv, const std::string &line, std::string &reply);
+// Runs one line; its whole answer, in JSON when the line ends with "--json".
+std::string command_run(server &srv, const std::string &line);

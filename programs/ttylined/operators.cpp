@@ -43,19 +43,6 @@ void operators_accept(operators &all)
     }
 }
 
-// The last line of an answer says how it went, as on every control socket of
-// the device: an error, or "ok".
-static const char *end_of(const std::string &reply)
-{
-    static const char ERROR[] = "error: ";
-    const std::size_t before = reply.size() < 2
-                                   ? std::string::npos
-                                   : reply.rfind('\n', reply.size() - 2);
-    const std::size_t last = before == std::string::npos ? 0 : before + 1;
-
-    return reply.compare(last, sizeof ERROR - 1, ERROR) == 0 ? "" : "ok\n";
-}
-
 static void run_commands(operator_peer &peer, server &srv)
 {
     std::string line;
@@ -69,10 +56,10 @@ static void run_commands(operator_peer &peer, server &srv)
             reply = "error: line too long\n";
             break;
         case text_result::line:
-            command_run(srv, line, reply);
+            reply = command_run(srv, line);
             break;
         }
-        text_out_add(*peer.out, reply + end_of(reply));
+        text_out_add(*peer.out, reply);
     }
 }
 

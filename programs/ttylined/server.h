@@ -5,6 +5,7 @@
 //     loop                    one wait, then everything that became ready
 //     operators               their connections
 //     command                 what they type
+//     order answer            what login daemons and they are told
 //     daemons                 login daemons: what they ask for
 //     admin                   requests of the line library
 //     assign                  which report gets a line and when; the hold

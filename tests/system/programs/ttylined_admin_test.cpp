@@ -62,7 +62,7 @@ TEST_F(TtylinedAdmin, another_daemons_socket_is_left_alone)
 
     start({"--no-admin"});
     EXPECT_TRUE(settled(client()));
-    EXPECT_EQ(ask("quit"), "ok: ending\n");
+    EXPECT_EQ(ask("quit --yes"), "ok: ending\n");
     EXPECT_EQ(run.exit_status(), 0);
     EXPECT_EQ(access(run.admin_path().c_str(), F_OK), 0);
 }

@@ -207,7 +207,10 @@ TEST_F(TtylinedCommand, delete_port_goes_to_the_daemon_of_the_port)
     ASSERT_TRUE(read_record(fd));
     ASSERT_TRUE(send_record(other, listen_request(24, 5)));
     ASSERT_TRUE(read_record(other));
-    EXPECT_EQ(ask("delete-port 5 23"), "ok: sent to client 1\n");
+    EXPECT_EQ(take_line(fd, 5, 7, 1), 258);
+    EXPECT_EQ(ask("delete-port 5 23"),
+              "error: this ends 1 session; say it with --yes\n");
+    EXPECT_EQ(ask("delete-port 5 23 --yes"), "ok: sent to client 1\n");
     const auto record = read_record(fd);
     ASSERT_TRUE(record);
     tty_cmsg expected = {};
@@ -227,7 +230,10 @@ TEST_F(TtylinedCommand, delete_path_goes_to_the_daemon_of_the_path)
     ASSERT_TRUE(read_record(fd));
     ASSERT_TRUE(send_record(other, path_request("/run/with", 7)));
     ASSERT_TRUE(read_record(other));
-    EXPECT_EQ(ask("delete-path 7 /run/with blank"), "ok: sent to client 1\n");
+    EXPECT_EQ(ask("delete-path 7 /run/with blank"),
+              "error: this ends 0 sessions; say it with --yes\n");
+    EXPECT_EQ(ask("delete-path 7 /run/with blank --yes"),
+              "ok: sent to client 1\n");
     const auto record = read_record(fd);
     ASSERT_TRUE(record);
     tty_cmsg expected = path_request("/run/with blank", 7);
@@ -360,7 +366,8 @@ TEST_F(TtylinedCommand, the_end_of_standard_input_is_no_end)
 
 TEST_F(TtylinedCommand, quit_ends_in_order)
 {
-    EXPECT_EQ(ask("quit"), "ok: ending\n");
+    EXPECT_TRUE(is_error(ask("quit")));
+    EXPECT_EQ(ask("quit --yes"), "ok: ending\n");
     EXPECT_EQ(run.exit_status(), 0);
     EXPECT_NE(access(run.socket_path().c_str(), F_OK), 0);
     EXPECT_NE(access(run.control_path().c_str(), F_OK), 0);
