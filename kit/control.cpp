@@ -16,8 +16,11 @@
 
 constexpr int BACKLOG = 16;
 constexpr size_t LINE_SIZE = 512;
+// From one step of a client to the next.
 constexpr int64_t PATIENCE_MS = 10000;
-constexpr int64_t NO_DESCRIPTOR_PAUSE_MS = 100;
+// What a client has for one question when another one wants its place.
+constexpr int64_t LEAST_MS = 1000;
+constexpr int64_t NO_PLACE_PAUSE_MS = 100;
 constexpr mode_t SOCKET_MODE = 0600;
 
 // The analyser takes the copy of a whole record for one onto itself.
@@ -25,6 +28,7 @@ constexpr mode_t SOCKET_MODE = 0600;
 struct control_client {
     int fd; // -1: none
     int64_t give_up_at;
+    int64_t since; // it came, or has taken its last answer
     char line[LINE_SIZE];
     size_t used;
     bool skipping; // inside a line that was too long
@@ -153,16 +157,27 @@ void kit_control_end(void)
         status.st_dev == g_control.device && status.st_ino == g_control.inode) {
         unlink(g_control.daemon->control);
     }
+    if (g_control.listener >= 0) {
+        close(g_control.listener);
+        g_control.listener = -1;
+    }
 }
 
-static control_client *free_place(void)
+// A free one, or that of the client who has had it longest; null when nobody
+// has had his time.
+static control_client *place_for_another(void)
 {
+    control_client *oldest = nullptr;
+
     for (control_client &client : g_control.clients) {
         if (client.fd < 0) {
             return &client;
         }
+        if (oldest == nullptr || client.since < oldest->since) {
+            oldest = &client;
+        }
     }
-    return nullptr;
+    return kit_now_ms() - oldest->since >= LEAST_MS ? oldest : nullptr;
 }
 
 static bool answering(const control_client *client)
@@ -190,7 +205,7 @@ size_t kit_control_watch(struct pollfd *watched, int64_t *next)
             sooner(next, client->give_up_at);
         }
     }
-    if (g_control.listener < 0 || free_place() == nullptr) {
+    if (g_control.listener < 0) {
         return count;
     }
     if (kit_now_ms() < g_control.accept_at) {
@@ -207,27 +222,33 @@ static void give_time(control_client *client)
     client->give_up_at = kit_now_ms() + PATIENCE_MS;
 }
 
-// Without a free descriptor a client stays in the queue, and ready.
-static void take_client(void)
-{
-    control_client *client = free_place();
-    const int fd = accept4(g_control.listener, nullptr, nullptr,
-                           SOCK_CLOEXEC | SOCK_NONBLOCK);
-
-    if (fd < 0) {
-        g_control.accept_at = kit_now_ms() + NO_DESCRIPTOR_PAUSE_MS;
-        return;
-    }
-    *client = {};
-    client->fd = fd;
-    give_time(client);
-}
-
 static void drop(control_client *client)
 {
     kit_report_free(&client->report);
     close(client->fd);
     client->fd = -1;
+}
+
+// Without a place or a descriptor a client stays in the queue, and ready.
+static void take_client(void)
+{
+    control_client *client = place_for_another();
+    const int fd = client == nullptr
+                       ? -1
+                       : accept4(g_control.listener, nullptr, nullptr,
+                                 SOCK_CLOEXEC | SOCK_NONBLOCK);
+
+    if (fd < 0) {
+        g_control.accept_at = kit_now_ms() + NO_PLACE_PAUSE_MS;
+        return;
+    }
+    if (client->fd >= 0) {
+        drop(client);
+    }
+    *client = {};
+    client->fd = fd;
+    client->since = kit_now_ms();
+    give_time(client);
 }
 
 // Returns false when the client has gone.
@@ -241,6 +262,10 @@ static bool send_answer(control_client *client)
             return errno == EAGAIN || errno == EINTR;
         }
         client->sent += static_cast<size_t>(sent);
+        give_time(client);
+    }
+    if (client->report.length > 0) {
+        client->since = kit_now_ms();
     }
     kit_report_free(&client->report);
     client->sent = 0;
@@ -296,7 +321,6 @@ static void obey(control_client *client)
 {
     obey_line(client);
     while (answering(client) && send_answer(client) && !answering(client)) {
-        give_time(client);
         obey_line(client);
     }
 }

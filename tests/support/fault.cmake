@@ -6,7 +6,8 @@ set(ttyline_fault_calls
     dup2 dup3 setsid prctl execvp waitpid kill select poll malloc calloc strdup
     setenv getsockname getpeername pthread_mutexattr_init
     pthread_mutexattr_settype pthread_mutex_init pthread_rwlockattr_init
-    pthread_rwlock_init pthread_sigmask sigfillset sigaction access usleep)
+    pthread_rwlock_init pthread_sigmask sigfillset sigaction access usleep
+    clock_gettime)
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
   # Calls with wide times and offsets go by names of their own, see fault.cpp.
   list(TRANSFORM ttyline_fault_calls
@@ -16,5 +17,6 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4)
   list(TRANSFORM ttyline_fault_calls
        REPLACE "^(fcntl|ioctl|prctl)$" "__\\1_time64")
   list(TRANSFORM ttyline_fault_calls REPLACE "^stat$" "__stat64_time64")
+  list(TRANSFORM ttyline_fault_calls REPLACE "^clock_gettime$" "__\\164")
 endif()
 list(TRANSFORM ttyline_fault_calls PREPEND -Wl,--wrap=)

@@ -19,6 +19,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <termios.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -45,6 +46,8 @@
 #define __wrap_prctl __wrap___prctl_time64
 #define __real_stat __real___stat64_time64
 #define __wrap_stat __wrap___stat64_time64
+#define __real_clock_gettime __real___clock_gettime64
+#define __wrap_clock_gettime __wrap___clock_gettime64
 #endif
 
 namespace fault
@@ -62,7 +65,7 @@ namespace fault
     X(getsockname) X(getpeername) X(pthread_mutexattr_init) \
     X(pthread_mutexattr_settype) X(pthread_mutex_init) \
     X(pthread_rwlockattr_init) X(pthread_rwlock_init) X(pthread_sigmask) \
-    X(sigfillset) X(sigaction) X(access) X(usleep)
+    X(sigfillset) X(sigaction) X(access) X(usleep) X(clock_gettime)
 // clang-format on
 
 #define FAULT_ID(name) call_##name,
@@ -485,6 +488,8 @@ FAULT_WRAP(int, sigaction,
 FAULT_WRAP(int, access, (const char *path, int mode), (path, mode),
            about_path(path))
 FAULT_WRAP(int, usleep, (useconds_t microseconds), (microseconds), {})
+FAULT_WRAP(int, clock_gettime, (clockid_t clock, struct timespec *now),
+           (clock, now), about_what(clock))
 
 FAULT_WRAP_ERROR(ptsname_r, (int fd, char *buf, size_t len), (fd, buf, len),
                  about_fd(fd))
