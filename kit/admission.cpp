@@ -8,15 +8,18 @@
 #include <sys/un.h>
 
 #include "kit/audit.h"
+#include "kit/paths.h"
 #include "kit/text.h"
 
-// IPv6 hands out networks, not addresses: one customer is 64 bits.
+// IPv6 hands out networks, not addresses: one customer is 64 bits. But all
+// link-local addresses of a link, and of every other link, are in one.
 constexpr size_t IPV6_NETWORK_BYTES = 8;
 constexpr size_t REASON_SIZE = 128;
 // Of what a refused client has said already.
 constexpr int MOST_READS = 16;
 // An address in words of the log, each byte escaped at worst.
 constexpr size_t WORD_SIZE = 3 * KIT_PEER_SIZE;
+static const char YOU_MAY_NOT[] = "you may not use this service";
 
 static void describe_unix(kit_entry *entry, int connection,
                           const struct sockaddr_un *local)
@@ -55,7 +58,12 @@ static void describe_inet6(kit_entry *entry, const struct sockaddr_in6 *peer)
     inet_ntop(AF_INET6, &peer->sin6_addr, entry->peer, sizeof entry->peer);
     (void)snprintf(entry->address, sizeof entry->address, "[%s]:%d",
                    entry->peer, ntohs(peer->sin6_port));
-    memcpy(entry->key.bytes, &peer->sin6_addr, IPV6_NETWORK_BYTES);
+    if (IN6_IS_ADDR_LINKLOCAL(&peer->sin6_addr)) {
+        memcpy(entry->key.bytes, &peer->sin6_addr, sizeof peer->sin6_addr);
+        entry->key.link = peer->sin6_scope_id;
+    } else {
+        memcpy(entry->key.bytes, &peer->sin6_addr, IPV6_NETWORK_BYTES);
+    }
 }
 
 void kit_admission_describe(kit_entry *entry, int connection)
@@ -115,7 +123,7 @@ static const char *broken_rule(const kit_entry *entry, const kit_rules *rules)
     }
     if (rules->by_identity && entry->family == AF_UNIX &&
         !known(entry, rules)) {
-        return "you may not use this service";
+        return YOU_MAY_NOT;
     }
     if (rules->most_sessions != 0 &&
         counts.of_service >= rules->most_sessions) {
@@ -131,8 +139,10 @@ bool kit_admission_decide(const kit_entry *entry, char *reason, size_t size)
 {
     const kit_service *service = entry->session.service;
 
+    const bool permitted = kit_paths_admit(entry);
     kit_lock();
-    const char *rule = broken_rule(entry, entry->node->rules);
+    const char *rule =
+        permitted ? broken_rule(entry, entry->node->rules) : YOU_MAY_NOT;
     kit_unlock();
     if (rule != nullptr) {
         (void)snprintf(reason, size, "%s", rule);

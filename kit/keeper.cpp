@@ -28,8 +28,10 @@
 #include "kit/keeping.h"
 #include "kit/program.h"
 
-// How often the end of input is typed again for a program that was not there
-// yet, or that threw it away by a change of modes.
+// The end of input is typed again for a program that was not there yet, or that
+// threw it away by a change of modes: after this time, and each time after
+// twice as long. What is printed within this time of it may be nothing but its
+// echo.
 constexpr int64_t END_AGAIN_MS = 100;
 constexpr int64_t QUIET_LOOK_MS = 100;
 
@@ -275,7 +277,7 @@ static int time_to_wait(const keeper *k)
         sooner(&timeout, k->still_since + limit - now);
     }
     if (k->relay.peer_ended && !k->program_ended) {
-        sooner(&timeout, k->end_typed + END_AGAIN_MS - now);
+        sooner(&timeout, k->end_again - now);
     }
     if (k->relay.terminal_quiet && !k->program_ended) {
         sooner(&timeout, QUIET_LOOK_MS);
@@ -289,10 +291,27 @@ static void pass_on_end_of_input(keeper *k)
 {
     const int64_t now = kit_now_ms();
 
-    if (k->relay.peer_ended && !k->program_ended &&
-        now - k->end_typed >= END_AGAIN_MS) {
-        kit_relay_type_end(&k->relay);
+    if (!k->relay.peer_ended || k->program_ended || now < k->end_again) {
+        return;
+    }
+    if (kit_relay_type_end(&k->relay)) {
+        k->end_pause = k->end_typed != 0 ? 2 * k->end_pause : END_AGAIN_MS;
         k->end_typed = now;
+        k->end_again = now + k->end_pause;
+    } else {
+        k->end_again = now + END_AGAIN_MS;
+    }
+}
+
+// A program that only echoes what is typed for its peer stands still.
+static void note_movement(keeper *k)
+{
+    const int64_t now = kit_now_ms();
+    const bool echo = k->end_typed != 0 && !k->program_ended &&
+                      now - k->end_typed < END_AGAIN_MS;
+
+    if (k->relay.moved && !echo) {
+        k->still_since = now;
     }
 }
 
@@ -321,9 +340,7 @@ static void turn(keeper *k)
     if (k->program_ended) {
         kit_relay_finish_terminal(&k->relay);
     }
-    if (k->relay.moved) {
-        k->still_since = kit_now_ms();
-    }
+    note_movement(k);
     pass_on_end_of_input(k);
 }
 

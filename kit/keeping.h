@@ -20,6 +20,8 @@ struct keeper {
     char reason[BELL_TEXT_SIZE]; // told to the user
     int64_t still_since;
     int64_t end_typed; // when, 0: not yet
+    int64_t end_again; // when next
+    int64_t end_pause; // from one time to the next
 };
 
 // A limit of a service, which may have left it to the kit.

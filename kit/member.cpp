@@ -30,8 +30,8 @@ int kit_descriptor(const kit_session *session)
 int kit_send(const kit_session *session, const void *data, size_t length)
 {
     (void)session;
-    if (length > CHANNEL_MOST) {
-        return kit_fail("a message has at most %zu bytes", CHANNEL_MOST);
+    if (length == 0 || length > CHANNEL_MOST) {
+        return kit_fail("a message has 1 to %zu bytes", CHANNEL_MOST);
     }
     if (!kit_channel_put(g_channel, CHANNEL_DATA, data, length, true)) {
         return kit_fail("the daemon cannot be told: %s", strerror(errno));

@@ -17,6 +17,7 @@
 #include "kit/bell.h"
 #include "kit/clock.h"
 #include "kit/keeper.h"
+#include "kit/keeping.h"
 #include "kit/text.h"
 #include "kit/warden.h"
 
@@ -26,6 +27,10 @@ constexpr size_t REASON_SIZE = 128;
 // asked of another machine, or of a lock that a thread held when the keeper was
 // forked.
 constexpr int64_t START_LIMIT_MS = 10000;
+// From the hang-up to the end: the program has its time, what it left in its
+// session has it too, and then the line is cleaned.
+constexpr int64_t CLEANING_MS = 5000;
+constexpr int64_t HANGUPS = 3;
 // Above the standard streams, whatever of them the daemon has closed.
 constexpr int LOWEST_NUMBER = 3;
 // Then the other sessions have their turn.
@@ -107,7 +112,7 @@ static int on_alloc(int ttyno, int inetd_fd, int sockfd, int master_fd)
     }
     entry->deadline_ms = kit_now_ms() + START_LIMIT_MS;
     kit_table_put(entry);
-    kit_warden_starting(entry->deadline_ms);
+    kit_warden_deadline(entry->deadline_ms);
     return 0;
 }
 
@@ -142,7 +147,7 @@ static void on_running(kit_entry *entry, int keeper_pid)
     entry->session.keeper_pid = keeper_pid;
     entry->deadline_ms = deadline;
     kit_unlock();
-    kit_warden_starting(deadline);
+    kit_warden_deadline(deadline);
     kit_close(&entry->connection);
     kit_close(&entry->master);
     kit_close(&entry->keeper_bell);
@@ -166,6 +171,19 @@ static void on_program(kit_entry *entry, const bell_message *message)
     }
 }
 
+static void on_ending(kit_entry *entry)
+{
+    const uint32_t hangup =
+        kit_keeping_limit(entry->session.service->hangup_ms, KIT_HANGUP_MS);
+    const int64_t deadline = kit_now_ms() + HANGUPS * hangup + CLEANING_MS;
+
+    kit_lock();
+    entry->deadline_ms = 0;
+    entry->end_by_ms = deadline;
+    kit_unlock();
+    kit_warden_deadline(deadline);
+}
+
 static void take_message(kit_entry *entry, const bell_message *message)
 {
     switch (message->kind) {
@@ -180,6 +198,9 @@ static void take_message(kit_entry *entry, const bell_message *message)
         break;
     case BELL_PROGRAM:
         on_program(entry, message);
+        break;
+    case BELL_ENDING:
+        on_ending(entry);
         break;
     case BELL_ENDED:
         entry->status = message->number;

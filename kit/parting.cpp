@@ -152,6 +152,7 @@ void kit_keeping_finish(keeper *k)
 {
     tell_reason(k);
     finish_connection(k);
+    kit_bell_say(k->bell, BELL_ENDING, 0, "");
     finish_program(k);
     if (kit_line_end(k->entry->session.line, k->entry->id, CLEAN_PATIENCE_MS) ==
         0) {

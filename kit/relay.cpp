@@ -368,7 +368,7 @@ void kit_relay_finish_terminal(kit_relay *relay)
 }
 
 // What stands on an unfinished line is handed over by the first of two.
-void kit_relay_type_end(kit_relay *relay)
+bool kit_relay_type_end(kit_relay *relay)
 {
     struct termios modes;
     char typed[2];
@@ -376,13 +376,14 @@ void kit_relay_type_end(kit_relay *relay)
     if (kit_buffer_pending(&relay->to_terminal) > 0 ||
         kit_buffer_pending(&relay->from_peer) > 0 ||
         tcgetattr(relay->master, &modes) != 0) {
-        return;
+        return false;
     }
     memset(typed, modes.c_cc[VEOF], sizeof typed);
     const ssize_t ignored =
         write(relay->master, typed, relay->last_was_newline ? 1 : 2);
     static_cast<void>(ignored);
     relay->last_was_newline = true;
+    return true;
 }
 
 void kit_relay_say(kit_relay *relay, const char *text)

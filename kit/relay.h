@@ -48,7 +48,8 @@ void kit_relay_move(kit_relay *relay, const struct pollfd *connection,
 void kit_relay_finish_terminal(kit_relay *relay);
 
 // Types the terminal's end-of-file character, for a peer that sends no more.
-void kit_relay_type_end(kit_relay *relay);
+// False while something else is still to be typed.
+bool kit_relay_type_end(kit_relay *relay);
 
 // Appends text for the peer, as far as there is room, and sends what it takes.
 void kit_relay_say(kit_relay *relay, const char *text);

@@ -16,8 +16,10 @@
 
 #include "kit/audit.h"
 #include "kit/bell.h"
+#include "kit/clock.h"
 #include "kit/error.h"
 #include "kit/moments.h"
+#include "kit/paths.h"
 #include "kit/program.h"
 #include "kit/service.h"
 #include "kit/table.h"
@@ -28,6 +30,9 @@ constexpr uint32_t HIGHEST_PROTOCOL = 11;
 constexpr mode_t USUAL_PATH_MODE = 0600;
 // No more than the session service looks at; two a session.
 constexpr rlim_t WANTED_DESCRIPTORS = 16384;
+// A keeper that does not begin to end its session by then hangs, or somebody
+// has stopped it.
+constexpr int64_t ANSWER_LIMIT_MS = 3000;
 
 static bool g_running; // guarded by the lock
 
@@ -87,22 +92,26 @@ static int register_family(const kit_node *node, int family)
                : kit_fail("port %d cannot be registered", node->service->port);
 }
 
+// All of it or nothing. Of what has been registered, its IPv4 port, it is the
+// only service: one on the same port of the other family would not have been
+// taken beside it.
 static int register_node(const kit_node *node)
 {
-    const uint32_t families = node->service->families;
-    int result = 0;
+    const uint32_t families = kit_families(node->service);
 
     if (node->service->path != nullptr) {
-        result = register_family(node, AF_UNIX);
-    } else {
-        if (families == 0 || (families & KIT_IPV4) != 0) {
-            result = register_family(node, AF_INET);
-        }
-        if (result == 0 && (families == 0 || (families & KIT_IPV6) != 0)) {
-            result = register_family(node, AF_INET6);
-        }
+        return register_family(node, AF_UNIX);
     }
-    return result;
+    if ((families & KIT_IPV4) != 0 && register_family(node, AF_INET) != 0) {
+        return -1;
+    }
+    if ((families & KIT_IPV6) != 0 && register_family(node, AF_INET6) != 0) {
+        if ((families & KIT_IPV4) != 0) {
+            vc_service_del(node->service->port);
+        }
+        return -1;
+    }
+    return 0;
 }
 
 static kit_node *make_node(const kit_service *service)
@@ -125,6 +134,22 @@ static kit_node *make_node(const kit_service *service)
     return node;
 }
 
+// Not freed after a failure: for a moment the loop could have met it.
+static int offer_now(kit_node *node)
+{
+    kit_paths_watch(node->service);
+    if (register_node(node) != 0) {
+        kit_lock();
+        kit_node_remove(node);
+        kit_unlock();
+        return -1;
+    }
+    // The loop would announce it at its next turn, within a minute: this wakes
+    // it.
+    vc_deal_service_listen(true, static_cast<int>(node->service->protocol));
+    return 0;
+}
+
 int kit_offer(const kit_service *service)
 {
     if (check_service(service) != 0) {
@@ -135,18 +160,16 @@ int kit_offer(const kit_service *service)
         return -1;
     }
     kit_lock();
-    kit_node_add(node);
+    const bool added = kit_node_add(node);
     const bool running = g_running;
     node->registered = running;
     kit_unlock();
-    if (!running) {
-        return 0;
+    if (!added) {
+        kit_rules_free(node->rules);
+        free(node);
+        return kit_fail("a service is offered there already");
     }
-    const int result = register_node(node);
-    // The loop would announce it at its next turn, within a minute: this wakes
-    // it.
-    vc_deal_service_listen(true, static_cast<int>(service->protocol));
-    return result;
+    return running ? offer_now(node) : 0;
 }
 
 int kit_admit(const kit_service *service, const kit_admission *admission)
@@ -231,16 +254,6 @@ static bool fill_standard_streams(void)
     return fd >= 0;
 }
 
-// What an earlier run left: the path is known to be nobody's, as the lines'
-// daemon permits it to one only.
-static mode_t mask_for(const kit_daemon *daemon)
-{
-    const mode_t mode =
-        daemon->path_mode != 0 ? daemon->path_mode : USUAL_PATH_MODE;
-
-    return 0777 & ~mode;
-}
-
 int kit_run(const kit_daemon *daemon)
 {
     if (daemon->size != sizeof *daemon) {
@@ -259,7 +272,8 @@ int kit_run(const kit_daemon *daemon)
     kit_audit_open(daemon->name != nullptr ? daemon->name
                                            : program_invocation_short_name);
     raise_descriptor_limit();
-    umask(mask_for(daemon));
+    kit_paths_begin(daemon->path_mode != 0 ? daemon->path_mode
+                                           : USUAL_PATH_MODE);
     // Registered first: an operator who asks at once finds the services there.
     if (register_all() != 0 || kit_warden_start(daemon) != 0) {
         return -1;
@@ -277,9 +291,9 @@ int kit_post(int32_t line, const void *data, size_t length)
         errno = ESRCH;
         return kit_fail("there is no session on line %d", line);
     }
-    if (length > CHANNEL_MOST) {
+    if (length == 0 || length > CHANNEL_MOST) {
         errno = EMSGSIZE;
-        return kit_fail("a message has at most %zu bytes", CHANNEL_MOST);
+        return kit_fail("a message has 1 to %zu bytes", CHANNEL_MOST);
     }
     return kit_channel_put(entry->channel, CHANNEL_DATA, data, length, false)
                ? 0
@@ -295,15 +309,21 @@ void kit_each_session(void (*visit)(const kit_session *session, void *argument),
     }
 }
 
+// Once: a keeper that is asked again has no more time for it.
 int kit_end(int32_t line, const char *reason)
 {
-    bool said = false;
+    const int64_t deadline = kit_now_ms() + ANSWER_LIMIT_MS;
 
     kit_lock();
-    const kit_entry *entry = kit_entry_at(line);
+    kit_entry *entry = kit_entry_at(line);
     if (entry != nullptr) {
-        said = kit_bell_say(entry->bell, BELL_END, 0, reason);
+        kit_bell_say(entry->bell, BELL_END, 0, reason);
+        entry->end_by_ms = entry->end_by_ms != 0 ? entry->end_by_ms : deadline;
     }
     kit_unlock();
-    return said ? 0 : kit_fail("there is no session on line %d", line);
+    if (entry == nullptr) {
+        return kit_fail("there is no session on line %d", line);
+    }
+    kit_warden_deadline(deadline);
+    return 0;
 }

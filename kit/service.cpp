@@ -24,14 +24,57 @@ kit_node *kit_first_node(void)
     return g_nodes;
 }
 
-void kit_node_add(kit_node *node)
+// One that was taken out still knows who came behind it.
+const kit_node *kit_node_after(const kit_node *node)
+{
+    kit_lock();
+    const kit_node *next = node != nullptr ? node->next : g_nodes;
+    kit_unlock();
+    return next;
+}
+
+uint32_t kit_families(const kit_service *service)
+{
+    return service->families != 0 ? service->families : KIT_IPV4 | KIT_IPV6;
+}
+
+static bool same_place(const kit_node *one, const kit_node *other)
+{
+    const char *path = one->service->path;
+    const char *other_path = other->service->path;
+
+    if (path != nullptr || other_path != nullptr) {
+        return path != nullptr && other_path != nullptr &&
+               strcmp(path, other_path) == 0;
+    }
+    return one->port == other->port &&
+           (kit_families(one->service) & kit_families(other->service)) != 0;
+}
+
+bool kit_node_add(kit_node *node)
 {
     kit_node **end = &g_nodes;
 
     while (*end != nullptr) {
+        if (same_place(*end, node)) {
+            return false;
+        }
         end = &(*end)->next;
     }
     *end = node;
+    return true;
+}
+
+void kit_node_remove(const kit_node *node)
+{
+    kit_node **link = &g_nodes;
+
+    while (*link != nullptr && *link != node) {
+        link = &(*link)->next;
+    }
+    if (*link != nullptr) {
+        *link = node->next;
+    }
 }
 
 kit_node *kit_node_of(const kit_service *service)
@@ -47,9 +90,8 @@ kit_node *kit_node_of(const kit_service *service)
 static kit_node *node_at_port(unsigned int family, int port)
 {
     for (kit_node *node = g_nodes; node != nullptr; node = node->next) {
-        const uint32_t families = node->service->families;
         if (node->service->path == nullptr && node->port == port &&
-            (families == 0 || (families & family) != 0)) {
+            (kit_families(node->service) & family) != 0) {
             return node;
         }
     }

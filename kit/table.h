@@ -17,10 +17,12 @@ constexpr size_t KIT_MOST_GROUPS = 64;
 struct kit_peer_key {
     uint8_t kind; // family of the peer
     uint8_t bytes[16];
+    uint32_t link; // of a link-local address
 };
 
-// One session. The loop's thread alone changes it, with the lock held while it
-// is in the table: the loop reads without, other threads with the lock.
+// One session. The loop's thread alone changes it, but for end_by_ms, with the
+// lock held while it is in the table: the loop reads without, other threads
+// with the lock.
 struct kit_entry {
     kit_session session; // what callbacks see; its pointers lead below
     kit_node *node;
@@ -48,6 +50,8 @@ struct kit_entry {
 
     int64_t deadline_ms; // until when the keeper must speak; 0 once its program
                          // runs
+    int64_t end_by_ms;   // until when it must have begun to end the session,
+                         // then, to have ended it; 0: nobody wants it to
     int status;          // of the program, -1 while it is not known
     bool cleaned;        // the keeper has cleaned the line
 };

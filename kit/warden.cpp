@@ -14,6 +14,7 @@
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <ttyline/vc.h>
@@ -22,33 +23,13 @@
 #include "kit/clock.h"
 #include "kit/control.h"
 #include "kit/error.h"
-#include "kit/line.h"
-#include "kit/sweep.h"
+#include "kit/leftover.h"
+#include "kit/paths.h"
 
-// From the end of a killed keeper, which hung its program up, to the end by
-// force of what did not care.
-constexpr int64_t SWEEP_AFTER_MS = 5000;
-// How often a line that another program locks is tried again, and for how long.
-constexpr int64_t LOCKED_PAUSE_MS = 1000;
-constexpr int MOST_TRIES = 60;
 // How long sessions have to end when the daemon does, and how long keepers have
 // to clean up when their programs were ended by force.
 constexpr int64_t FAREWELL_MS = 2000;
 constexpr int64_t FORCED_MS = 1000;
-
-// One session that somebody killed. With the lock held.
-// The analyser takes the copy of a whole record for one onto itself.
-// NOLINTNEXTLINE(clang-analyzer-alpha.unix.cstring.BufferOverlap)
-struct leftover {
-    bool used;
-    char id[KIT_ID_SIZE];
-    pid_t program;
-    int64_t clean_at; // 0: done
-    int64_t sweep_at; // 0: done
-    int tries;
-};
-static leftover g_leftovers[TTY_LINES]; // a slot per line
-static int g_leftover_count;
 
 static int g_wake = -1;
 static int g_signals = -1;
@@ -66,10 +47,10 @@ static void wake(void)
 
 // The thread is woken only by the first of a burst: it looks for the others
 // itself.
-void kit_warden_starting(int64_t deadline_ms)
+void kit_warden_deadline(int64_t deadline_ms)
 {
     kit_lock();
-    const bool first = g_next_deadline == 0;
+    const bool first = g_next_deadline == 0 || deadline_ms < g_next_deadline;
     if (first) {
         g_next_deadline = deadline_ms;
     }
@@ -81,16 +62,7 @@ void kit_warden_starting(int64_t deadline_ms)
 
 void kit_warden_clean(const kit_entry *entry)
 {
-    kit_lock();
-    leftover *left = &g_leftovers[entry->session.line];
-    g_leftover_count += left->used ? 0 : 1;
-    left->used = true;
-    memcpy(left->id, entry->id, sizeof left->id);
-    left->program = entry->session.pid;
-    left->clean_at = kit_now_ms();
-    left->sweep_at = kit_now_ms() + SWEEP_AFTER_MS;
-    left->tries = 0;
-    kit_unlock();
+    kit_leftover_add(entry);
     wake();
 }
 
@@ -104,8 +76,33 @@ void kit_warden_session_over(void)
     }
 }
 
-// A keeper that does not speak hangs where only a kill ends it. The service
-// kills it when the bell says that it has gone.
+// A keeper that hangs, or that somebody has stopped, is ended by nothing but a
+// kill. Its number is its own for as long as its bell has no end: a process
+// that is held and then seen to have one is the keeper. With the lock held.
+static void kill_keeper(const kit_entry *entry)
+{
+    const int keeper =
+        static_cast<int>(syscall(SYS_pidfd_open, entry->session.keeper_pid, 0));
+    char byte;
+
+    if (keeper >= 0) {
+        if (recv(entry->bell, &byte, 1, MSG_PEEK | MSG_DONTWAIT) != 0) {
+            syscall(SYS_pidfd_send_signal, keeper, SIGKILL, nullptr, 0);
+        }
+        close(keeper);
+    }
+}
+
+// For one that has not even said who it is the bell's end is made: the service
+// kills it then.
+static void end_keeper(const kit_entry *entry)
+{
+    if (entry->session.keeper_pid > 0) {
+        kill_keeper(entry);
+    }
+    shutdown(entry->bell, SHUT_RDWR);
+}
+
 static int64_t end_mute_keepers(int64_t now)
 {
     int64_t next = 0;
@@ -114,13 +111,12 @@ static int64_t end_mute_keepers(int64_t now)
     for (int line = kit_table_next(0); line < TTY_LINES;
          line = kit_table_next(line + 1)) {
         const kit_entry *entry = kit_entry_at(line);
-        if (entry->deadline_ms == 0) {
-            continue;
-        }
-        if (entry->deadline_ms <= now) {
-            shutdown(entry->bell, SHUT_RDWR);
-        } else if (next == 0 || entry->deadline_ms < next) {
-            next = entry->deadline_ms;
+        const int64_t deadline =
+            kit_earlier(entry->deadline_ms, entry->end_by_ms);
+        if (deadline != 0 && deadline <= now) {
+            end_keeper(entry);
+        } else {
+            next = kit_earlier(next, deadline);
         }
     }
     g_next_deadline = next;
@@ -128,90 +124,19 @@ static int64_t end_mute_keepers(int64_t now)
     return next;
 }
 
-static void clean_line(int line, leftover *left, int64_t now)
-{
-    if (left->clean_at == 0 || left->clean_at > now) {
-        return;
-    }
-    // Without waiting: the lock is held only for this one line's moment.
-    const bool done = kit_line_end(line, left->id, 0) == 0;
-    left->clean_at =
-        done || ++left->tries == MOST_TRIES ? 0 : now + LOCKED_PAUSE_MS;
-}
-
-static void sweep_session(leftover *left, int64_t now)
-{
-    if (left->sweep_at != 0 && left->sweep_at <= now) {
-        // It was hung up long ago: no further time.
-        kit_sweep(left->program, 0);
-        left->sweep_at = 0;
-    }
-}
-
-// Works on a copy: neither a file nor a look at all processes holds the loop
-// up. A new session on the line meanwhile has a new entry only when it was
-// killed in turn, and then this one is forgotten.
-static int64_t tidy_line(int line, int64_t now)
-{
-    kit_lock();
-    leftover left = g_leftovers[line];
-    kit_unlock();
-    if (!left.used) {
-        return 0;
-    }
-    clean_line(line, &left, now);
-    sweep_session(&left, now);
-    left.used = left.clean_at != 0 || left.sweep_at != 0;
-    kit_lock();
-    if (memcmp(g_leftovers[line].id, left.id, sizeof left.id) == 0) {
-        g_leftovers[line] = left;
-        g_leftover_count -= left.used ? 0 : 1;
-    }
-    kit_unlock();
-    if (!left.used) {
-        return 0;
-    }
-    if (left.clean_at == 0 ||
-        (left.sweep_at != 0 && left.sweep_at < left.clean_at)) {
-        return left.sweep_at;
-    }
-    return left.clean_at;
-}
-
-static int64_t earlier(int64_t one, int64_t other)
-{
-    if (one == 0 || other == 0) {
-        return one + other;
-    }
-    return one < other ? one : other;
-}
-
-static int64_t tidy_up(int64_t now)
-{
-    int64_t next = 0;
-
-    kit_lock();
-    const bool any = g_leftover_count > 0;
-    kit_unlock();
-    for (int line = 0; any && line < TTY_LINES; line++) {
-        next = earlier(next, tidy_line(line, now));
-    }
-    return next;
-}
-
+// Without the lock, as the service's own comes before it elsewhere.
 static void stop_listening(void)
 {
-    for (const kit_node *node = kit_first_node(); node != nullptr;
-         node = node->next) {
-        vc_deal_service_listen(false,
-                               static_cast<int>(node->service->protocol));
+    for (int protocol = 0; protocol <= VC_PROTOCOL_MAX; protocol++) {
+        vc_deal_service_listen(false, protocol);
     }
 }
 
 static void unlink_paths(void)
 {
-    for (const kit_node *node = kit_first_node(); node != nullptr;
-         node = node->next) {
+    const kit_node *node = nullptr;
+
+    while ((node = kit_node_after(node)) != nullptr) {
         if (node->service->path != nullptr) {
             unlink(node->service->path);
         }
@@ -279,6 +204,7 @@ static void end_when_over(int64_t now)
         force_programs(now);
         return;
     }
+    kit_leftover_end(now);
     unlink_paths();
     kit_control_end();
     kit_audit("daemon-end");
@@ -295,15 +221,16 @@ static int time_until(int64_t when, int64_t now)
 
 static void turn(void)
 {
-    enum { WAKE, SIGNALS, CONTROL };
+    enum { WAKE, SIGNALS, PATHS, CONTROL };
     struct pollfd watched[CONTROL + KIT_CONTROL_DESCRIPTORS] = {};
     uint64_t count;
     int64_t now = kit_now_ms();
 
-    int64_t next = earlier(end_mute_keepers(now), tidy_up(now));
-    next = earlier(next, g_farewell);
+    int64_t next = kit_earlier(end_mute_keepers(now), kit_leftover_tidy(now));
+    next = kit_earlier(next, g_farewell);
     watched[WAKE] = {g_wake, POLLIN, 0};
     watched[SIGNALS] = {g_signals, POLLIN, 0};
+    watched[PATHS] = {kit_paths_descriptor(), POLLIN, 0};
     const size_t used = kit_control_watch(&watched[CONTROL], &next);
     poll(watched, CONTROL + used, time_until(next, now));
     if ((watched[WAKE].revents & POLLIN) != 0) {
@@ -312,6 +239,9 @@ static void turn(void)
     }
     if (watched[SIGNALS].revents != 0) {
         take_signal();
+    }
+    if (watched[PATHS].revents != 0) {
+        kit_paths_mend();
     }
     kit_control_serve(&watched[CONTROL], used);
     end_when_over(kit_now_ms());

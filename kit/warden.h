@@ -11,8 +11,8 @@
 // calling thread too: it takes SIGTERM as the order to end the daemon.
 int kit_warden_start(const kit_daemon *daemon);
 
-// From the loop's thread: a session's keeper must have got on by then.
-void kit_warden_starting(int64_t deadline_ms);
+// A session's keeper must have got on by then, as its entry says. Any thread.
+void kit_warden_deadline(int64_t deadline_ms);
 
 // A session whose keeper was killed: its line is to be cleaned, and what still
 // runs of it to be ended.

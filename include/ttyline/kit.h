@@ -111,7 +111,8 @@ typedef struct kit_admission {
     const char *const *users;
     const char *const *groups;
     /* Most sessions at a time; 0: no limit. One peer is an IPv4 address, an
-       IPv6 network of 64 bits, or the user of a unix path's peer. */
+       IPv6 network of 64 bits, a link-local IPv6 address, or the user of a
+       unix path's peer. */
     uint32_t most_sessions;
     uint32_t most_per_peer;
 } kit_admission;
@@ -207,7 +208,8 @@ typedef struct kit_service {
 
 /*
  * Offers a service: before kit_run(), or later from any thread but the loop's.
- * The line-allocation daemon permits it, which may take a moment.
+ * The line-allocation daemon permits it, which may take a moment. What could
+ * not be offered may be offered again.
  *
  * service  must stay valid and unchanged while the process runs
  *
@@ -228,7 +230,8 @@ typedef struct kit_daemon {
     const char *name;    /* in the system log; null: the program's own */
     const char *version; /* what "status" tells; may be null */
     const char *control; /* path of the control socket; null: none */
-    uint32_t path_mode;  /* permissions of unix paths; 0: 0600 */
+    uint32_t path_mode;  /* permissions of unix paths; 0: 0600. Whom they keep
+                            out is refused, whatever the path has */
     /* "reload" on the control socket; 0, or another result with the reason
        written. On the thread of the control socket, which it holds up. */
     int (*reload)(char *reason, size_t size, void *context);
@@ -274,7 +277,7 @@ void printk_syslog_ext(int level, const char *module, const char *tag, int kind,
 /*
  * In the session's function: what lines share goes through the daemon.
  *
- * kit_send     gives a message of at most 4096 bytes to the received callback
+ * kit_send     gives a message of 1 to 4096 bytes to the received callback
  *              of the daemon; waits while many are under way
  * kit_receive  takes the next message that kit_post() sent to this session;
  *              waits for it. Returns its length, 0 when the session is over,
@@ -294,7 +297,7 @@ int kit_descriptor(const kit_session *session);
 int kit_login(const kit_session *session, const char *user, int success);
 
 /*
- * In the daemon's callbacks: sends a message of at most 4096 bytes to the
+ * In the daemon's callbacks: sends a message of 1 to 4096 bytes to the
  * function of the session on this line. -1 when there is none, or when it has
  * not taken what it was sent before (errno EAGAIN): nothing here waits for a
  * session.
@@ -309,8 +312,10 @@ void kit_each_session(void (*visit)(const kit_session *session, void *argument),
                       void *argument);
 
 /*
- * Ends a session: its user is told the reason, its terminal hung up. -1 when
- * there is none on this line. Any thread; does not wait for the end.
+ * Ends a session: its user is told the reason, its terminal hung up. A keeper
+ * that does not begin with it within three seconds, as one that was stopped, is
+ * killed. -1 when there is none on this line. Any thread; does not wait for the
+ * end.
  */
 int kit_end(int32_t line, const char *reason);
 

@@ -3,6 +3,7 @@
 #include <grp.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -238,6 +239,47 @@ TEST_F(KitAdmission, unix_path_is_the_daemons_users_unless_it_says_more)
     struct stat status = {};
     ASSERT_EQ(stat(console().c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0600u);
+}
+
+static mode_t mode_of(const std::string &name)
+{
+    struct stat status = {};
+
+    return stat(name.c_str(), &status) == 0 ? status.st_mode & 0777 : 0;
+}
+
+// As each tty_setenv() of the daemon's own leaves it.
+TEST_F(KitAdmission, unix_path_has_its_mode_whatever_the_creation_mask)
+{
+    record.path_mode = 0600;
+    record.reload = [](char *, size_t, void *) {
+        umask(0);
+        return 0;
+    };
+    start({&on_path});
+    EXPECT_EQ(ask("reload"), "ok\n");
+    EXPECT_EQ(ask("stop 7"), "ok\n");
+    ASSERT_EQ(unlink(console().c_str()), 0);
+    EXPECT_EQ(ask("open 7"), "ok\n");
+    EXPECT_TRUE(eventually([&] {
+        return mode_of(console()) == 0600;
+    })) << mode_of(console());
+}
+
+// He may have connected before the path got its mode.
+TEST_F(KitAdmission, peer_whom_the_paths_mode_keeps_out_is_refused)
+{
+    if (getuid() != 0) {
+        GTEST_SKIP() << "only root becomes somebody else";
+    }
+    ASSERT_EQ(chmod(root_.c_str(), 0711), 0);
+    record.path_mode = 0660;
+    start({&on_path});
+    ASSERT_EQ(chmod(console().c_str(), 0666), 0);
+    EXPECT_EQ(told_as(4711, 4711, {}),
+              "ttyline: you may not use this service\r\n");
+    EXPECT_EQ(mode_of(console()), 0660u);
+    EXPECT_EQ(told_as(4711, 4711, {getgid()}), "welcome\r\n");
 }
 
 static const char *no_peers[] = {nullptr};

@@ -156,6 +156,20 @@ TEST_F(KitEnd, half_closed_session_that_stands_still_is_given_up)
     close(client);
 }
 
+// What it prints is only the echo of what the keeper types for its peer.
+TEST_F(KitEnd, half_closed_session_that_only_echoes_its_end_stands_still)
+{
+    run("stty raw -echo; echo up; exec cat");
+    service.half_close_ms = 600;
+    const int client = begin();
+    EXPECT_EQ(read_until(client, "up\n"), "up\n");
+    shutdown(client, SHUT_WR);
+    const std::string text = all_of(client);
+    EXPECT_EQ(text.find("(still open)"), std::string::npos);
+    EXPECT_NE(text.find('\4'), std::string::npos);
+    close(client);
+}
+
 TEST_F(KitEnd, half_closed_session_goes_on_while_it_prints)
 {
     run("for i in 1 2 3 4 5 6 7 8; do echo $i; sleep 0.2; done; echo over");

@@ -500,6 +500,6 @@ TEST_F(KitSession, message_that_is_too_long_is_refused)
     };
     start({&service});
     const int client = client_of(service);
-    EXPECT_EQ(all_of(client), "-1 a message has at most 4096 bytes\r\n");
+    EXPECT_EQ(all_of(client), "-1 a message has 1 to 4096 bytes\r\n");
     close(client);
 }

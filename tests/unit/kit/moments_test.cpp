@@ -156,6 +156,18 @@ TEST_F(KitMoments, nothing_is_posted_to_a_session_that_has_no_function_any_more)
     end();
 }
 
+// It would be taken for the end.
+TEST_F(KitMoments, message_without_a_byte_is_refused)
+{
+    ASSERT_EQ(alloc(), 0);
+    EXPECT_EQ(kit_post(LINE, "", 0), -1);
+    EXPECT_EQ(errno, EMSGSIZE);
+    EXPECT_STREQ(kit_error(), "a message has 1 to 4096 bytes");
+    EXPECT_EQ(kit_send(&kit_entry_at(LINE)->session, "", 0), -1);
+    EXPECT_STREQ(kit_error(), "a message has 1 to 4096 bytes");
+    end();
+}
+
 // What it asks of the machine before that may have no answer.
 TEST_F(KitMoments, keeper_has_a_limit_until_its_program_runs)
 {

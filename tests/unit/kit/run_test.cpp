@@ -10,6 +10,7 @@
 
 #include "kit/audit.h"
 #include "kit/moments.h"
+#include "kit/paths.h"
 #include "tests/support/fault.h"
 #include "tests/support/fault_row.h"
 #include "tests/support/runtime.h"
@@ -55,6 +56,7 @@ class KitRun : public support::runtime_test
         // Kept for the life of the process.
         ASSERT_TRUE(kit_moments_prepare());
         kit_audit_open("test");
+        kit_paths_begin(0600);
         runtime_test::SetUp();
         control = path("/control");
         daemon.size = sizeof daemon;
@@ -100,6 +102,43 @@ TEST_F(KitRun, control_socket_that_cannot_be_had_is_said)
     fault::fail("socket", 1, EMFILE);
     EXPECT_EQ(kit_run(&daemon), -1);
     EXPECT_STREQ(kit_error(), "no socket: Too many open files");
+}
+
+// What the session service does not know is not offered, and may be later.
+TEST_F(KitRun, service_that_cannot_be_registered_is_not_listed)
+{
+    fault_row("kit_offer", "calloc", "ENOMEM", "-1",
+              "vc: malloc fail, srv == NULL\n", "the service is not listed");
+    ASSERT_EQ(kit_offer(&FIRST), 0);
+    daemon.control = "";
+    ASSERT_EQ(kit_run(&daemon), -1);
+    fault::fail("calloc", 2, ENOMEM);
+    EXPECT_EQ(kit_offer(&SECOND), -1);
+    EXPECT_STREQ(kit_error(), "path /nowhere/second cannot be registered");
+    EXPECT_EQ(kit_admit(&SECOND, nullptr), -1);
+    EXPECT_EQ(kit_admit(&FIRST, nullptr), 0);
+    EXPECT_EQ(kit_offer(&SECOND), 0) << kit_error();
+    EXPECT_EQ(kit_admit(&SECOND, nullptr), 0);
+    // Nor does a second offer take the first one away.
+    EXPECT_EQ(kit_offer(&FIRST), -1);
+    EXPECT_EQ(kit_admit(&FIRST, nullptr), 0);
+}
+
+// Both families or none: what was registered of it is taken back.
+TEST_F(KitRun, service_of_which_one_family_cannot_be_registered_is_not_offered)
+{
+    fault_row("kit_offer", "calloc", "ENOMEM", "-1",
+              "vc: malloc fail, srv == NULL\n", "the service is not listed");
+    static kit_service port;
+    port = service_of(nullptr);
+    port.protocol = 6;
+    port.port = 4000;
+    ASSERT_EQ(kit_offer(&FIRST), 0);
+    daemon.control = "";
+    ASSERT_EQ(kit_run(&daemon), -1);
+    fault::fail("calloc", 3, ENOMEM);
+    EXPECT_EQ(kit_offer(&port), -1);
+    EXPECT_EQ(kit_offer(&port), 0) << kit_error();
 }
 
 TEST_F(KitRun, file_of_somebodys_is_no_control_socket)

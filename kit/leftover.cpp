@@ -1,0 +1,125 @@
+// What a killed keeper leaves behind: its line, which says whose it was, and
+// what still runs of its session.
+#include "kit/leftover.h"
+
+#include <string.h>
+
+#include "kit/clock.h"
+#include "kit/line.h"
+#include "kit/sweep.h"
+
+// From the end of a killed keeper, which hung its program up, to the end by
+// force of what did not care.
+constexpr int64_t SWEEP_AFTER_MS = 5000;
+// How often a line that another program locks is tried again, and for how long.
+constexpr int64_t LOCKED_PAUSE_MS = 1000;
+constexpr int MOST_TRIES = 60;
+
+// One session that somebody killed. With the lock held.
+// The analyser takes the copy of a whole record for one onto itself.
+// NOLINTNEXTLINE(clang-analyzer-alpha.unix.cstring.BufferOverlap)
+struct leftover {
+    bool used;
+    char id[KIT_ID_SIZE];
+    pid_t program;
+    int64_t clean_at; // 0: done
+    int64_t sweep_at; // 0: done
+    int tries;
+};
+static leftover g_leftovers[TTY_LINES]; // a slot per line
+static int g_leftover_count;
+
+void kit_leftover_add(const kit_entry *entry)
+{
+    kit_lock();
+    leftover *left = &g_leftovers[entry->session.line];
+    g_leftover_count += left->used ? 0 : 1;
+    left->used = true;
+    memcpy(left->id, entry->id, sizeof left->id);
+    left->program = entry->session.pid;
+    left->clean_at = kit_now_ms();
+    left->sweep_at = kit_now_ms() + SWEEP_AFTER_MS;
+    left->tries = 0;
+    kit_unlock();
+}
+
+static void clean_line(int line, leftover *left, int64_t now)
+{
+    if (left->clean_at == 0 || left->clean_at > now) {
+        return;
+    }
+    // Without waiting: the lock is held only for this one line's moment.
+    const bool done = kit_line_end(line, left->id, 0) == 0;
+    left->clean_at =
+        done || ++left->tries == MOST_TRIES ? 0 : now + LOCKED_PAUSE_MS;
+}
+
+static void sweep_session(leftover *left, int64_t now)
+{
+    if (left->sweep_at != 0 && left->sweep_at <= now) {
+        // It was hung up long ago: no further time.
+        kit_sweep(left->program, 0);
+        left->sweep_at = 0;
+    }
+}
+
+// Works on a copy: neither a file nor a look at all processes holds the loop
+// up. A new session on the line meanwhile has a new entry only when it was
+// killed in turn, and then this one is forgotten.
+static int64_t tidy_line(int line, int64_t now)
+{
+    kit_lock();
+    leftover left = g_leftovers[line];
+    kit_unlock();
+    if (!left.used) {
+        return 0;
+    }
+    clean_line(line, &left, now);
+    sweep_session(&left, now);
+    left.used = left.clean_at != 0 || left.sweep_at != 0;
+    kit_lock();
+    if (memcmp(g_leftovers[line].id, left.id, sizeof left.id) == 0) {
+        g_leftovers[line] = left;
+        g_leftover_count -= left.used ? 0 : 1;
+    }
+    kit_unlock();
+    if (!left.used) {
+        return 0;
+    }
+    if (left.clean_at == 0 ||
+        (left.sweep_at != 0 && left.sweep_at < left.clean_at)) {
+        return left.sweep_at;
+    }
+    return left.clean_at;
+}
+
+int64_t kit_leftover_tidy(int64_t now)
+{
+    int64_t next = 0;
+
+    kit_lock();
+    const bool any = g_leftover_count > 0;
+    kit_unlock();
+    for (int line = 0; any && line < TTY_LINES; line++) {
+        next = kit_earlier(next, tidy_line(line, now));
+    }
+    return next;
+}
+
+// What keepers that were killed, or that will be with the daemon, have left.
+void kit_leftover_end(int64_t now)
+{
+    kit_leftover_tidy(now);
+    for (int line = 0; line < TTY_LINES; line++) {
+        char id[KIT_ID_SIZE] = "";
+        kit_lock();
+        const kit_entry *entry = kit_entry_at(line);
+        if (entry != nullptr) {
+            memcpy(id, entry->id, sizeof id);
+        }
+        kit_unlock();
+        if (id[0] != '\0') {
+            kit_line_end(line, id, 0);
+        }
+    }
+}
