@@ -11,5 +11,6 @@ const struct passwd *kit_identity_user(const kit_service *service);
 const char *kit_identity_term(const kit_service *service);
 
 // Stores it, with the program's process, after everything that another session
-// has left was cleaned away. Returns -1 with the reason for kit_error().
+// has left was cleaned away. Returns -1 with errno and the reason for
+// kit_error().
 int kit_identity_store(const kit_entry *entry, pid_t program);

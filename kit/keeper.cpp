@@ -27,6 +27,7 @@
 #include "kit/identity.h"
 #include "kit/keeping.h"
 #include "kit/program.h"
+#include "kit/text.h"
 
 // The end of input is typed again for a program that was not there yet, or that
 // threw it away by a change of modes: after this time, and each time after
@@ -127,10 +128,24 @@ static int start_program(keeper *k, const char *device)
     return go[1];
 }
 
+// Whoever is to free a full disk, or mend a broken one, has to come in first.
+static bool go_without_identity(const kit_entry *entry, int error)
+{
+    char reason[3 * BELL_TEXT_SIZE];
+
+    if (error != ENOSPC && error != EDQUOT && error != EROFS && error != EIO) {
+        return false;
+    }
+    kit_audit("no-identity line=%d id=%s reason=%s", entry->session.line,
+              entry->id, kit_word(reason, sizeof reason, kit_error()));
+    return true;
+}
+
 // What nobody lets go ends by itself.
 static void let_program_go(keeper *k, int go)
 {
-    if (kit_identity_store(k->entry, k->program) != 0) {
+    if (kit_identity_store(k->entry, k->program) != 0 &&
+        !go_without_identity(k->entry, errno)) {
         (void)snprintf(k->reason, sizeof k->reason, "no session: %s",
                        kit_error());
         k->dismissed = true;

@@ -222,37 +222,66 @@ static bool compose(rewrite *job)
     return true;
 }
 
-static bool write_result(const rewrite *job)
+static bool write_result(const rewrite *job, int fd)
 {
-    const int fd = create_plain(job->files.temporary, O_WRONLY | O_TRUNC);
     size_t written = 0;
 
-    if (fd < 0) {
-        return false;
-    }
     while (written < job->used) {
         const ssize_t count =
             write(fd, job->result + written, job->used - written);
         if (count < 0 && errno != EINTR) {
-            break;
+            return false;
         }
         written += count > 0 ? static_cast<size_t>(count) : 0;
     }
+    return true;
+}
+
+static bool write_temporary(const rewrite *job)
+{
+    const int fd = create_plain(job->files.temporary, O_WRONLY | O_TRUNC);
+
+    if (fd < 0) {
+        return false;
+    }
+    const bool written = write_result(job, fd);
     const int error = errno;
     close(fd);
     errno = error;
-    return written == job->used;
+    return written;
+}
+
+// On a full disk a file can be changed that does not grow beyond its last
+// block. One that has to is emptied: a line says nothing rather than that it is
+// somebody's who has gone.
+static bool overwrite(const rewrite *job)
+{
+    const int fd = open_plain(job->files.info, O_WRONLY);
+
+    if (fd < 0) {
+        return false;
+    }
+    const bool written = write_result(job, fd);
+    const int error = errno;
+    const bool cut =
+        ftruncate(fd, written ? static_cast<off_t>(job->used) : 0) == 0;
+    close(fd);
+    errno = error;
+    return written && cut;
 }
 
 // Never moves a copy into place that is not whole.
 static bool replace_file(const rewrite *job)
 {
-    if (write_result(job) &&
+    if (write_temporary(job) &&
         rename(job->files.temporary, job->files.info) == 0) {
         return true;
     }
     const int error = errno;
     unlink(job->files.temporary);
+    if (error == ENOSPC && overwrite(job)) {
+        return true;
+    }
     errno = error;
     return false;
 }
@@ -290,8 +319,10 @@ static int rewrite_locked(rewrite *job, int line)
     } else {
         result = 0;
     }
+    const int error = errno;
     free(job->content);
     free(job->result);
+    errno = error;
     return result;
 }
 
@@ -312,12 +343,14 @@ static int rewrite_line(rewrite *job, int line, int patience_ms)
         kit_fail("line %d is locked by another program", line);
     } else {
         result = rewrite_locked(job, line);
-        tty_unflock(fd);
     }
+    const int error = errno;
     if (fd >= 0) {
+        tty_unflock(fd);
         close(fd);
     }
     tty_lib_unlock();
+    errno = error;
     return result;
 }
 

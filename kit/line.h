@@ -13,7 +13,8 @@ struct kit_pair {
 // Replaces what is stored of a line, under its lock, in one step. Settings of
 // the line itself stay, and its TTYDEV; all else goes, and the pairs come.
 // Waits at most so long for the lock of another program. Returns 0, or -1 with
-// the reason for kit_error(), the line unchanged.
+// errno and the reason for kit_error(); the line is then unchanged, or empty
+// when the disk is full.
 int kit_line_begin(int line, const kit_pair *pairs, size_t count,
                    int patience_ms);
 

@@ -42,15 +42,18 @@ static pid_t session_of(const char *process)
 }
 
 // Sends a signal to every process of the session, 0 for none; whether there
-// was any.
+// was any. Without /proc the process group of its leader is all that is known.
 static bool signal_all(pid_t session, int number)
 {
     DIR *processes = opendir("/proc");
     const struct dirent *entry;
     bool any = false;
 
-    if (processes == nullptr) {
-        return false;
+    if (processes == nullptr || access("/proc/self", F_OK) != 0) {
+        if (processes != nullptr) {
+            closedir(processes);
+        }
+        return kill(-session, number) == 0;
     }
     while ((entry = readdir(processes)) != nullptr) {
         if (entry->d_name[0] < '1' || entry->d_name[0] > '9' ||

@@ -152,14 +152,16 @@ bool FakeInetd::nobody_connects(int for_ms)
     return !readable(fd_, for_ms);
 }
 
-constexpr int FIRST_LINE = 258;
-constexpr int LAST_LINE = 1148;
+// All that network sessions can have.
+constexpr int LINES[][2] = {{258, 1148}, {1421, 1585}};
 constexpr int LOOK_MS = 50;
 
 AnsweringInetd::AnsweringInetd()
 {
-    for (int line = FIRST_LINE; line <= LAST_LINE; line++) {
-        free_lines_.insert(line);
+    for (const auto &range : LINES) {
+        for (int line = range[0]; line <= range[1]; line++) {
+            free_lines_.insert(line);
+        }
     }
 }
 

@@ -69,7 +69,7 @@ class FakeInetd
 };
 
 // An inetd that answers as it should, on a thread of its own: permits what is
-// asked for, gives the lines 258 to 1148, and takes them back.
+// asked for, gives the lines that network sessions have, and takes them back.
 class AnsweringInetd
 {
   public:

@@ -129,23 +129,58 @@ TEST_F(KitLineFile, lock_of_another_program_is_given_up_in_time)
     close(held[1]);
 }
 
-TEST_F(KitLineFile, full_disk_leaves_the_line_as_it_was)
+TEST_F(KitLineFile, broken_disk_leaves_the_line_as_it_was)
 {
-    fault_row("kit_line_begin", "write", "ENOSPC, EIO", "-1", "",
+    fault_row("kit_line_begin", "write", "EIO", "-1", "",
               "the line as it was, no temporary file");
     fault_row("kit_line_begin", "write", "short", "0", "",
               "nothing: the rest is written");
     put("LOGNAME=before\r\n");
-    for (const int error : {ENOSPC, EIO}) {
-        fault::fail("write", 1, error, 1, fault::only_path(".tmp"));
-        EXPECT_EQ(begin(), -1);
-        EXPECT_EQ(content(), "LOGNAME=before\r\n");
-        EXPECT_FALSE(support::exists(path("/mng/tty/.tty_info_300.tmp")));
-        fault::reset();
-    }
+    fault::fail("write", 1, EIO, 1, fault::only_path(".tmp"));
+    EXPECT_EQ(begin(), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(content(), "LOGNAME=before\r\n");
+    EXPECT_FALSE(support::exists(path("/mng/tty/.tty_info_300.tmp")));
+    fault::reset();
     fault::shorten("write", 1, 3, 1, fault::only_path(".tmp"));
     EXPECT_EQ(begin(), 0);
     EXPECT_EQ(content(), "LOGNAME=alice\r\nSESSIONID=0123456789abcdef\r\n");
+}
+
+// What it has already is still its own.
+TEST_F(KitLineFile, on_a_full_disk_the_file_itself_is_written)
+{
+    fault_row("kit_line_begin", "write", "ENOSPC", "0", "",
+              "the new content, written in place");
+    put("LOGNAME=before\r\nPEERNAME=" + std::string(100, 'p') + "\r\n");
+    fault::fail("write", 1, ENOSPC, 1, fault::only_path(".tmp"));
+    EXPECT_EQ(begin(), 0);
+    EXPECT_EQ(content(), "LOGNAME=alice\r\nSESSIONID=0123456789abcdef\r\n");
+    EXPECT_FALSE(support::exists(path("/mng/tty/.tty_info_300.tmp")));
+}
+
+TEST_F(KitLineFile, file_that_would_have_to_grow_on_a_full_disk_is_emptied)
+{
+    fault_row("kit_line_begin", "write", "ENOSPC", "-1", "",
+              "an empty file, when it cannot be written in place either");
+    fault_row("kit_line_begin", "ftruncate", "EIO", "-1", "",
+              "the new content before the rest of the old one");
+    put("LOGNAME=before\r\n");
+    fault::fail("write", 1, ENOSPC, 2);
+    EXPECT_EQ(begin(), -1);
+    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_EQ(content(), "");
+    fault::reset();
+    fault::fail("write", 1, ENOSPC, 1, fault::only_path(".tmp"));
+    fault::fail("ftruncate", 1, EIO);
+    EXPECT_EQ(begin(), -1);
+    EXPECT_EQ(errno, ENOSPC);
+    fault::reset();
+    // One that is not there stays so.
+    ASSERT_EQ(unlink(path("/mng/tty/.tty_info_300").c_str()), 0);
+    fault::fail("write", 1, ENOSPC);
+    EXPECT_EQ(begin(), -1);
+    EXPECT_EQ(errno, ENOSPC);
 }
 
 TEST_F(KitLineFile, file_that_cannot_be_read_or_renamed_stays)
