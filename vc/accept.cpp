@@ -231,12 +231,27 @@ static bool connection_waits(int listen_fd)
     return poll(&listener, 1, 0) > 0;
 }
 
+// The loop's thread only.
+static bool g_starved;
+
+bool vc_accept_starved(void)
+{
+    return g_starved;
+}
+
+static bool starves(int error)
+{
+    return error == EMFILE || error == ENFILE || error == ENOBUFS ||
+           error == ENOMEM;
+}
+
 int vc_accept(int inetd_fd, vc_srv *srv)
 {
     struct sockaddr_un address = {};
     socklen_t length = sizeof address;
     tty_cmsg msg = {};
 
+    g_starved = false;
     if (!connection_waits(srv->listen_fd)) {
         return -1;
     }
@@ -248,6 +263,7 @@ int vc_accept(int inetd_fd, vc_srv *srv)
                 &length, SOCK_CLOEXEC);
     if (fd < 0) {
         const int error = errno;
+        g_starved = starves(error);
         vc_debug_msg("vc: accept fail, errno=%d, %s\n", error, strerror(error));
         return -1;
     }

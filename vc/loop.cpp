@@ -2,7 +2,9 @@
 // one new connection, and the data of the sessions.
 #include <errno.h>
 #include <pthread.h>
+#include <stdint.h>
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "vc/accept.h"
@@ -18,11 +20,17 @@
 constexpr useconds_t RETRY_PAUSE_US = 100000;
 constexpr long IDLE_WAIT_S = 60;
 constexpr long PENDING_WAIT_US = 10000;
+constexpr long LISTENER_REST_MS = 100;
 
 struct loop_state {
     int inetd_fd; // -1 while not connected
     int number;   // of the connection before, -1 before the first
     bool pending; // a relay step had data left over
+    // Until then, on the monotonic clock, the listeners are left out of the
+    // set; and how much of it was left at the beginning of this turn, 0 when
+    // they are in it.
+    int64_t rest_until_ms;
+    int64_t rest_ms;
     read_set set;
 };
 
@@ -97,6 +105,29 @@ static bool ensure_connected(loop_state *loop)
     return true;
 }
 
+static int64_t now_ms(void)
+{
+    struct timespec now = {};
+
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// A client that waits for want of a descriptor keeps its listener readable:
+// with it in the set the loop would turn at full speed.
+static int64_t rest_left(loop_state *loop)
+{
+    if (loop->rest_until_ms == 0) {
+        return 0;
+    }
+    const int64_t left = loop->rest_until_ms - now_ms();
+    if (left > 0) {
+        return left;
+    }
+    loop->rest_until_ms = 0;
+    return 0;
+}
+
 // The lock is not held during the wait, so a listener may be closed meanwhile:
 // accept_one() and vc_accept() look again.
 static void watch_listeners(loop_state *loop)
@@ -125,7 +156,10 @@ static bool build_set(loop_state *loop)
     // for.
     vc_check_child();
     relay_watch(&loop->set);
-    watch_listeners(loop);
+    loop->rest_ms = rest_left(loop);
+    if (loop->rest_ms == 0) {
+        watch_listeners(loop);
+    }
     return true;
 }
 
@@ -139,6 +173,10 @@ static void after_no_event(loop_state *loop, int result)
     }
     if (result == 0 && loop->pending) {
         loop->pending = relay_retry();
+        return;
+    }
+    // Only the listeners are due. A pause would be one for the sessions too.
+    if (result == 0 && loop->rest_ms > 0) {
         return;
     }
     if (result < 0) {
@@ -169,10 +207,24 @@ static void accept_one(loop_state *loop)
     {
         if (read_set_has(&loop->set, srv->listen_fd)) {
             vc_accept(loop->inetd_fd, srv);
+            if (vc_accept_starved()) {
+                loop->rest_until_ms = now_ms() + LISTENER_REST_MS;
+            }
             break;
         }
     }
     vc_unlock();
+}
+
+static int wait_for_events(loop_state *loop)
+{
+    if (loop->pending) {
+        return read_set_wait(&loop->set, 0, PENDING_WAIT_US);
+    }
+    return loop->rest_ms > 0
+               ? read_set_wait(&loop->set, 0,
+                               static_cast<long>(loop->rest_ms) * 1000)
+               : read_set_wait(&loop->set, IDLE_WAIT_S, 0);
 }
 
 static void take_turn(loop_state *loop)
@@ -188,9 +240,7 @@ static void take_turn(loop_state *loop)
         abandon_connection(loop);
         return;
     }
-    const int ready = loop->pending
-                          ? read_set_wait(&loop->set, 0, PENDING_WAIT_US)
-                          : read_set_wait(&loop->set, IDLE_WAIT_S, 0);
+    const int ready = wait_for_events(loop);
     if (ready <= 0) {
         after_no_event(loop, ready);
         return;
@@ -215,6 +265,7 @@ int vc_service_start(void)
     loop.inetd_fd = -1;
     loop.number = -1;
     loop.pending = false;
+    loop.rest_until_ms = 0;
     for (;;) {
         take_turn(&loop);
     }
