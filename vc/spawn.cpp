@@ -6,6 +6,7 @@
 #include "vc/spawn.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
@@ -26,6 +27,7 @@ static const char FUNCTION[] = "vc_child_alloc";
 // "/dev/pts/" and the number of the slave.
 constexpr size_t SLAVE_NAME_SIZE = 20;
 
+constexpr int RELEASE_WAIT_MS = 50;
 constexpr useconds_t RELEASE_SEEN_PAUSE_US = 1000;
 constexpr useconds_t RELEASE_POLL_US = 100000;
 // About 12 seconds.
@@ -137,6 +139,16 @@ static bool make_pair(release_pair *pair)
     return true;
 }
 
+// A look in vain costs 100 ms, which is what most of a set-up would be under
+// load: the child waits for a moment before it begins to look, and once more
+// for the end that follows the byte.
+static void wait_for_parent(int child_end)
+{
+    struct pollfd end = {child_end, POLLIN, 0};
+
+    poll(&end, 1, RELEASE_WAIT_MS);
+}
+
 // Waits until the parent has written the child's process id into the record:
 // before that the child must neither run nor end, as the SIGCHLD handler would
 // not find its session. The parent closing its end is the sign.
@@ -145,6 +157,7 @@ static void await_release(int child_end)
     int polls = 0;
     char byte;
 
+    wait_for_parent(child_end);
     for (;;) {
         vc_set_bk(child_end, false);
         const ssize_t got = read(child_end, &byte, 1);
@@ -153,6 +166,7 @@ static void await_release(int child_end)
         }
         if (got > 0) {
             usleep(RELEASE_SEEN_PAUSE_US);
+            wait_for_parent(child_end);
             continue;
         }
         usleep(RELEASE_POLL_US);
@@ -195,8 +209,8 @@ static void close_listeners(void)
     vc_child_proc(child->master_fd, child->ttyno, slave, child);
 }
 
-// Nothing but what is needed may stand between the fork and the release: a
-// child that looks before the release has been written sleeps 100 ms.
+// Nothing but what is needed may stand between the fork and the release: the
+// child waits for it.
 static bool release_child(const release_pair *pair, vc_child *child, int pid)
 {
     close(pair->child_end);

@@ -427,6 +427,52 @@ TEST_F(SpawnTest, an_interrupted_look_for_the_release_is_repeated)
     expect_a_running_program();
 }
 
+TEST_F(SpawnTest, a_wait_for_the_release_that_fails_is_done_without)
+{
+    fault_row("vc_child_alloc", "poll", "EINTR", "the session", "",
+              "the session program runs");
+    fault::fail("poll", 1, EINTR, fault::ALWAYS);
+    expect_a_running_program();
+}
+
+static int g_sleeps;
+
+static int report_sleeps(int, const char *)
+{
+    report(std::to_string(fault::seen(g_sleeps)));
+    return 0;
+}
+
+// A child that has looked in vain sleeps for 100 ms, one that waits does not.
+// Of some children one at least is released while it waits, however busy the
+// machine is; the one sleep is that after the byte.
+TEST_F(SpawnTest, a_child_waits_for_its_release_before_it_looks)
+{
+    std::string fewest = "9";
+
+    vc_service_del(23);
+    vc_reg reg = plain(AF_INET, 23, nullptr, 6);
+    reg.shell_func = report_sleeps;
+    add(reg);
+    for (int ttyno = 300; ttyno < 310 && fewest != "1"; ttyno++) {
+        fault::reset();
+        g_sleeps = fault::watch("usleep");
+        fault::run(
+            "write", 1,
+            [] {
+                usleep(10000);
+            },
+            1, fault::only_path("socket:"));
+        ASSERT_NE(start(ttyno), nullptr);
+        ASSERT_TRUE(support::wait_until([&] {
+            return support::exists(path("/result")) && !result().empty();
+        }));
+        fewest = std::min(fewest, result());
+        unlink(path("/result").c_str());
+    }
+    EXPECT_EQ(fewest, "1");
+}
+
 TEST_F(SpawnTest, the_child_dies_with_its_parent_and_ignores_hangups)
 {
     vc_service_del(23);
