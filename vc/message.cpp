@@ -1,6 +1,7 @@
 // The 156-byte record: its layout and the two ways it travels.
 #include "vc/message.h"
 
+#include <errno.h>
 #include <stddef.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -43,7 +44,13 @@ int vc_msg_recv(int inetd_fd, tty_cmsg *msg)
     // more: the loop must not wait here.
     vc_set_bk(inetd_fd, false);
     memset(msg, 0, sizeof *msg);
-    return static_cast<int>(recv(inetd_fd, msg, sizeof *msg, 0));
+    const ssize_t received = recv(inetd_fd, msg, sizeof *msg, 0);
+    const int error = errno;
+    // At once: the mode is everybody's, and a port update that meets a full
+    // socket on another thread would try again without a pause.
+    vc_set_bk(inetd_fd, true);
+    errno = error;
+    return static_cast<int>(received);
 }
 
 vc_msg_path vc_msg_path_of(const tty_cmsg *msg)

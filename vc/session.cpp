@@ -9,10 +9,14 @@
 
 #include <sched.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 std::atomic<vc_child *> g_vc_childs[TTY_LINES];
 std::atomic<unsigned long> g_vc_child_lines[VC_LINE_WORDS];
 static std::atomic<int> handlers_inside{0};
+
+constexpr int LOOKS_BETWEEN_SLEEPS = 100;
+constexpr useconds_t HANDLER_PAUSE_US = 1000;
 
 static unsigned long bit_of(int ttyno)
 {
@@ -25,16 +29,28 @@ void vc_child_install(int ttyno, vc_child *child)
     g_vc_child_lines[ttyno / VC_LINES_PER_WORD].fetch_or(bit_of(ttyno));
 }
 
+// A handler is done in no time, unless this thread keeps it from running: with
+// a real-time priority on the only processor it would give way to nobody by
+// yielding.
+static void wait_for_handlers(void)
+{
+    // seldom covered: a handler on another thread during a release
+    for (int looks = 1; handlers_inside.load() != 0; looks++) {
+        if (looks % LOOKS_BETWEEN_SLEEPS == 0) {
+            usleep(HANDLER_PAUSE_US);
+        } else {
+            sched_yield();
+        }
+    }
+}
+
 void vc_child_release(vc_child *child)
 {
     const int ttyno = child->ttyno;
 
     g_vc_child_lines[ttyno / VC_LINES_PER_WORD].fetch_and(~bit_of(ttyno));
     g_vc_childs[ttyno].store(nullptr);
-    // seldom covered: a handler on another thread during a release
-    while (handlers_inside.load() != 0) {
-        sched_yield();
-    }
+    wait_for_handlers();
     free(child);
 }
 

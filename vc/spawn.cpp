@@ -185,8 +185,8 @@ static void await_release(int child_end)
     close(child_end);
 }
 
-// Without the lock: another thread of the parent may have held it during the
-// fork, and no other thread exists here that could change the list.
+// Without the lock: no other thread exists here that could change the list, and
+// none was in the middle of it during the fork.
 static void close_listeners(void)
 {
     vc_srv *srv;
@@ -197,12 +197,24 @@ static void close_listeners(void)
     }
 }
 
+// A parent that died before the signal was asked for sends none, and its end of
+// the pair looks like a release. A parent of another namespace of processes,
+// whose number is 0 here, cannot be asked.
+static void die_with_parent(pid_t parent)
+{
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const pid_t now = getppid();
+    if (now != parent && now != 0) {
+        raise(SIGKILL);
+    }
+}
+
 [[noreturn]] static void run_child(const release_pair *pair, const char *slave,
-                                   const vc_child *child)
+                                   const vc_child *child, pid_t parent)
 {
     vc_debug_msg("vc: tel-sub proc\n");
     signal(SIGHUP, SIG_IGN);
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    die_with_parent(parent);
     close(pair->parent_end);
     await_release(pair->child_end);
     close_listeners();
@@ -233,14 +245,27 @@ static bool release_child(const release_pair *pair, vc_child *child, int pid)
     return true;
 }
 
+// Under the lock, or the child could get a list that another thread is just
+// changing. Both processes give it back.
+static pid_t fork_with_whole_list(void)
+{
+    vc_rlock();
+    const pid_t pid = fork();
+    const int error = errno;
+    vc_unlock();
+    errno = error;
+    return pid;
+}
+
 static bool start_child(vc_child *child, const char *slave)
 {
+    const pid_t self = getpid();
     release_pair pair;
 
     if (!make_pair(&pair)) {
         return false;
     }
-    const pid_t pid = fork();
+    const pid_t pid = fork_with_whole_list();
     if (pid < 0) {
         vc_debug_msg("vc: fork error, err:%s.\r\n", strerror(errno));
         close(pair.child_end);
@@ -248,7 +273,7 @@ static bool start_child(vc_child *child, const char *slave)
         return false;
     }
     if (pid == 0) {
-        run_child(&pair, slave, child);
+        run_child(&pair, slave, child, self);
     }
     return release_child(&pair, child, pid);
 }

@@ -7,7 +7,7 @@ set(ttyline_fault_calls
     setenv getsockname getpeername pthread_mutexattr_init
     pthread_mutexattr_settype pthread_mutex_init pthread_rwlockattr_init
     pthread_rwlock_init pthread_sigmask sigfillset sigaction access usleep
-    clock_gettime)
+    clock_gettime getppid)
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
   # Calls with wide times and offsets go by names of their own, see fault.cpp.
   list(TRANSFORM ttyline_fault_calls

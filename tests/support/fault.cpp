@@ -65,7 +65,8 @@ namespace fault
     X(getsockname) X(getpeername) X(pthread_mutexattr_init) \
     X(pthread_mutexattr_settype) X(pthread_mutex_init) \
     X(pthread_rwlockattr_init) X(pthread_rwlock_init) X(pthread_sigmask) \
-    X(sigfillset) X(sigaction) X(access) X(usleep) X(clock_gettime)
+    X(sigfillset) X(sigaction) X(access) X(usleep) X(clock_gettime) \
+    X(getppid)
 // clang-format on
 
 #define FAULT_ID(name) call_##name,
@@ -490,6 +491,7 @@ FAULT_WRAP(int, access, (const char *path, int mode), (path, mode),
 FAULT_WRAP(int, usleep, (useconds_t microseconds), (microseconds), {})
 FAULT_WRAP(int, clock_gettime, (clockid_t clock, struct timespec *now),
            (clock, now), about_what(clock))
+FAULT_WRAP(pid_t, getppid, (void), (), {})
 
 FAULT_WRAP_ERROR(ptsname_r, (int fd, char *buf, size_t len), (fd, buf, len),
                  about_fd(fd))

@@ -198,14 +198,14 @@ TEST_F(MessageTest, a_mode_that_cannot_be_set_is_ignored)
               "the record is sent and received all the same");
     tty_cmsg msg = {};
     msg.ttyno = 77;
-    fault::fail("ioctl", 1, ENOTTY, 2);
+    fault::fail("ioctl", 1, ENOTTY, 3);
     EXPECT_EQ(vc_msg_send(inetd_fd_, &msg), 156);
     ASSERT_EQ(sent().size(), 1u);
     ASSERT_TRUE(give(msg));
     tty_cmsg received = {};
     EXPECT_EQ(vc_msg_recv(inetd_fd_, &received), 156);
     EXPECT_EQ(received.ttyno, 77);
-    EXPECT_EQ(fault::calls("ioctl"), 2);
+    EXPECT_EQ(fault::calls("ioctl"), 3);
 }
 
 TEST_F(MessageTest, a_record_is_received_without_waiting)
@@ -213,7 +213,32 @@ TEST_F(MessageTest, a_record_is_received_without_waiting)
     tty_cmsg msg;
     EXPECT_EQ(vc_msg_recv(inetd_fd_, &msg), -1);
     EXPECT_EQ(errno, EAGAIN);
-    EXPECT_FALSE(blocking(inetd_fd_));
+}
+
+static int g_inetd_fd;
+static bool g_waits;
+
+// Without waiting, and only for the receive: a port update on another thread
+// that meets a full socket would try again without a pause, with the lock held.
+TEST_F(MessageTest,
+       the_connection_is_nonblocking_only_while_it_is_received_from)
+{
+    tty_cmsg msg;
+    g_inetd_fd = inetd_fd_;
+    fault::run(
+        "recv", 1,
+        [] {
+            g_waits = blocking(g_inetd_fd);
+        },
+        2);
+    g_waits = true;
+    EXPECT_EQ(vc_msg_recv(inetd_fd_, &msg), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_FALSE(g_waits);
+    EXPECT_TRUE(blocking(inetd_fd_));
+    ASSERT_TRUE(give(tty_cmsg{}));
+    EXPECT_EQ(vc_msg_recv(inetd_fd_, &msg), 156);
+    EXPECT_TRUE(blocking(inetd_fd_));
 }
 
 TEST_F(MessageTest, one_record_is_received_at_a_time)

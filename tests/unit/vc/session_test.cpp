@@ -3,10 +3,13 @@
 #include <stdlib.h>
 
 #include <atomic>
+#include <chrono>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include "tests/support/fault.h"
 
 class SessionTableTest : public ::testing::Test
 {
@@ -91,6 +94,24 @@ TEST_F(SessionTableTest, an_emptied_table_has_no_lines)
     vc_child_clear_all();
     EXPECT_EQ(vc_child_at(300), nullptr);
     EXPECT_TRUE(lines().empty());
+}
+
+// A loop with a real-time priority on the only processor would keep the handler
+// from ever ending by asking alone.
+TEST_F(SessionTableTest, a_release_sleeps_while_a_handler_is_at_work)
+{
+    const int sleeps = fault::watch("usleep");
+    vc_child_table_enter();
+    std::thread handler([&] {
+        for (int i = 0; i < 5000 && fault::seen(sleeps) < 3; i++) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        vc_child_table_leave();
+    });
+    install(300);
+    vc_child_release(vc_child_at(300));
+    handler.join();
+    EXPECT_GE(fault::seen(sleeps), 3);
 }
 
 // Runs handlers on another thread while sessions come and go on this one: a

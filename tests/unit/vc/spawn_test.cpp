@@ -2,12 +2,16 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <termios.h>
 #include <unistd.h>
+
+#include <atomic>
+#include <thread>
 
 #include "tests/support/fault.h"
 #include "tests/support/fault_row.h"
@@ -494,6 +498,73 @@ TEST_F(SpawnTest, the_child_dies_with_its_parent_and_ignores_hangups)
     EXPECT_EQ(result(), "9 ignored");
 }
 
+static std::atomic<bool> g_changed;
+
+// Another thread that changes the list in the middle of the fork would leave
+// the child half of the change.
+TEST_F(SpawnTest, no_service_changes_during_the_fork)
+{
+    static std::thread other;
+    static bool changed_meanwhile;
+
+    fault::run("fork", 1, [] {
+        other = std::thread([] {
+            vc_deal_service_listen(false, 6);
+            g_changed = true;
+        });
+        for (int i = 0; i < 50 && !g_changed; i++) {
+            usleep(1000);
+        }
+        changed_meanwhile = g_changed;
+    });
+    ASSERT_NE(start(300), nullptr);
+    other.join();
+    EXPECT_FALSE(changed_meanwhile);
+    EXPECT_TRUE(g_changed);
+}
+
+static void outlive_the_parent()
+{
+    const pid_t parent = getppid();
+
+    kill(parent, SIGKILL);
+    while (getppid() == parent) {
+        usleep(1000);
+    }
+}
+
+// It dies before the child has asked for the signal that would tell it.
+TEST_F(SpawnTest, a_child_whose_parent_has_died_meanwhile_runs_nothing)
+{
+    int ends[2];
+    char byte;
+
+    vc_service_del(23);
+    vc_reg reg = plain(AF_INET, 23, nullptr, 6);
+    reg.shell_func = [](int, const char *) {
+        report("ran");
+        return 0;
+    };
+    add(reg);
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    const pid_t parent = fork();
+    if (parent == 0) {
+        fault::run("prctl", 1, outlive_the_parent);
+        start(300);
+        for (;;) {
+            pause();
+        }
+    }
+    close(ends[1]);
+    EXPECT_EQ(waitpid(parent, nullptr, 0), parent);
+    // The end of its child is that of the pipe.
+    pollfd end = {ends[0], POLLIN, 0};
+    ASSERT_EQ(poll(&end, 1, 20000), 1);
+    EXPECT_EQ(read(ends[0], &byte, 1), 0);
+    EXPECT_FALSE(support::exists(path("/result")));
+    close(ends[0]);
+}
+
 TEST_F(SpawnTest, a_child_that_is_never_released_gives_up_with_0)
 {
     fault_row("vc_child_alloc", "read", "EAGAIN",
@@ -503,6 +574,7 @@ TEST_F(SpawnTest, a_child_that_is_never_released_gives_up_with_0)
     if (pid == 0) {
         fault::result("fork", 1, 0);
         fault::result("usleep", 1, 0, fault::ALWAYS);
+        fault::result("getppid", 1, getpid());
         // The second socket closed is the parent's end: it stays open here, so
         // that the end of the stream does not come.
         fault::result("close", 2, 0, 1, fault::only_path("socket:"));
