@@ -35,6 +35,7 @@ constexpr rlim_t WANTED_DESCRIPTORS = 16384;
 constexpr int64_t ANSWER_LIMIT_MS = 3000;
 
 static bool g_running; // guarded by the lock
+static pthread_mutex_t g_offering = PTHREAD_MUTEX_INITIALIZER;
 
 // The session service takes a path of any length and listens on what fits.
 static int check_endpoint(const kit_service *service)
@@ -134,20 +135,43 @@ static kit_node *make_node(const kit_service *service)
     return node;
 }
 
-// Not freed after a failure: for a moment the loop could have met it.
+static void free_node(kit_node *node)
+{
+    kit_rules_free(node->rules);
+    free(node);
+}
+
+// Known to the loop before its node is there: who came in that moment would be
+// refused. A node that sessions may have met could not be freed.
 static int offer_now(kit_node *node)
 {
-    kit_paths_watch(node->service);
     if (register_node(node) != 0) {
-        kit_lock();
-        kit_node_remove(node);
-        kit_unlock();
         return -1;
     }
+    node->registered = true;
+    kit_lock();
+    kit_node_add(node);
+    kit_unlock();
+    kit_paths_watch(node->service);
     // The loop would announce it at its next turn, within a minute: this wakes
     // it.
     vc_deal_service_listen(true, static_cast<int>(node->service->protocol));
     return 0;
+}
+
+static int offer_node(kit_node *node)
+{
+    kit_lock();
+    const bool taken = kit_node_taken(node);
+    const bool running = g_running;
+    if (!taken && !running) {
+        kit_node_add(node);
+    }
+    kit_unlock();
+    if (taken) {
+        return kit_fail("a service is offered there already");
+    }
+    return running ? offer_now(node) : 0;
 }
 
 int kit_offer(const kit_service *service)
@@ -159,17 +183,14 @@ int kit_offer(const kit_service *service)
     if (node == nullptr) {
         return -1;
     }
-    kit_lock();
-    const bool added = kit_node_add(node);
-    const bool running = g_running;
-    node->registered = running;
-    kit_unlock();
-    if (!added) {
-        kit_rules_free(node->rules);
-        free(node);
-        return kit_fail("a service is offered there already");
+    // One after the other: two at one place would both find it free.
+    pthread_mutex_lock(&g_offering);
+    const int result = offer_node(node);
+    pthread_mutex_unlock(&g_offering);
+    if (result != 0) {
+        free_node(node);
     }
-    return running ? offer_now(node) : 0;
+    return result;
 }
 
 int kit_admit(const kit_service *service, const kit_admission *admission)

@@ -24,7 +24,6 @@ kit_node *kit_first_node(void)
     return g_nodes;
 }
 
-// One that was taken out still knows who came behind it.
 const kit_node *kit_node_after(const kit_node *node)
 {
     kit_lock();
@@ -51,30 +50,24 @@ static bool same_place(const kit_node *one, const kit_node *other)
            (kit_families(one->service) & kit_families(other->service)) != 0;
 }
 
-bool kit_node_add(kit_node *node)
+bool kit_node_taken(const kit_node *node)
+{
+    const kit_node *other = g_nodes;
+
+    while (other != nullptr && !same_place(other, node)) {
+        other = other->next;
+    }
+    return other != nullptr;
+}
+
+void kit_node_add(kit_node *node)
 {
     kit_node **end = &g_nodes;
 
     while (*end != nullptr) {
-        if (same_place(*end, node)) {
-            return false;
-        }
         end = &(*end)->next;
     }
     *end = node;
-    return true;
-}
-
-void kit_node_remove(const kit_node *node)
-{
-    kit_node **link = &g_nodes;
-
-    while (*link != nullptr && *link != node) {
-        link = &(*link)->next;
-    }
-    if (*link != nullptr) {
-        *link = node->next;
-    }
 }
 
 kit_node *kit_node_of(const kit_service *service)

@@ -35,7 +35,7 @@ struct kit_rules {
     uint32_t most_per_peer;
 };
 
-// One service. Nodes are never freed: sessions point to them.
+// One service. Nodes are never removed: sessions point to them.
 struct kit_node {
     kit_node *next;
     const kit_service *service;
@@ -77,10 +77,10 @@ void kit_service_moved(uint32_t protocol, int old_port, int new_port);
 // Notes that they were stopped or opened; whether one had been stopped before.
 bool kit_service_stopped(uint32_t protocol, bool stopped);
 
-// Adds a node, and takes one out again. With the lock held. False when another
-// one is reached where this would be.
-bool kit_node_add(kit_node *node);
-void kit_node_remove(const kit_node *node);
+// Adds a node. With the lock held.
+void kit_node_add(kit_node *node);
+// Whether another one is reached where this would be. With the lock held.
+bool kit_node_taken(const kit_node *node);
 
 // What a service of a port is reached by.
 uint32_t kit_families(const kit_service *service);
