@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <ttyline/kit.h>
 #include <ttyline/tty.h>
 
 #include "common/keys.h"
@@ -373,4 +374,12 @@ int kit_line_end(int line, const char *id, int patience_ms)
     job.pairs = FREE_LINE;
     job.count = sizeof FREE_LINE / sizeof *FREE_LINE;
     return rewrite_line(&job, line, patience_ms);
+}
+
+int kit_line_clean(int32_t line, const char *id, int32_t patience_ms)
+{
+    if (line < 0 || line >= TTY_LINES) {
+        return kit_fail("%d is no line", line);
+    }
+    return kit_line_end(line, id, patience_ms);
 }

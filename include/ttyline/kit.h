@@ -265,6 +265,17 @@ const char *kit_error(void);
 int kit_runtime_check(void);
 
 /*
+ * For a line-allocation daemon, when a login daemon was killed with its
+ * keepers: takes off a line what the session of this id, the line's SESSIONID,
+ * has left there. A line that is another session's by now stays as it is.
+ *
+ * patience_ms  how long to wait for the line's lock
+ *
+ * Waits for the disk too: not on a thread that others wait for.
+ */
+int kit_line_clean(int32_t line, const char *id, int32_t patience_ms);
+
+/*
  * The session service's system-log hook, see ttyline/vc.h: the kit provides it,
  * as a datagram that never waits and takes no lock. A device that has a hook of
  * its own defines it in the program, which then wins.

@@ -215,3 +215,15 @@ TEST_F(KitLineFile, file_that_cannot_be_read_or_renamed_stays)
         fault::reset();
     }
 }
+
+TEST_F(KitLineFile, is_cleaned_of_the_session_that_is_meant)
+{
+    ASSERT_EQ(begin(), 0);
+    EXPECT_EQ(kit_line_clean(300, "fedcba9876543210", 50), 0);
+    EXPECT_EQ(content(), "LOGNAME=alice\r\nSESSIONID=0123456789abcdef\r\n");
+    EXPECT_EQ(kit_line_clean(300, "0123456789abcdef", 50), 0);
+    EXPECT_EQ(content().find("LOGNAME"), std::string::npos);
+    EXPECT_NE(content().find("SESSIONID=0\r\n"), std::string::npos);
+    EXPECT_EQ(kit_line_clean(TTY_LINES, "0", 50), -1);
+    EXPECT_STREQ(kit_error(), "1586 is no line");
+}
