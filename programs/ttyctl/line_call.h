@@ -5,8 +5,8 @@
 #include <functional>
 #include <string>
 
+#include "programs/shared/info_file.h"
 #include "programs/ttyctl/guard.h"
-#include "programs/ttyctl/info_file.h"
 #include "programs/ttyctl/invocation.h"
 
 using line_work = std::function<bool(std::string &text)>;

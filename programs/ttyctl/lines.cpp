@@ -16,8 +16,8 @@
 #include <libsmartcols/libsmartcols.h>
 #include <unistd.h>
 
+#include "programs/shared/info_file.h"
 #include "programs/ttyctl/guard.h"
-#include "programs/ttyctl/info_file.h"
 #include "programs/ttyctl/report.h"
 #include "programs/ttyctl/store.h"
 #include "programs/ttyctl/text.h"

@@ -11,6 +11,7 @@
 
 #include "programs/ttylined/accept.h"
 #include "programs/ttylined/clock.h"
+#include "programs/ttylined/left_lines.h"
 #include "programs/ttylined/record.h"
 
 constexpr std::size_t SERVICES_MAX = 128;
@@ -252,11 +253,23 @@ void daemons_accept(login_daemons &daemons, line_pool &pool)
     adopt_parked(daemons, pool, cli);
 }
 
+// What the sessions have said of themselves is asked while the lines are still
+// theirs.
+static void free_lines(line_pool &pool, unsigned client)
+{
+    const std::vector<left_line> left = left_lines_of(pool, client);
+
+    pool_drop_client(pool, client, false);
+    left_lines_clean(left);
+}
+
 static void leave(login_daemons &daemons, line_pool &pool, const client &cli)
 {
     const bool returns = cli.renewing && cli.peer_pid > 0;
 
-    if (pool_drop_client(pool, cli.number, returns) > 0) {
+    if (!returns) {
+        free_lines(pool, cli.number);
+    } else if (pool_drop_client(pool, cli.number, true) > 0) {
         daemons.parked.push_back(
             {cli.number, cli.peer_pid, monotonic_ms() + PARKED_MS});
     }
@@ -286,7 +299,7 @@ void parked_expire(login_daemons &daemons, line_pool &pool)
             continue;
         }
         client_note(it->client, "did not come back, its lines are free");
-        pool_drop_client(pool, it->client, false);
+        free_lines(pool, it->client);
         it = daemons.parked.erase(it);
     }
 }

@@ -182,6 +182,8 @@ static int open_signals()
 
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGTTIN, SIG_IGN);
+    // Helpers that have cleaned lines leave nothing to be reaped.
+    std::signal(SIGCHLD, SIG_IGN);
     sigemptyset(&heard);
     for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
         sigaddset(&heard, number);

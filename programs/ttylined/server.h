@@ -8,6 +8,7 @@
 //     order answer            what login daemons and they are told
 //     daemons                 login daemons: what they ask for
 //     admin                   requests of the line library
+//     left_lines              lines of daemons that were killed
 //     assign                  which report gets a line and when; the hold
 //     client                  a login daemon's connection
 //     accept trace            what all of them need of the process

@@ -1,4 +1,4 @@
-#include "programs/ttyctl/info_file.h"
+#include "programs/shared/info_file.h"
 
 #include <filesystem>
 #include <fstream>
@@ -6,12 +6,12 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-class TtyctlInfoFile : public testing::Test
+class InfoFile : public testing::Test
 {
   protected:
     void SetUp() override
     {
-        char name[] = "/tmp/ttyctl_info_test.XXXXXX";
+        char name[] = "/tmp/info_file_test.XXXXXX";
 
         ASSERT_NE(mkdtemp(name), nullptr);
         root = name;
@@ -35,7 +35,7 @@ class TtyctlInfoFile : public testing::Test
     std::string path;
 };
 
-TEST_F(TtyctlInfoFile, values_are_those_that_the_library_gives)
+TEST_F(InfoFile, values_are_those_that_the_library_gives)
 {
     line_values values = values_of("LOGNAME=alice\r\nLOGNAME=bob\r\n"
                                    "PEERNAME=bare\nSPEED=\r\nno key\r\n"
@@ -51,7 +51,7 @@ TEST_F(TtyctlInfoFile, values_are_those_that_the_library_gives)
     EXPECT_TRUE(values_of("LOGNAME=alice\r\n").whole);
 }
 
-TEST_F(TtyctlInfoFile, a_file_that_is_missing_holds_nothing)
+TEST_F(InfoFile, a_file_that_is_missing_holds_nothing)
 {
     line_values values;
 
@@ -60,7 +60,7 @@ TEST_F(TtyctlInfoFile, a_file_that_is_missing_holds_nothing)
     EXPECT_TRUE(plain_or_absent(path));
 }
 
-TEST_F(TtyctlInfoFile, what_is_no_plain_file_is_not_read)
+TEST_F(InfoFile, what_is_no_plain_file_is_not_read)
 {
     line_values values;
 
@@ -77,7 +77,7 @@ TEST_F(TtyctlInfoFile, what_is_no_plain_file_is_not_read)
     EXPECT_FALSE(plain_or_absent(path));
 }
 
-TEST_F(TtyctlInfoFile, what_is_far_too_large_is_not_read)
+TEST_F(InfoFile, what_is_far_too_large_is_not_read)
 {
     line_values values;
 
@@ -86,7 +86,7 @@ TEST_F(TtyctlInfoFile, what_is_far_too_large_is_not_read)
     EXPECT_FALSE(read_info(path, values));
 }
 
-TEST_F(TtyctlInfoFile, what_was_stored_is_missed)
+TEST_F(InfoFile, what_was_stored_is_missed)
 {
     const line_values before = values_of("A=1\r\nB=2\r\n");
 
@@ -98,7 +98,7 @@ TEST_F(TtyctlInfoFile, what_was_stored_is_missed)
     EXPECT_EQ(missing_after(before, values_of("A=1\r\n"), {{"B", ""}}), "B");
 }
 
-TEST_F(TtyctlInfoFile, what_was_there_before_is_missed)
+TEST_F(InfoFile, what_was_there_before_is_missed)
 {
     const line_values before = values_of("A=1\r\nB=2\r\nC=12\r\n");
 
@@ -108,7 +108,7 @@ TEST_F(TtyctlInfoFile, what_was_there_before_is_missed)
         "the end of the file");
 }
 
-TEST_F(TtyctlInfoFile, what_a_session_took_is_not_missed)
+TEST_F(InfoFile, what_a_session_took_is_not_missed)
 {
     const line_values before = values_of("A=1\r\nB=2\r\nSESSIONID=x\r\n");
     const line_values other = values_of("A=7\r\nSESSIONID=y\r\n");

@@ -1,4 +1,4 @@
-#include "programs/ttyctl/info_file.h"
+#include "programs/shared/info_file.h"
 
 #include <cerrno>
 
