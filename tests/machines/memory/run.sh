@@ -19,9 +19,11 @@ if [ "$way" = plain ]; then
     exit
 fi
 
-# The descriptors that were open at the end and not at the start.
+# The descriptors that were open at the end and not at the start. The number of
+# the connection to the inetd stays taken once it was there.
 left_open() {
     awk '/ Open / { open = $0; next }
+         open ~ /AF_UNIX socket/ && / dup3 / && !placeholder++ { open = "" }
          open != "" && !/<inherited from parent>/ { print open; found = 1 }
          { open = "" }
          END { exit !found }' "$1"
