@@ -119,7 +119,7 @@ static void strip_line_end(char *value)
 static char *get_locked(const info_names *names, unsigned int ttyno,
                         const char *name, char *value, unsigned int len)
 {
-    const int info_fd = open(names->info, O_RDONLY | O_CLOEXEC);
+    const int info_fd = open_info(names->info, O_RDONLY);
 
     if (info_fd < 0) {
         log_open_failure("tty_get_member", ttyno, "open", names->info);

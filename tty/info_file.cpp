@@ -5,13 +5,14 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <ttyline/tty.h>
 
 // After so many read errors in a row that delivered nothing the file is given
-// up: a directory in its place fails for ever, and the caller holds the lock
-// with all signals blocked.
+// up: one on a bad disk may fail for ever, and the caller holds the lock with
+// all signals blocked.
 constexpr int READ_ERROR_LIMIT = 16;
 
 const char INFO_FILE[] = "/mng/tty/.tty_info";
@@ -31,6 +32,38 @@ bool name_files(info_names *names, const char *prefix, unsigned int ttyno)
                    names->info);
     (void)snprintf(names->lock, sizeof names->lock, "%s.lock", names->info);
     return true;
+}
+
+// 0 for a file, else the error that says why this is none.
+static int not_a_file(int fd)
+{
+    struct stat status;
+
+    if (fstat(fd, &status) != 0) {
+        return errno;
+    }
+    if (S_ISREG(status.st_mode)) {
+        return 0;
+    }
+    return S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+}
+
+// Non-blocking, or the open itself would wait for the other end of a pipe. The
+// mode of a file is of no account.
+int open_info(const char *path, int flags)
+{
+    const int fd = open(path, flags | O_NONBLOCK | O_CLOEXEC);
+
+    if (fd < 0) {
+        return -1;
+    }
+    const int error = not_a_file(fd);
+    if (error != 0) {
+        close(fd);
+        errno = error;
+        return -1;
+    }
+    return fd;
 }
 
 static bool read_again(int error)

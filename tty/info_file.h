@@ -31,6 +31,10 @@ struct info_names {
 // line's.
 bool name_files(info_names *names, const char *prefix, unsigned int ttyno);
 
+// Opens an information file. Returns its descriptor, or -1 with errno set, also
+// for what is no file: reading it might wait for ever or have no end.
+int open_info(const char *path, int flags);
+
 // Reads one line, its line feed included, into buf (at most buflen bytes, no
 // terminator added to a full buffer). Returns the number of bytes, -1 at the
 // end of the file, or 0 after a read error that delivered nothing. Leaves fd

@@ -118,7 +118,7 @@ static bool create_missing_info(const set_job *job)
 // them so.
 static bool open_both(set_job *job)
 {
-    job->info_fd = open(job->names.info, O_RDWR | O_CLOEXEC);
+    job->info_fd = open_info(job->names.info, O_RDWR);
     if (job->info_fd < 0) {
         log_open_failure("tty_set_member", job->ttyno, "open",
                          job->names.temporary);

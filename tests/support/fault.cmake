@@ -7,7 +7,7 @@ set(ttyline_fault_calls
     setenv getsockname getpeername pthread_mutexattr_init
     pthread_mutexattr_settype pthread_mutex_init pthread_rwlockattr_init
     pthread_rwlock_init pthread_sigmask sigfillset sigaction access usleep
-    clock_gettime getppid)
+    clock_gettime getppid faccessat fstat)
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
   # Calls with wide times and offsets go by names of their own, see fault.cpp.
   list(TRANSFORM ttyline_fault_calls
@@ -16,7 +16,7 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4)
        REPLACE "^(select|setsockopt)$" "__\\164")
   list(TRANSFORM ttyline_fault_calls
        REPLACE "^(fcntl|ioctl|prctl)$" "__\\1_time64")
-  list(TRANSFORM ttyline_fault_calls REPLACE "^stat$" "__stat64_time64")
+  list(TRANSFORM ttyline_fault_calls REPLACE "^(f?stat)$" "__\\164_time64")
   list(TRANSFORM ttyline_fault_calls REPLACE "^clock_gettime$" "__\\164")
 endif()
 list(TRANSFORM ttyline_fault_calls PREPEND -Wl,--wrap=)

@@ -44,6 +44,8 @@
 #define __wrap_ioctl __wrap___ioctl_time64
 #define __real_prctl __real___prctl_time64
 #define __wrap_prctl __wrap___prctl_time64
+#define __real_fstat __real___fstat64_time64
+#define __wrap_fstat __wrap___fstat64_time64
 #define __real_stat __real___stat64_time64
 #define __wrap_stat __wrap___stat64_time64
 #define __real_clock_gettime __real___clock_gettime64
@@ -66,7 +68,7 @@ namespace fault
     X(pthread_mutexattr_settype) X(pthread_mutex_init) \
     X(pthread_rwlockattr_init) X(pthread_rwlock_init) X(pthread_sigmask) \
     X(sigfillset) X(sigaction) X(access) X(usleep) X(clock_gettime) \
-    X(getppid)
+    X(getppid) X(faccessat) X(fstat)
 // clang-format on
 
 #define FAULT_ID(name) call_##name,
@@ -488,6 +490,10 @@ FAULT_WRAP(int, sigaction,
            (number, action, old), about_what(number))
 FAULT_WRAP(int, access, (const char *path, int mode), (path, mode),
            about_path(path))
+FAULT_WRAP(int, faccessat, (int at, const char *path, int mode, int flags),
+           (at, path, mode, flags), about_path(path, flags))
+FAULT_WRAP(int, fstat, (int fd, struct stat *status), (fd, status),
+           about_fd(fd))
 FAULT_WRAP(int, usleep, (useconds_t microseconds), (microseconds), {})
 FAULT_WRAP(int, clock_gettime, (clockid_t clock, struct timespec *now),
            (clock, now), about_what(clock))

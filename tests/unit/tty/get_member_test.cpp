@@ -361,11 +361,12 @@ TEST_F(Get, other_lines_are_not_locked)
     other.let_go();
 }
 
-TEST_F(Get, directory_in_place_of_the_file_holds_nothing)
+TEST_F(Get, file_that_cannot_be_read_holds_nothing)
 {
-    fault_row("tty_get_member", "read", "EISDIR",
+    fault_row("tty_get_member", "read", "EIO",
               "a null pointer, the buffer cleared", "", "the lock released");
-    ASSERT_EQ(mkdir(info(LINE).c_str(), 0777), 0);
+    store("HOME=/root\r\n");
+    fault::fail("read", 1, EIO, fault::ALWAYS, fault::only_path(".tty_info_5"));
     const int reads = fault::watch("read");
     EXPECT_EQ(get("HOME", 64), "(null)");
     EXPECT_TRUE(cleared(64));
