@@ -21,8 +21,10 @@ static std::atomic<unsigned char> tty_lib_lockable{0};
 // the parent was in the middle of it.
 static std::atomic<int> owner_pid{-1};
 static std::atomic<int> initialising_pid{-1};
-// The mask that the thread inside the critical section had before.
+// The mask that the thread inside the critical section had before, and whether
+// it could be cancelled.
 static sigset_t saved_mask;
+static int saved_cancel_state;
 
 static bool lock_usable(int self)
 {
@@ -118,15 +120,24 @@ void ttylib_unset_sigproc(void)
     }
 }
 
+// A thread that was cancelled in here, as it may be while it waits for a file's
+// lock, would take the mutex with it.
 void ttylib_enter(void)
 {
+    int cancel_state = 0;
+
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
     // Makes sure of the mutex itself.
     tty_lib_lock();
+    saved_cancel_state = cancel_state;
     ttylib_set_sigproc();
 }
 
 void ttylib_leave(void)
 {
+    const int cancel_state = saved_cancel_state;
+
     ttylib_unset_sigproc();
     tty_lib_unlock();
+    pthread_setcancelstate(cancel_state, nullptr);
 }

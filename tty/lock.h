@@ -14,7 +14,8 @@ void ttylib_set_sigproc(void);
 void ttylib_unset_sigproc(void);
 
 // The critical section as every operation takes it: the mutex first, then the
-// mask; left in reverse order. Never nest it on one thread: the inner leave
-// would restore, the outer one then leave every signal blocked.
+// mask; left in reverse order. The thread cannot be cancelled in between. Never
+// nest it on one thread: the inner leave would restore, the outer one then
+// leave every signal blocked.
 void ttylib_enter(void);
 void ttylib_leave(void);

@@ -15,7 +15,8 @@
  *    mask to 0 and leaves it so.
  *  - Calls wait for other threads (a mutex) and other processes (a record
  *    lock on the line's ".lock" file) without a time limit. All signals that
- *    can be blocked are blocked in the calling thread meanwhile.
+ *    can be blocked are blocked in the calling thread meanwhile, and a thread
+ *    that is cancelled ends after the call and not in it.
  *  - None of the functions is async-signal-safe. After fork() the child may
  *    call all of them, whatever the threads of the parent were doing.
  */

@@ -1,5 +1,7 @@
 #include "tty/env.h"
 
+#include <fcntl.h>
+#include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -17,6 +19,7 @@
 #include "tests/support/privroot.h"
 #include "tests/support/wait.h"
 #include "tests/unit/tty/env_fixture.h"
+#include "tests/unit/tty/lock_holder.h"
 
 static std::string label(const char *call)
 {
@@ -340,6 +343,48 @@ class EnvInMemory : public support::private_root_test
 
     const std::string info = "/mng/tty/.tty_info_300";
 };
+
+static std::atomic<bool> g_came_back;
+
+static void *get_until_cancelled(void *)
+{
+    char buf[64];
+
+    tty_getenv(5, "HOME", buf, sizeof buf);
+    g_came_back = true;
+    pthread_testcancel();
+    return nullptr;
+}
+
+// Waiting for the file's lock is where a thread can be asked to end: it would
+// take the library's lock with it.
+static bool cancelled_thread_leaves_the_lock_free(const std::string &file)
+{
+    lock_holder holder(file);
+    pthread_t thread;
+    void *result = nullptr;
+    const int waits = fault::watch("fcntl", fault::only_what(F_SETLKW));
+
+    pthread_create(&thread, nullptr, get_until_cancelled, nullptr);
+    support::wait_until([&] {
+        return fault::seen(waits) > 0;
+    });
+    pthread_cancel(thread);
+    holder.let_go();
+    pthread_join(thread, &result);
+    char buf[64];
+    tty_getenv(5, "HOME", buf, sizeof buf);
+    return g_came_back && result == PTHREAD_CANCELED;
+}
+
+TEST_F(Env, thread_that_is_cancelled_leaves_the_lock_free)
+{
+    const std::string file = info(5) + ".lock";
+    EXPECT_EQ(support::in_child([&] {
+                  return cancelled_thread_leaves_the_lock_free(file);
+              }),
+              0);
+}
 
 TEST_F(EnvInMemory, every_key_of_a_line_keeps_its_own_value)
 {
