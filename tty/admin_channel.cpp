@@ -36,11 +36,11 @@ static_assert(offsetof(admin_item, value) == 4, "value");
 // Guarded by the library lock.
 static int32_t g_tty_update_fd = -1;
 
-// The descriptor belongs to this library: a program that is executed later
-// could not find it, only keep the daemon's end open.
+// Inherited like any descriptor, through an exec as well: the daemon sees the
+// end of a process's connection when that and its programs have ended.
 static int open_socket(void)
 {
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
 
     if (fd < 0) {
         tty_debug_msg(0, "ttylib(%d): sock create fail, err[%d]:%s\n", getpid(),

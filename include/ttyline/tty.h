@@ -128,8 +128,9 @@ int tty_code2speed(int code);
  * to the unix-domain socket "/mng/tty/.tty_rl" under the runtime directory.
  * The first request connects; a failed connect is tried again by the next
  * one. The connection is kept for the life of the process and shared with
- * forked children. Once the daemon has gone, every further request of the
- * process fails: only a new process connects again.
+ * forked children; it is not close-on-exec, so a program that the process
+ * executes has it unless it is closed before. Once the daemon has gone, every
+ * further request of the process fails: only a new process connects again.
  *
  * Nothing is answered: 0 says that the request was sent, not that it was
  * obeyed. All block on the library lock, and without a limit while the daemon
