@@ -19,12 +19,14 @@
 
 #include <ttyline/vc.h>
 
+#include "common/notify.h"
 #include "kit/audit.h"
 #include "kit/clock.h"
 #include "kit/control.h"
 #include "kit/error.h"
 #include "kit/leftover.h"
 #include "kit/paths.h"
+#include "kit/watchdog.h"
 
 // How long sessions have to end when the daemon does, and how long keepers have
 // to clean up when their programs were ended by force.
@@ -154,6 +156,7 @@ static void begin_farewell(void)
     if (!first) {
         return;
     }
+    tty_notify("STOPPING=1");
     stop_listening();
     for (int line = 0; line < TTY_LINES; line++) {
         kit_end(line, "the service is shutting down");
@@ -228,6 +231,7 @@ static void turn(void)
 
     int64_t next = kit_earlier(end_mute_keepers(now), kit_leftover_tidy(now));
     next = kit_earlier(next, g_farewell);
+    next = kit_earlier(next, kit_watchdog_look(now));
     watched[WAKE] = {g_wake, POLLIN, 0};
     watched[SIGNALS] = {g_signals, POLLIN, 0};
     watched[PATHS] = {kit_paths_descriptor(), POLLIN, 0};
@@ -289,6 +293,7 @@ int kit_warden_start(const kit_daemon *daemon)
         kit_control_end();
         return kit_fail("no descriptor: %s", strerror(errno));
     }
+    kit_watchdog_begin();
     const int error = start_thread();
     if (error != 0) {
         kit_control_end();

@@ -247,6 +247,10 @@ typedef struct kit_daemon {
  * file-creation mask becomes what path_mode asks for. SIGTERM ends the daemon:
  * sessions are hung up, socket files removed. SIGCHLD and SIGHUP are the
  * session service's.
+ *
+ * A service manager that has set NOTIFY_SOCKET is told "READY=1", "STOPPING=1",
+ * and with WATCHDOG_USEC "WATCHDOG=1" twice in that time: the first and the
+ * last each time only when the loop was seen to turn.
  */
 int kit_run(const kit_daemon *daemon);
 
