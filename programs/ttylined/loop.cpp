@@ -9,6 +9,7 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include "common/notify.h"
 #include "programs/ttylined/accept.h"
 #include "programs/ttylined/clock.h"
 #include "programs/ttylined/trace.h"
@@ -38,9 +39,9 @@ static int64_t earlier(int64_t a, int64_t b)
     return a == 0 || (b != 0 && b < a) ? b : a;
 }
 
-static int timeout_ms(const server &srv, int64_t paused_until)
+static int timeout_ms(const server &srv, int64_t paused_until, int64_t ping)
 {
-    int64_t next = earlier(paused_until, srv.lines.hold.until);
+    int64_t next = earlier(earlier(paused_until, ping), srv.lines.hold.until);
 
     for (const parked_lines &parked : srv.daemons.parked) {
         next = earlier(next, parked.until);
@@ -93,15 +94,32 @@ static void serve(server &srv, operators &all, int signal_fd,
     }
 }
 
+// A turn of the loop is what the service manager wants to hear of. When the
+// next one has to be, 0 for never.
+static int64_t tell_manager(int64_t due)
+{
+    const int64_t now = monotonic_ms();
+
+    if (due == 0 || due > now) {
+        return due;
+    }
+    tty_notify("WATCHDOG=1");
+    return now + tty_notify_interval_ms();
+}
+
 bool loop_run(server &srv, operators &all, int signal_fd)
 {
+    int64_t ping = tty_notify_interval_ms() > 0 ? monotonic_ms() : 0;
+
+    tty_notify("READY=1");
     while (!srv.ending) {
         // Asked once: a pause that ended in between would leave the
         // listeners out and the wait without an end.
         const int64_t paused = accept_paused_until();
+        ping = tell_manager(ping);
         watch_list list = watch_all(srv, all, signal_fd, paused == 0);
         const int count =
-            poll(list.data(), list.size(), timeout_ms(srv, paused));
+            poll(list.data(), list.size(), timeout_ms(srv, paused, ping));
         if (count < 0 && errno != EINTR) {
             trace_note(std::string("poll: ") + std::strerror(errno));
             return false;
@@ -110,5 +128,6 @@ bool loop_run(server &srv, operators &all, int signal_fd)
             serve(srv, all, signal_fd, watch_result(list));
         }
     }
+    tty_notify("STOPPING=1");
     return true;
 }

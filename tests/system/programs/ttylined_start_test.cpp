@@ -1,12 +1,15 @@
 // The line-allocation daemon as who starts it sees it: options, sockets, the
 // trace, and the end.
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include "tests/system/programs/ttylined_run.h"
@@ -57,6 +60,45 @@ TEST_F(Ttylined, a_hangup_opens_the_trace_file_anew_and_ends_nothing)
     std::ifstream file(path);
     const std::string text{std::istreambuf_iterator<char>(file), {}};
     EXPECT_NE(text.find("to client 1: permit"), std::string::npos) << text;
+}
+
+// What comes on a service manager's socket next, empty when nothing does.
+static std::string told(const unique_fd &manager)
+{
+    pollfd ask = {manager.fd, POLLIN, 0};
+    char text[64];
+
+    if (poll(&ask, 1, 20000) != 1) {
+        return "";
+    }
+    const ssize_t got = recv(manager.fd, text, sizeof text, 0);
+    return {text, got > 0 ? static_cast<std::size_t>(got) : 0};
+}
+
+TEST_F(Ttylined, a_service_manager_is_told_that_it_listens_turns_and_ends)
+{
+    const std::string name = run.directory + "/manager";
+    const unique_fd manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, name.data(), name.size());
+    ASSERT_EQ(bind(manager.fd, reinterpret_cast<const sockaddr *>(&address),
+                   sizeof address),
+              0);
+    setenv("NOTIFY_SOCKET", name.c_str(), 1);
+    setenv("WATCHDOG_USEC", "200000", 1);
+    start();
+    EXPECT_EQ(told(manager), "READY=1");
+    EXPECT_TRUE(settled(client()));
+    EXPECT_EQ(told(manager), "WATCHDOG=1");
+    EXPECT_EQ(told(manager), "WATCHDOG=1");
+    ASSERT_EQ(kill(run.pid, SIGTERM), 0);
+    std::string last;
+    do {
+        last = told(manager);
+    } while (last == "WATCHDOG=1");
+    EXPECT_EQ(last, "STOPPING=1");
+    EXPECT_EQ(run.exit_status(), 0);
 }
 
 TEST_F(Ttylined, a_second_one_does_not_start)
