@@ -7,6 +7,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <signal.h>
@@ -279,7 +280,7 @@ static int64_t patience(const keeper *k)
     if (k->relay.peer_ended || k->relay.peer_ending) {
         return kit_keeping_limit(service->half_close_ms, KIT_HALF_CLOSE_MS);
     }
-    return -1;
+    return service->idle_ms > 0 ? int64_t{service->idle_ms} : -1;
 }
 
 static int time_to_wait(const keeper *k)
@@ -297,7 +298,7 @@ static int time_to_wait(const keeper *k)
     if (k->relay.terminal_quiet && !k->program_ended) {
         sooner(&timeout, QUIET_LOOK_MS);
     }
-    return static_cast<int>(timeout);
+    return static_cast<int>(timeout < INT_MAX ? timeout : INT_MAX);
 }
 
 // The end of input counts as typed anew while nothing moves: whoever reads the
@@ -359,7 +360,12 @@ static void turn(keeper *k)
     pass_on_end_of_input(k);
 }
 
-static bool over(const keeper *k)
+static bool in_full_swing(const keeper *k)
+{
+    return !k->program_ended && !k->relay.peer_ended && !k->relay.peer_ending;
+}
+
+static bool over(keeper *k)
 {
     if (k->dismissed || k->relay.peer_gone) {
         return true;
@@ -369,7 +375,13 @@ static bool over(const keeper *k)
         return true;
     }
     const int64_t limit = patience(k);
-    return limit >= 0 && kit_now_ms() - k->still_since >= limit;
+    if (limit < 0 || kit_now_ms() - k->still_since < limit) {
+        return false;
+    }
+    if (in_full_swing(k)) {
+        dismiss(k, "nothing has moved for too long");
+    }
+    return true;
 }
 
 int kit_keep(const kit_entry *entry, const char *device)

@@ -204,6 +204,9 @@ typedef struct kit_service {
     void (*received)(const kit_session *session, const void *data,
                      size_t length, void *context);
     void (*ended)(const kit_session *session, int status, void *context);
+
+    uint32_t idle_ms; /* 0: no limit; how long nothing may move either way
+                         before a session is ended, which its user is told */
 } kit_service;
 
 /*

@@ -90,6 +90,24 @@ TEST_F(KitEnd, last_mib_of_a_program_that_has_ended_reaches_a_slow_client)
     close(client);
 }
 
+TEST_F(KitEnd, session_in_which_nothing_moves_is_ended_and_told)
+{
+    run("echo begun; while read line; do echo $line; done");
+    service.idle_ms = 3000;
+    const int client = begin();
+    read_until(client, "begun\r\n");
+    // Whoever types or is shown something is not idle.
+    for (int i = 0; i < 4; i++) {
+        std::this_thread::sleep_for(milliseconds(1000));
+        ASSERT_TRUE(write_all(client, "on\n"));
+        const std::string answer = read_until(client, "on\r\non\r\n");
+        ASSERT_EQ(answer, "on\r\non\r\n");
+    }
+    EXPECT_EQ(all_of(client),
+              "\r\nttyline: nothing has moved for too long\r\n");
+    close(client);
+}
+
 TEST_F(KitEnd, last_mib_reaches_a_slow_client_over_tcp)
 {
     run_on_port(PRINT_1_MIB);
