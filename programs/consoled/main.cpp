@@ -21,6 +21,7 @@ constexpr uint32_t PROTOCOL_PATH = 7;
 // With rules of who may come in, the path itself is open to everybody.
 constexpr uint32_t OPEN_PATH_MODE = 0666;
 constexpr int CANNOT_RUN = 127;
+constexpr uint32_t MS_PER_SECOND = 1000;
 static const char LOGIN_PROGRAM[] = "/bin/login";
 
 // What is offered points into it as long as the process runs.
@@ -159,6 +160,7 @@ static void describe(offers &all)
     common.term = chosen.term;
     common.environment = list_of(chosen.environment);
     common.admission = &all.admission;
+    common.idle_ms = chosen.idle_seconds * MS_PER_SECOND;
     all.on_port = all.on_path = all.console = common;
 
     all.on_port.name = "port";

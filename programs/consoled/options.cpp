@@ -12,6 +12,7 @@
 constexpr int EXIT_USAGE = 2;
 constexpr long MOST_SESSIONS = TTY_LINES;
 constexpr long MOST_PORT = 65535;
+constexpr long MOST_IDLE_S = 86400;
 // Of one that has not said who it is: enough for a person, and for a network
 // behind one address, and no more than a small part of the lines.
 constexpr uint32_t USUAL_PER_PEER = 16;
@@ -33,6 +34,7 @@ static const char HELP[] =
   --allow-group GROUP    and the members of these groups; repeatable
   --sessions N           at most so many sessions on each
   --sessions-per-peer N  at most so many of one address or user (16)
+  --idle SECONDS         end a session in which nothing moves for so long
   --no-ipv4              offer the port over IPv6 only
   --no-ipv6              offer the port over IPv4 only
   --setenv NAME=VALUE    put this into the sessions' environment; repeatable
@@ -166,6 +168,10 @@ static void parse_session(int letter, options &chosen)
     case 'e':
         chosen.environment.push_back(parse_variable(optarg));
         break;
+    case 'I':
+        chosen.idle_seconds = static_cast<uint32_t>(
+            parse_number(optarg, MOST_IDLE_S, "not 1 to 86400 seconds"));
+        break;
     case 't':
         chosen.term = optarg;
         break;
@@ -189,6 +195,7 @@ void parse_options(int argc, char **argv, options &chosen)
         {"allow-group", required_argument, nullptr, 'G'},
         {"sessions", required_argument, nullptr, 's'},
         {"sessions-per-peer", required_argument, nullptr, 'S'},
+        {"idle", required_argument, nullptr, 'I'},
         {"no-ipv4", no_argument, nullptr, '4'},
         {"no-ipv6", no_argument, nullptr, '6'},
         {"setenv", required_argument, nullptr, 'e'},

@@ -20,6 +20,7 @@ struct options {
     const char *term = "vt100";
     uint32_t most_sessions = 0;
     uint32_t most_per_peer = 0;
+    uint32_t idle_seconds = 0; // 0: no limit
     std::vector<const char *> peers;
     std::vector<const char *> users;
     std::vector<const char *> groups;

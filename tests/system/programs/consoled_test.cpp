@@ -328,6 +328,18 @@ TEST_F(Consoled, has_login_ask_who_it_is)
     EXPECT_EQ(clean->vc_flag, 0x002u);
 }
 
+TEST_F(Consoled, ends_a_session_that_is_idle)
+{
+    start({"--path", path("/console"), "--idle", "1", "/bin/cat"});
+    permit_next();
+    int client = -1;
+    ASSERT_GT(log_in_path(&client, "/console"), 0);
+    const std::string said = read_until(client, "too long\r\n");
+    EXPECT_NE(said.find("nothing has moved for too long"), std::string::npos);
+    EXPECT_TRUE(ended(client));
+    close(client);
+}
+
 TEST_F(Consoled, has_few_sessions_of_one_peer_unless_told_otherwise)
 {
     start({"--path", path("/console"), "--sessions-per-peer", "1", "/bin/cat"});
