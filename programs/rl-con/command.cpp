@@ -136,13 +136,16 @@ static void shell(const console &c, const std::string &arguments)
     }
 }
 
+// Whoever has this prompt may store what he likes: asking for a password here
+// would protect nothing, and is left to what runs before it. So it is said that
+// nobody has asked.
 static void login(const console &c, const std::string &name)
 {
     if (!store_key(c, "LOGNAME", name)) {
         return;
     }
     if (tty_login_info_audit(c.line, true) == 0) {
-        printf("logged in\n");
+        printf("recorded as logged in; no password was asked for\n");
     } else {
         printf("LOGNAME is stored, the login could not be reported\n");
     }
@@ -168,7 +171,7 @@ static const command commands[] = {
     {"set", "KEY VALUE...", 2, ANY_NUMBER, "store a value", set},
     {"reset", "", 0, 0, "put the keys back to those of a free line", reset},
     {"shell", "", 0, 0, "run your shell on the line", shell},
-    {"login", "NAME", 1, 1, "store the user and report the login", login},
+    {"login", "NAME", 1, 1, "record a login as this user, unchecked", login},
     {"help", "", 0, 0, "print this", help},
     {"exit", "", 0, 0, "leave the line", nullptr},
 };

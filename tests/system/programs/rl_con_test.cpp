@@ -201,7 +201,8 @@ TEST_F(RlCon, reports_a_login)
     ASSERT_EQ(tty_setenv(300, "EXECNUM", "7"), 0);
     listener administration(path("/mng/tty/.tty_rl"));
     start();
-    EXPECT_EQ(answer("login alice"), "logged in\r\n");
+    EXPECT_EQ(answer("login alice"),
+              "recorded as logged in; no password was asked for\r\n");
     const int connection = administration.take();
     EXPECT_TRUE(told(connection));
     close(connection);
@@ -214,7 +215,8 @@ TEST_F(RlCon, survives_a_line_administration_that_has_gone)
     ASSERT_EQ(tty_setenv(300, "EXECNUM", "7"), 0);
     listener administration(path("/mng/tty/.tty_rl"));
     start();
-    EXPECT_EQ(answer("login alice"), "logged in\r\n");
+    EXPECT_EQ(answer("login alice"),
+              "recorded as logged in; no password was asked for\r\n");
     const int connection = administration.take();
     EXPECT_TRUE(told(connection));
     close(connection);
