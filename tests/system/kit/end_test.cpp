@@ -190,8 +190,8 @@ TEST_F(KitEnd, half_closed_session_that_only_echoes_its_end_stands_still)
 
 TEST_F(KitEnd, half_closed_session_goes_on_while_it_prints)
 {
-    run("for i in 1 2 3 4 5 6 7 8; do echo $i; sleep 0.2; done; echo over");
-    service.half_close_ms = 1000;
+    run("for i in 1 2 3 4 5 6 7; do echo $i; sleep 1; done; echo over");
+    service.half_close_ms = 5000;
     const int client = begin();
     shutdown(client, SHUT_WR);
     const std::string text = all_of(client);

@@ -109,6 +109,7 @@ TEST_F(KitMachine, daemon_that_ends_cleans_the_line_of_a_stopped_keeper)
 // ---- As many sessions as there are lines. ----
 
 constexpr size_t ALL_LINES = 1056;
+constexpr size_t MOST_BEGINNING = 16;
 
 // Whether the machine has what they need; the reason when it has not.
 static std::string no_room()
@@ -148,12 +149,15 @@ TEST_F(KitMachine, every_line_can_have_a_session_at_once)
     start({&service});
     const size_t before = daemon->descriptors().size();
     std::vector<int> clients;
+    // Some at a time: a keeper has ten seconds to begin.
     for (size_t i = 0; i < ALL_LINES; i++) {
         clients.push_back(client_of(service));
         ASSERT_GE(clients.back(), 0) << i;
-    }
-    for (const int client : clients) {
-        ASSERT_EQ(read_until(client, "up\r\n"), "up\r\n");
+        if (i % MOST_BEGINNING == MOST_BEGINNING - 1) {
+            for (size_t j = i + 1 - MOST_BEGINNING; j <= i; j++) {
+                ASSERT_EQ(read_until(clients[j], "up\r\n"), "up\r\n") << j;
+            }
+        }
     }
     EXPECT_TRUE(eventually([&] {
         return ask("status").find(" sessions=1056 ") != std::string::npos;
