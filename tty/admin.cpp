@@ -172,14 +172,22 @@ int tty_release_line(void)
     return result;
 }
 
-// An empty or unreadable file enables nothing.
+// An empty or unreadable file enables nothing. White space before the number
+// may be of any length; what comes behind it may be anything.
 static unsigned int read_mask(int fd)
 {
     char text[MASK_TEXT_SIZE] = {};
+    size_t used = 0;
+    ssize_t got;
 
-    // The number stands at the beginning: what comes behind it may be anything.
-    const ssize_t ignored = read(fd, text, sizeof text - 1);
-    static_cast<void>(ignored);
+    while (used < sizeof text - 1 &&
+           (got = read(fd, text + used, sizeof text - 1 - used)) > 0) {
+        used += static_cast<size_t>(got);
+        const size_t blanks = strspn(text, " \t\n\v\f\r");
+        used -= blanks;
+        memmove(text, text + blanks, used);
+        memset(text + used, 0, sizeof text - used);
+    }
     close(fd);
     return static_cast<unsigned int>(strtoull(text, nullptr, 10));
 }

@@ -1,5 +1,6 @@
 // The line library's dump log, with the serial console as its last resort.
 #include <errno.h>
+#include <fcntl.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
@@ -36,7 +37,7 @@ static bool console_wanted(void)
     char path[TTY_PATH_SIZE];
 
     return tty_make_path(path, sizeof path, CONSOLE_SWITCH) != nullptr &&
-           access(path, F_OK) == 0;
+           faccessat(AT_FDCWD, path, F_OK, AT_EACCESS) == 0;
 }
 
 // Asked before the line is made: nearly every trace is dropped.

@@ -51,10 +51,11 @@ static bool name_files_of_set(info_names *names, unsigned int ttyno)
 }
 
 // Any other failure counts as being there: the open that follows says what is
-// wrong.
+// wrong. Asked as the effective user, as that open is.
 static bool info_missing(const info_names *names)
 {
-    return access(names->info, F_OK) != 0 && errno == ENOENT;
+    return faccessat(AT_FDCWD, names->info, F_OK, AT_EACCESS) != 0 &&
+           errno == ENOENT;
 }
 
 // An empty value for a line without a file is not worth a file.

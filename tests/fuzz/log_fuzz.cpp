@@ -48,6 +48,8 @@ time_t __real_time(time_t *out);
 time_t __wrap_time(time_t *out);
 int __real_access(const char *path, int mode);
 int __wrap_access(const char *path, int mode);
+int __real_faccessat(int at, const char *path, int mode, int flags);
+int __wrap_faccessat(int at, const char *path, int mode, int flags);
 int __real_open(const char *path, int flags, ...);
 int __wrap_open(const char *path, int flags, ...);
 }
@@ -58,6 +60,15 @@ time_t __wrap_time(time_t *out)
 }
 
 // The two switches: one as the input says, never the console.
+int __wrap_faccessat(int at, const char *path, int mode, int flags)
+{
+    if (!staged) {
+        return __real_faccessat(at, path, mode, flags);
+    }
+    errno = ENOENT;
+    return -1;
+}
+
 int __wrap_access(const char *path, int mode)
 {
     if (!staged) {

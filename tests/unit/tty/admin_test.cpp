@@ -499,6 +499,28 @@ TEST_F(AdminOperationTest, the_number_may_stand_after_white_space)
     EXPECT_EQ(tty_get_service(2), 1);
 }
 
+TEST_F(AdminOperationTest, white_space_before_the_number_may_be_of_any_length)
+{
+    for (const size_t length : {126u, 127u, 128u, 300u, 5000u}) {
+        service_file(std::string(length, ' ') + "16\n");
+        EXPECT_EQ(tty_get_service(4), 1) << length;
+        EXPECT_EQ(tty_get_service(0), 0) << length;
+    }
+    service_file(std::string(5000, '\n'));
+    EXPECT_EQ(tty_get_service(4), 0);
+}
+
+TEST_F(AdminOperationTest, a_number_that_is_read_in_pieces_is_one)
+{
+    fault_row("tty_get_service", "read", "short", "as the whole number says",
+              "", "");
+    service_file("  16 3");
+    fault::shorten("read", 1, 1, fault::ALWAYS,
+                   fault::only_path(".service_cur"));
+    EXPECT_EQ(tty_get_service(4), 1);
+    EXPECT_EQ(tty_get_service(0), 0);
+}
+
 TEST_F(AdminOperationTest, a_file_that_cannot_be_opened_enables_nothing)
 {
     fault_row("tty_get_service", "fopen", "ELOOP", "0",

@@ -122,6 +122,17 @@ TEST_F(Log, errno_is_kept_after_a_dropped_trace)
     EXPECT_FALSE(support::exists(path(DUMP)));
 }
 
+TEST_F(Log, trace_whose_switch_cannot_be_looked_for_is_dropped)
+{
+    fault_row("tty_debug_msg", "access", "EACCES", "nothing", "",
+              "a trace is not written");
+    fault::reset();
+    fault::fail("access", 1, EACCES, 1, fault::only_path(TRACE_SWITCH_FILE));
+    tty_debug_msg(1, "trace\n");
+    tty_debug_msg(0, "failure\n");
+    EXPECT_EQ(tty_log(), messages({"failure\n"}));
+}
+
 TEST_F(Log, errno_is_kept_when_the_file_cannot_be_opened)
 {
     ASSERT_EQ(mkdir(path(DUMP).c_str(), 0777), 0);

@@ -205,15 +205,33 @@ TEST_F(Set, empty_value_on_a_line_with_a_file_is_stored)
 
 TEST_F(Set, empty_value_is_not_dropped_when_the_file_cannot_be_looked_for)
 {
-    fault_row("tty_set_member", "access", "EACCES", "-1",
+    fault_row("tty_set_member", "faccessat", "EACCES", "-1",
               "%s(ttyno %d:pid %d:tid %d): %s file %s fail errno:%d, %s\n",
               "the lock file; no file is created");
-    fault::fail("access", 1, EACCES, fault::ALWAYS,
+    fault::fail("faccessat", 1, EACCES, fault::ALWAYS,
                 fault::only_path(".tty_info_"));
     EXPECT_EQ(set("HOME", ""), -1);
     // Not known to be missing, so it is not created either.
     EXPECT_EQ(tty_log(), messages({open_failure("open", temporary(), ENOENT)}));
     EXPECT_TRUE(support::exists(lock_file()));
+}
+
+// A program that runs as the owner of its file: whether the file is there is
+// asked as whom it is opened.
+TEST_F(Set, file_is_looked_for_as_the_effective_user)
+{
+    ASSERT_EQ(chmod(path("/mng/tty").c_str(), 0700), 0);
+    const int looks = fault::watch("faccessat", fault::only_what(AT_EACCESS));
+    // Only root has another user to come from; for everybody the call counts.
+    EXPECT_EQ(support::in_child([] {
+                  return (setreuid(65534, geteuid()) == 0 || geteuid() != 0 ||
+                          errno == EINVAL) &&
+                         set("HOME", "/root") == 0;
+              }),
+              0);
+    EXPECT_EQ(content(), "HOME=/root\r\n");
+    EXPECT_EQ(set("TERM", "x"), 0);
+    EXPECT_EQ(fault::seen(looks), 1);
 }
 
 TEST_F(Set, creation_mask_is_zero_from_then_on)
