@@ -2,6 +2,7 @@
 // these tests.
 #include <errno.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -10,7 +11,9 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/system/support/daemon.h"
@@ -307,4 +310,209 @@ TEST_F(HazardTest, a_failed_permit_loses_the_permits_behind_it)
     EXPECT_EQ(again->protocol, 6);
     EXPECT_TRUE(next.silent(300));
     EXPECT_FALSE(path_listens(name_));
+}
+
+// A second thread of the daemon that does what the test says, a letter each.
+static int g_orders[2];
+static int g_port;
+
+static void obey(char order)
+{
+    switch (order) {
+    case 'o':
+        vc_deal_service_listen(true, 6);
+        break;
+    case 's':
+        vc_deal_service_listen(false, 6);
+        break;
+    case 'd':
+        vc_service_del(g_port);
+        break;
+    default:
+        break;
+    }
+    vc_debug_msg("test: done %c\n", order);
+}
+
+static void take_orders()
+{
+    sigset_t all;
+    sigset_t before;
+
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    std::thread([] {
+        char order;
+        while (read(g_orders[0], &order, 1) == 1) {
+            obey(order);
+        }
+    }).detach();
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+// A service on a port, and a thread that takes orders about it.
+class OrderedHazardTest : public HazardTest
+{
+  protected:
+    void SetUp() override
+    {
+        HazardTest::SetUp();
+        g_port = free_port(AF_INET);
+        ASSERT_EQ(pipe2(g_orders, O_CLOEXEC), 0);
+    }
+
+    void TearDown() override
+    {
+        close(g_orders[0]);
+        close(g_orders[1]);
+        HazardTest::TearDown();
+    }
+
+    static void prepare()
+    {
+        must_register(relaying(AF_INET, g_port, nullptr, 6));
+        take_orders();
+    }
+
+    bool order(char what, int times = 1) const
+    {
+        return write(g_orders[1], &what, 1) == 1 &&
+               logged(std::string("test: done ") + what + "\n", times);
+    }
+
+    static bool connects()
+    {
+        const int fd = connect_port(AF_INET, g_port);
+        if (fd >= 0) {
+            close(fd);
+        }
+        return fd >= 0;
+    }
+};
+
+TEST_F(OrderedHazardTest, opened_after_a_stop_and_a_lost_inetd_it_is_silent)
+{
+    FakeInetd inetd;
+    Daemon daemon(prepare);
+    InetdConnection connection = inetd.accept();
+    const auto request = connection.receive();
+    ASSERT_TRUE(request);
+    ASSERT_TRUE(connection.permit(*request));
+    ASSERT_TRUE(logged("vc: bind v4 success\r\n"));
+    ASSERT_TRUE(order('s'));
+    connection.close_now();
+    InetdConnection next = inetd.accept();
+    const auto again = next.receive();
+    ASSERT_TRUE(again);
+    ASSERT_TRUE(next.permit(*again));
+    // Says when the permit has been looked at, which is ignored silently.
+    tty_cmsg marker = {};
+    marker.vc_flag = 0x002;
+    marker.ttyno = 258;
+    ASSERT_TRUE(next.send(marker));
+    ASSERT_TRUE(logged("vc: client (ttyno=258) clear\r\n"));
+    ASSERT_TRUE(order('o'));
+    EXPECT_TRUE(next.silent(500));
+    EXPECT_FALSE(connects());
+    // What brings it back.
+    ASSERT_TRUE(order('s', 2));
+    ASSERT_TRUE(order('o', 2));
+    std::optional<tty_cmsg> third;
+    // A wake-up that comes just before the wait is lost.
+    for (int i = 0; i < 100 && !(third = next.receive(200)); i++) {
+        kill(daemon.pid(), SIGHUP);
+    }
+    ASSERT_TRUE(third);
+    ASSERT_TRUE(next.permit(*third));
+    EXPECT_TRUE(eventually(connects));
+}
+
+TEST_F(OrderedHazardTest, deleted_service_listens_until_the_wait_ends)
+{
+    FakeInetd inetd;
+    Daemon daemon(prepare);
+    InetdConnection connection = inetd.accept();
+    const auto request = connection.receive();
+    ASSERT_TRUE(request);
+    ASSERT_TRUE(connection.permit(*request));
+    ASSERT_TRUE(logged("vc: bind v4 success\r\n"));
+    // The loop waits by then.
+    ASSERT_TRUE(connection.silent(500));
+    ASSERT_TRUE(order('d'));
+    EXPECT_TRUE(connects());
+    EXPECT_TRUE(eventually([&] {
+        kill(daemon.pid(), SIGHUP);
+        return !connects();
+    }));
+}
+
+// It is not announced on the new connection, and the permit that the old one
+// brought is lost.
+TEST_F(HazardTest, a_port_moved_after_a_failed_permit_is_not_announced)
+{
+    FakeInetd inetd;
+    g_port = free_port(AF_INET);
+    static int new_port;
+    new_port = free_port(AF_INET);
+    Daemon daemon([&] {
+        must_register(relaying(AF_INET, g_port, nullptr, 6));
+        must_register(relaying(AF_UNIX, 0, name_.c_str(), 7));
+        std::thread([] {
+            while (__atomic_load_n(&g_vc_tty_socket, __ATOMIC_RELAXED) < 0) {
+                usleep(1000);
+            }
+            vc_debug_msg("test: ready\n");
+            while (__atomic_load_n(&g_vc_tty_socket, __ATOMIC_RELAXED) >= 0) {
+                usleep(100);
+            }
+            vc_debug_msg("test: moved %d\n",
+                         vc_service_update_port(6, g_port, new_port));
+        }).detach();
+    });
+    InetdConnection connection = inetd.accept();
+    ASSERT_TRUE(connection.receive());
+    auto bad = connection.receive();
+    ASSERT_TRUE(bad);
+    ASSERT_TRUE(logged("test: ready\n"));
+    memset(bad->path, 'x', sizeof bad->path);
+    ASSERT_TRUE(connection.permit(*bad));
+    EXPECT_TRUE(connection.closed_by_peer());
+    EXPECT_TRUE(logged("test: moved 0\n"));
+    InetdConnection next = inetd.accept();
+    ASSERT_TRUE(logged("): after vc_open_listen ret ", 2));
+    EXPECT_TRUE(next.silent(500));
+    EXPECT_EQ(connect_port(AF_INET, new_port), -1);
+}
+
+// Sessions survive a failed permit, but the loop does nothing else until it has
+// a connection again.
+TEST_F(HazardTest, without_the_inetd_no_session_is_relayed)
+{
+    auto inetd = std::make_unique<FakeInetd>();
+    Daemon daemon([&] {
+        must_register(relaying(AF_UNIX, 0, name_.c_str(), 7));
+    });
+    InetdConnection connection = inetd->accept();
+    const Session session = session_on(&connection);
+    ASSERT_GE(session.client, 0);
+    ASSERT_TRUE(write_all(session.client, "one\n"));
+    ASSERT_EQ(read_until(session.client, "\n"), "> one\r\n");
+    inetd.reset();
+    tty_cmsg bad = {};
+    bad.vc_flag = 0x080;
+    bad.pid = daemon.pid();
+    bad.socktype = AF_UNIX;
+    bad.protocol = 7;
+    memset(bad.path, 'x', sizeof bad.path);
+    ASSERT_TRUE(connection.send(bad));
+    EXPECT_TRUE(connection.closed_by_peer());
+    ASSERT_TRUE(logged("vc: connect inetd fail"));
+    ASSERT_TRUE(write_all(session.client, "two\n"));
+    char byte;
+    usleep(500000);
+    EXPECT_EQ(recv(session.client, &byte, 1, MSG_DONTWAIT), -1);
+    FakeInetd late;
+    const InetdConnection next = late.accept();
+    EXPECT_EQ(read_until(session.client, "\n"), "> two\r\n");
+    close(session.client);
 }

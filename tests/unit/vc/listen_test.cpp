@@ -71,6 +71,31 @@ TEST_F(ListenTest, a_listener_is_born_close_on_exec)
     close(fd);
 }
 
+static int bound_port(int fd)
+{
+    sockaddr_in address = {};
+    socklen_t length = sizeof address;
+
+    getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
+    return ntohs(address.sin_port);
+}
+
+TEST_F(ListenTest, of_a_port_out_of_range_the_last_16_bits_count)
+{
+    const struct {
+        int asked;
+        int bound;
+    } ports[] = {{70000, 4464}, {-5, 65531}};
+    for (const auto &port : ports) {
+        add(plain(AF_INET, port.asked, nullptr, 6));
+        const tty_cmsg msg = permit(AF_INET, port.asked);
+        const int fd = vc_listen(&msg, nullptr);
+        ASSERT_GE(fd, 0) << port.asked;
+        EXPECT_EQ(bound_port(fd), port.bound);
+        close(fd);
+    }
+}
+
 TEST_F(ListenTest, tos_is_set_only_when_the_permit_has_one)
 {
     tty_cmsg msg = permit(AF_INET, unused_port(AF_INET));
