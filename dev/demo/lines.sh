@@ -68,6 +68,19 @@ check_login() {
         ctl_shows "^ *$line .* logged in\$" lines
 }
 
+# Both daemons, one grammar.
+check_json() {
+    local socket
+    for socket in "$operator" "$control"; do
+        check "ttyctl ask --json: ${socket##*/} has its services" \
+            ctl_shows '^\{"services":\[\{' ask --json "$socket" services
+        check "... and says what it does not know" \
+            ctl_shows '^\{"error":"unknown command' ask --json "$socket" frob
+    done
+    check "ttylined: asks before it ends all sessions" \
+        ctl_shows 'this ends [1-9][0-9]* sessions' ask "$operator" quit
+}
+
 check_setting() {
     check "a changed setting is reported" ctl cfg "$line" SPEED 9600
     check "... ttylined was told" within_20_s \
@@ -102,6 +115,7 @@ check_lines() {
     check_table
     check_login
     check_setting
+    check_json
     log_out "shell user"
     leave_console
     check_reset
