@@ -38,7 +38,7 @@ static bool read_all(int fd, std::string &content)
 // last line that says "null" and has no end counts as no value.
 static std::string value_of(const std::string &text)
 {
-    const std::string value = text.substr(0, text.find('\0'));
+    std::string value = text.substr(0, text.find('\0'));
     const std::size_t length = value.size();
 
     if (value == "\r\n" || value == "null") {
