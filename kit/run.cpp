@@ -169,7 +169,8 @@ static int offer_node(kit_node *node)
     }
     kit_unlock();
     if (taken) {
-        return kit_fail("a service is offered there already");
+        kit_fail("a service is offered there already");
+        return -1;
     }
     return running ? offer_now(node) : 0;
 }

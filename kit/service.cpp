@@ -37,27 +37,27 @@ uint32_t kit_families(const kit_service *service)
     return service->families != 0 ? service->families : KIT_IPV4 | KIT_IPV6;
 }
 
-static bool same_place(const kit_node *one, const kit_node *other)
+static bool same_place(const kit_node *known, const kit_node *node)
 {
-    const char *path = one->service->path;
-    const char *other_path = other->service->path;
+    const char *path = known->service->path;
+    const char *wanted = node->service->path;
 
-    if (path != nullptr || other_path != nullptr) {
-        return path != nullptr && other_path != nullptr &&
-               strcmp(path, other_path) == 0;
+    if (path != nullptr || wanted != nullptr) {
+        return path != nullptr && wanted != nullptr &&
+               strcmp(path, wanted) == 0;
     }
-    return one->port == other->port &&
-           (kit_families(one->service) & kit_families(other->service)) != 0;
+    return known->port == node->port &&
+           (kit_families(known->service) & kit_families(node->service)) != 0;
 }
 
 bool kit_node_taken(const kit_node *node)
 {
-    const kit_node *other = g_nodes;
+    const kit_node *known = g_nodes;
 
-    while (other != nullptr && !same_place(other, node)) {
-        other = other->next;
+    while (known != nullptr && !same_place(known, node)) {
+        known = known->next;
     }
-    return other != nullptr;
+    return known != nullptr;
 }
 
 void kit_node_add(kit_node *node)
