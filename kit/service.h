@@ -39,10 +39,11 @@ struct kit_rules {
 struct kit_node {
     kit_node *next;
     const kit_service *service;
-    int port;         // where it is now, see kit_service_moved()
-    kit_rules *rules; // guarded by the lock; null: everybody
-    bool registered;  // with the session service
-    bool stopped;     // by a command; told by the control socket only
+    int port;           // where it is now, see kit_service_moved()
+    kit_rules *rules;   // guarded by the lock; null: everybody
+    bool registered;    // with the session service
+    bool stopped;       // by a command
+    uint32_t listening; // families, as far as they were found; see listening.h
 };
 
 // The one lock of the kit: services, rules, the table of sessions. Never held

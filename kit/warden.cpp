@@ -25,6 +25,7 @@
 #include "kit/control.h"
 #include "kit/error.h"
 #include "kit/leftover.h"
+#include "kit/listening.h"
 #include "kit/paths.h"
 #include "kit/watchdog.h"
 
@@ -232,6 +233,9 @@ static void turn(void)
     int64_t next = kit_earlier(end_mute_keepers(now), kit_leftover_tidy(now));
     next = kit_earlier(next, g_farewell);
     next = kit_earlier(next, kit_watchdog_look(now));
+    if (g_farewell == 0) {
+        next = kit_earlier(next, kit_listening_look(now));
+    }
     watched[WAKE] = {g_wake, POLLIN, 0};
     watched[SIGNALS] = {g_signals, POLLIN, 0};
     watched[PATHS] = {kit_paths_descriptor(), POLLIN, 0};
