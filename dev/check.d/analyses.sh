@@ -52,8 +52,9 @@ cppcheck_check() {
         -DTTYLINE_FACE=face_any -I. -Iinclude common tty vc kit programs
 }
 
-# The long form of what every configuration runs for some seconds.
+# A longer form of what every configuration runs for some seconds.
 soak_check() {
     cmake --preset debug-gcc && cmake --build --preset debug-gcc &&
-        TTYLINE_SOAK_SECONDS=110 ctest --preset debug-gcc -R '^SoakTest'
+        TTYLINE_SOAK_SECONDS=110 ctest --preset debug-gcc -R '^SoakTest' &&
+        tests/soak/run 120
 }
