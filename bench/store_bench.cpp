@@ -24,8 +24,8 @@
 #include <string>
 #include <vector>
 
-#include "common/keys.h"
 #include "bench/store_peers.h"
+#include "common/keys.h"
 
 constexpr int MANY = 8;
 static_assert(MANY <= LINES, "a line for each process");

@@ -1,9 +1,12 @@
 #include "kit/member.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <ttyline/kit.h>
@@ -13,6 +16,9 @@
 #include "kit/error.h"
 #include "kit/table.h"
 #include "kit/text.h"
+
+// More than a session's function has opened when somebody logs in.
+constexpr int MOST_NUMBERS = 1024;
 
 static int g_channel = -1;
 
@@ -57,6 +63,27 @@ ssize_t kit_receive(const kit_session *session, void *buffer, size_t size)
     }
 }
 
+// A program that the function runs next is the user's: it must not speak to the
+// administration daemon over the connection of the login daemon's user. The
+// library keeps its number to itself.
+static void keep_administration_from_programs(void)
+{
+    static const char END[] = "/mng/tty/.tty_rl";
+
+    for (int fd = STDERR_FILENO + 1; fd < MOST_NUMBERS; fd++) {
+        // Longer than a path, which need not have an end of its own.
+        struct sockaddr_storage peer = {};
+        socklen_t length = sizeof peer;
+        if (getpeername(fd, reinterpret_cast<struct sockaddr *>(&peer),
+                        &length) == 0 &&
+            peer.ss_family == AF_UNIX &&
+            strstr(reinterpret_cast<struct sockaddr_un *>(&peer)->sun_path,
+                   END) != nullptr) {
+            fcntl(fd, F_SETFD, FD_CLOEXEC);
+        }
+    }
+}
+
 // The library ends a process that does not ignore SIGPIPE when the
 // administration daemon has gone: a session survives that.
 static int audit_login(unsigned int line, bool success)
@@ -68,6 +95,7 @@ static int audit_login(unsigned int line, bool success)
     sigaction(SIGPIPE, &ignore, &before);
     const int result = tty_login_info_audit(line, success);
     sigaction(SIGPIPE, &before, nullptr);
+    keep_administration_from_programs();
     return result;
 }
 

@@ -1,6 +1,8 @@
 // Who is on a line, for everybody who reads lines; and nobody else.
 #include <fcntl.h>
 #include <pwd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -144,6 +146,44 @@ TEST_F(KitLine, login_is_stored_and_told)
         return word_of(row, "user") == "alice" &&
                word_of(row, "login") == "yes";
     }));
+    end(client);
+}
+
+static int listen_on_path(const std::string &name)
+{
+    sockaddr_un address = {};
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+
+    address.sun_family = AF_UNIX;
+    name.copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address),
+              0);
+    EXPECT_EQ(listen(fd, 1), 0);
+    return fd;
+}
+
+// It would speak to the administration daemon in the login daemon's name.
+TEST_F(KitLine, program_after_a_login_has_only_its_terminal)
+{
+    const int admin = listen_on_path(path("/mng/tty/.tty_rl"));
+    ASSERT_GE(admin, 0);
+    service.program = nullptr;
+    service.function = [](const kit_session *session, void *) {
+        kit_login(session, "alice", 1);
+        execl("/bin/sh", "sh", "-c",
+              "for fd in 3 4 5 6 7 8 9 10 11 12; do "
+              "[ ! -e /proc/$$/fd/$fd ] || readlink /proc/$$/fd/$fd; done; "
+              "echo that is all; read line",
+              nullptr);
+        return 1;
+    };
+    start({&service});
+    const int client = client_of(service);
+    const int told = accept(admin, nullptr, nullptr);
+    EXPECT_GE(told, 0);
+    EXPECT_EQ(read_until(client, "all\r\n"), "that is all\r\n");
+    close(told);
+    close(admin);
     end(client);
 }
 
