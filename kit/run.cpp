@@ -20,6 +20,7 @@
 #include "kit/error.h"
 #include "kit/moments.h"
 #include "kit/paths.h"
+#include "kit/place.h"
 #include "kit/program.h"
 #include "kit/service.h"
 #include "kit/table.h"
@@ -100,6 +101,9 @@ static int register_node(const kit_node *node)
 {
     const uint32_t families = kit_families(node->service);
 
+    if (kit_place_free(node->service) != 0) {
+        return -1;
+    }
     if (node->service->path != nullptr) {
         return register_family(node, AF_UNIX);
     }

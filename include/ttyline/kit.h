@@ -46,7 +46,8 @@
  * process runs.
  *
  * Functions that return int give 0 on success and -1 on failure, unless they
- * say otherwise; kit_error() has the reason.
+ * say otherwise; kit_error() has the reason. While the SONAME is 0 a record of
+ * another size is refused: rebuild a program with each new version.
  */
 #ifndef TTYLINE_KIT_H
 #define TTYLINE_KIT_H
@@ -150,7 +151,7 @@ typedef struct kit_codec {
 
 typedef struct kit_service {
     size_t size;
-    const char *name; /* for people; null: the protocol's number */
+    const char *name; /* for people; null: "protocol-" and its number */
 
     /* Where it is reached: a port, or a unix path of at most 63 characters. */
     uint32_t protocol; /* see vc(7); what it is to other programs */
@@ -216,7 +217,9 @@ typedef struct kit_service {
  *
  * service  must stay valid and unchanged while the process runs
  *
- * Returns -1 when the record is not acceptable. Does not block beyond a lock.
+ * Returns -1 when the record is not acceptable, or another program serves there;
+ * kit_run() says so of services that were offered before it. Beside a running
+ * loop it waits for a place that is in use, three seconds at most.
  */
 int kit_offer(const kit_service *service);
 

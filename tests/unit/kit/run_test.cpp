@@ -1,6 +1,9 @@
 // What kit_run() knows when it begins. Each test is a process of its own: what
 // was offered stays.
 #include <errno.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -99,9 +102,29 @@ TEST_F(KitRun, control_socket_that_cannot_be_had_is_said)
     fault_row("kit_run", "socket", "EMFILE", "-1", "",
               "the services are registered");
     ASSERT_EQ(kit_offer(&FIRST), 0);
-    fault::fail("socket", 1, EMFILE);
+    // The first one looks whether the place is free.
+    fault::fail("socket", 2, EMFILE);
     EXPECT_EQ(kit_run(&daemon), -1);
     EXPECT_STREQ(kit_error(), "no socket: Too many open files");
+}
+
+// The session service would take it away from the other daemon.
+TEST_F(KitRun, path_that_another_daemon_serves_is_refused)
+{
+    const std::string name = path("/console");
+    const kit_service service = service_of(name.c_str());
+    sockaddr_un address = {};
+    const int other = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    address.sun_family = AF_UNIX;
+    name.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(
+        bind(other, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(other, 1), 0);
+    ASSERT_EQ(kit_offer(&service), 0);
+    EXPECT_EQ(kit_run(&daemon), -1);
+    EXPECT_EQ(kit_error(), name + " is in use");
+    EXPECT_FALSE(registered(name.c_str()));
+    close(other);
 }
 
 // What the session service does not know is not offered, and may be later.

@@ -1,0 +1,8 @@
+// Whether somebody else serves already where a service is to be reached.
+#pragma once
+
+#include <ttyline/kit.h>
+
+// 0 when nobody does, else -1 with the reason for kit_error(). One that is just
+// ending, and what it has started, have three seconds to let go.
+int kit_place_free(const kit_service *service);
