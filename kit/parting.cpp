@@ -15,6 +15,7 @@
 #include "kit/keeping.h"
 #include "kit/line.h"
 #include "kit/sweep.h"
+#include "kit/text.h"
 
 constexpr int SEND_LOOK_MS = 10;
 // A line that another program locks is left to the next session's begin.
@@ -23,8 +24,10 @@ constexpr int CLEAN_PATIENCE_MS = 1000;
 static void tell_reason(keeper *k)
 {
     if (k->reason[0] != '\0') {
+        char shown[BELL_TEXT_SIZE];
         char line[BELL_TEXT_SIZE + 32];
-        (void)snprintf(line, sizeof line, "\r\nttyline: %s\r\n", k->reason);
+        (void)snprintf(line, sizeof line, "\r\nttyline: %s\r\n",
+                       kit_plain(shown, sizeof shown, k->reason));
         kit_relay_say(&k->relay, line);
     }
 }

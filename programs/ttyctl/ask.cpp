@@ -97,6 +97,12 @@ static int show(const std::string &answer, bool json)
     return print(answer.substr(0, answer.size() - (sizeof TEXT_OK - 1)));
 }
 
+// Where the daemons themselves want it.
+static bool json_behind(const invocation &call)
+{
+    return call.arguments.back() == "--json";
+}
+
 // The words go as they are: a line end in one of them would be a second
 // request.
 static bool make_request(const invocation &call, std::string &request)
@@ -107,7 +113,7 @@ static bool make_request(const invocation &call, std::string &request)
         }
         request += (i > 1 ? " " : "") + call.arguments[i];
     }
-    request += call.json ? " --json\n" : "\n";
+    request += call.json && !json_behind(call) ? " --json\n" : "\n";
     return true;
 }
 
@@ -115,6 +121,7 @@ int run_ask(const invocation &call)
 {
     const std::string &path = call.arguments[0];
     const auto deadline = deadline_of(call);
+    const bool json = call.json || json_behind(call);
     std::string request;
     std::string answer;
 
@@ -128,8 +135,8 @@ int run_ask(const invocation &call)
     const bool answered =
         send(fd, request.data(), request.size(), MSG_NOSIGNAL) ==
             static_cast<ssize_t>(request.size()) &&
-        read_answer(fd, call.json, deadline, answer);
+        read_answer(fd, json, deadline, answer);
     close(fd);
-    return answered ? show(answer, call.json)
+    return answered ? show(answer, json)
                     : fail(EXIT_UNANSWERED, escaped(path) + ": no answer");
 }

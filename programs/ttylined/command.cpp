@@ -35,10 +35,14 @@ static std::string take_word(std::string &text)
 // Takes this word off the end of the text.
 static bool take_last_word(std::string &text, const std::string &word)
 {
-    const std::size_t end = text.find_last_not_of(' ') + 1;
-    const std::size_t start = end == 0 ? 0 : text.rfind(' ', end - 1) + 1;
+    const std::size_t last = text.find_last_not_of(' ');
 
-    if (text.substr(start, end - start) != word) {
+    if (last == std::string::npos) {
+        return false;
+    }
+    const std::size_t gap = text.rfind(' ', last);
+    const std::size_t start = gap == std::string::npos ? 0 : gap + 1;
+    if (text.compare(start, last + 1 - start, word) != 0) {
         return false;
     }
     text.erase(start);

@@ -61,7 +61,7 @@ requests of programs on the lines: login, settings, hold and release.
 The socket is mng/tty/inetd/.qv_inetd below $TMPDIR, or below / when
 TMPDIR is unset; requests of the line library come in on mng/tty/.tty_rl.
 Commands are also read from standard input, 'help' lists them. Each reply
-ends with a line that holds a single dot.
+ends with a line that is "ok" or begins with "error:".
 
 While lines are held only the excepted one is assigned. Other connections
 wait for their line until somebody releases or the time of the hold, in

@@ -50,6 +50,9 @@ TEST_F(KitAsk, json_is_passed_on)
     EXPECT_EQ(ttyctl({"ask", "--json", control_path, "kick", "300"}),
               "{\"error\":\"there is no session on line 300\"}\n");
     EXPECT_EQ(code, 1);
+    EXPECT_EQ(ttyctl({"ask", control_path, "sessions", "--json"}),
+              "{\"sessions\":[]}\n");
+    EXPECT_EQ(code, 0);
 }
 
 TEST_F(KitAsk, words_are_one_command)
@@ -57,7 +60,9 @@ TEST_F(KitAsk, words_are_one_command)
     start({&service});
     const int client = client_of(service);
     read_until(client, "welcome\r\n");
-    EXPECT_EQ(ttyctl({"ask", control_path, "kick", "258", "go", "home"}), "");
+    // What would do something to his terminal is cut off.
+    EXPECT_EQ(ttyctl({"ask", control_path, "kick", "258", "go", "home\x1b[2J"}),
+              "");
     EXPECT_EQ(code, 0);
     EXPECT_EQ(all_of(client), "\r\nttyline: go home\r\n");
     close(client);
