@@ -15,7 +15,7 @@ constexpr size_t KIT_MOST_GROUPS = 64;
 
 // Whom the limit per peer counts.
 struct kit_peer_key {
-    uint8_t kind; // family of the peer
+    uint32_t kind; // family of the peer
     uint8_t bytes[16];
     uint32_t link; // of a link-local address
 };

@@ -75,6 +75,7 @@ static bool relay(const relay_way *way, const char *name, vc_child *child,
     const int ttyno = child->ttyno;
     const int result = way->step(child);
 
+    // not covered: a step that fails has emptied the slot
     if (vc_child_at(ttyno) == nullptr || result < 0) {
         return false;
     }

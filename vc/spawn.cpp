@@ -204,6 +204,7 @@ static void die_with_parent(pid_t parent)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     const pid_t now = getppid();
+    // not covered: a process that ends here leaves no counts
     if (now != parent && now != 0) {
         raise(SIGKILL);
     }

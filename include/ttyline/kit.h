@@ -217,9 +217,9 @@ typedef struct kit_service {
  *
  * service  must stay valid and unchanged while the process runs
  *
- * Returns -1 when the record is not acceptable, or another program serves there;
- * kit_run() says so of services that were offered before it. Beside a running
- * loop it waits for a place that is in use, three seconds at most.
+ * Returns -1 when the record is not acceptable, or another program serves
+ * there; kit_run() says so of services that were offered before it. Beside a
+ * running loop it waits for a place that is in use, three seconds at most.
  */
 int kit_offer(const kit_service *service);
 

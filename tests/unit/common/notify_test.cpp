@@ -7,6 +7,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
 #include "tests/support/runtime.h"
 
 class NotifyTest : public support::runtime_test
@@ -53,6 +55,18 @@ TEST_F(NotifyTest, a_state_is_one_datagram)
         EXPECT_EQ(heard(fd), "WATCHDOG=1");
         close(fd);
     }
+}
+
+TEST_F(NotifyTest, without_a_descriptor_nothing_is_said)
+{
+    fault_row("tty_notify", "socket", "EMFILE", "nothing", "", "");
+    const int fd = listen_on(path("/manager"));
+    fault::fail("socket", 1, EMFILE);
+    errno = 0;
+    tty_notify("READY=1");
+    EXPECT_EQ(errno, 0);
+    EXPECT_EQ(heard(fd), "");
+    close(fd);
 }
 
 TEST_F(NotifyTest, without_a_socket_nothing_happens)

@@ -499,6 +499,13 @@ TEST_F(AdminOperationTest, the_number_may_stand_after_white_space)
     EXPECT_EQ(tty_get_service(2), 1);
 }
 
+TEST_F(AdminOperationTest, what_stands_behind_the_number_may_be_of_any_length)
+{
+    service_file("16 " + std::string(5000, 'x'));
+    EXPECT_EQ(tty_get_service(4), 1);
+    EXPECT_EQ(tty_get_service(0), 0);
+}
+
 TEST_F(AdminOperationTest, white_space_before_the_number_may_be_of_any_length)
 {
     for (const size_t length : {126u, 127u, 128u, 300u, 5000u}) {
