@@ -1,6 +1,7 @@
 // Whole daemons whose system calls fail in the kernel's place: a tracer makes
 // the calls of the loop's thread fail, whatever library makes them. The daemon
 // lives on and serves the next client.
+#include <poll.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -103,18 +104,41 @@ class FaultTest : public SystemTest,
         return count;
     }
 
-    // Whether a new client gets its line and its answer.
+    // Whether a new client gets its line and its answer. What a failed write
+    // has left over waits for the next event when the end of the session before
+    // interrupts the loop's wait: a client who sees nothing types on.
     bool served() const
     {
         const int client = connect_path(name_);
         if (client < 0) {
             return false;
         }
-        const bool answered =
-            write_all(client, "one\n") &&
-            read_until(client, "> one").find("> one") != std::string::npos;
+        const bool answered = write_all(client, "one\n") && answers(client);
         close(client);
         return answered;
+    }
+
+    static bool answers(int client)
+    {
+        std::string text;
+        char bytes[256];
+
+        for (int looks = 0; looks < 200; looks++) {
+            pollfd watched = {client, POLLIN, 0};
+            if (poll(&watched, 1, 100) == 0) {
+                write_all(client, "\n");
+                continue;
+            }
+            const ssize_t got = read(client, bytes, sizeof bytes);
+            if (got <= 0) {
+                return false;
+            }
+            text.append(bytes, static_cast<size_t>(got));
+            if (text.find("> one") != std::string::npos) {
+                return true;
+            }
+        }
+        return false;
     }
 
     std::string name_;
