@@ -5,6 +5,8 @@
 // and of those who came before that, peers whom the mode keeps out are refused.
 #include "kit/paths.h"
 
+#include <fcntl.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/inotify.h>
 #include <sys/socket.h>
@@ -53,18 +55,34 @@ void kit_paths_begin(mode_t mode)
     }
 }
 
+// By its descriptor: somebody who can change the directory could put a link in
+// the path's place. Without /proc it stays as it is, and those whom the mode
+// keeps out are refused all the same.
+static void set_mode(int fd)
+{
+    char name[sizeof "/proc/self/fd/" + 11];
+
+    (void)snprintf(name, sizeof name, "/proc/self/fd/%d", fd);
+    const int ignored = chmod(name, g_mode);
+    static_cast<void>(ignored);
+}
+
 // The path's owner, whom its mode names; false when there is no such path. What
 // is no socket of this process's user is not touched.
 static bool give_mode(const char *path, struct stat *status)
 {
-    if (lstat(path, status) != 0 || !S_ISSOCK(status->st_mode) ||
-        status->st_uid != geteuid()) {
+    const int fd = open(path, O_PATH | O_NOFOLLOW | O_CLOEXEC);
+
+    if (fd < 0) {
         return false;
     }
-    if ((status->st_mode & ALLPERMS) != g_mode) {
-        chmod(path, g_mode);
+    const bool own = fstat(fd, status) == 0 && S_ISSOCK(status->st_mode) &&
+                     status->st_uid == geteuid();
+    if (own && (status->st_mode & ALLPERMS) != g_mode) {
+        set_mode(fd);
     }
-    return true;
+    close(fd);
+    return own;
 }
 
 // Something was made in one of the directories: which path it was costs as much
