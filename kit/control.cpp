@@ -13,6 +13,7 @@
 #include "kit/clock.h"
 #include "kit/command.h"
 #include "kit/error.h"
+#include "kit/place.h"
 
 constexpr int BACKLOG = 16;
 constexpr size_t LINE_SIZE = 512;
@@ -65,21 +66,6 @@ static int make_socket(void)
     return socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
 }
 
-// Also true when the server is alive but has no room for one more.
-static bool is_served(const struct sockaddr_un *address)
-{
-    const int fd = make_socket();
-    const int result =
-        connect(fd, reinterpret_cast<const struct sockaddr *>(address),
-                sizeof *address);
-    const bool served = result == 0 || errno != ECONNREFUSED;
-
-    if (fd >= 0) {
-        close(fd);
-    }
-    return served;
-}
-
 static bool remove_stale(const struct sockaddr_un *address)
 {
     const char *path = address->sun_path;
@@ -92,7 +78,7 @@ static bool remove_stale(const struct sockaddr_un *address)
     if (!S_ISSOCK(status.st_mode)) {
         return kit_fail("%s is there and is no socket", path) == 0;
     }
-    if (is_served(address)) {
+    if (kit_place_path_taken(path)) {
         return kit_fail("%s is in use", path) == 0;
     }
     return unlink(path) == 0 || kit_fail("%s: %s", path, strerror(errno)) == 0;
@@ -185,13 +171,6 @@ static bool answering(const control_client *client)
     return client->sent < client->report.length;
 }
 
-static void sooner(int64_t *next, int64_t when)
-{
-    if (*next == 0 || when < *next) {
-        *next = when;
-    }
-}
-
 size_t kit_control_watch(struct pollfd *watched, int64_t *next)
 {
     size_t count = 0;
@@ -202,14 +181,14 @@ size_t kit_control_watch(struct pollfd *watched, int64_t *next)
             const int events = answering(client) ? POLLOUT : POLLIN;
             watched[count] = {client->fd, static_cast<short>(events), 0};
             g_control.places[count++] = static_cast<int>(i);
-            sooner(next, client->give_up_at);
+            *next = kit_earlier(*next, client->give_up_at);
         }
     }
     if (g_control.listener < 0) {
         return count;
     }
     if (kit_now_ms() < g_control.accept_at) {
-        sooner(next, g_control.accept_at);
+        *next = kit_earlier(*next, g_control.accept_at);
         return count;
     }
     watched[count] = {g_control.listener, POLLIN, 0};

@@ -20,8 +20,8 @@ constexpr long PAUSE_NS = 50000000;
 
 // By a socket of another type: the kernel says that the one behind the path is
 // not of this type, and its owner hears nothing. Nobody has a path that refuses
-// the connection.
-static bool path_taken(const char *path)
+// the connection; who has one that must not be written to is not known.
+bool kit_place_path_taken(const char *path)
 {
     struct sockaddr_un address = {};
     const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -34,7 +34,7 @@ static bool path_taken(const char *path)
     const bool taken =
         connect(fd, reinterpret_cast<struct sockaddr *>(&address),
                 sizeof address) != 0 &&
-        errno == EPROTOTYPE;
+        (errno == EPROTOTYPE || errno == EACCES);
     close(fd);
     return taken;
 }
@@ -78,7 +78,7 @@ static bool in_use(const kit_service *service)
     const uint32_t families = kit_families(service);
 
     if (service->path != nullptr) {
-        return path_taken(service->path);
+        return kit_place_path_taken(service->path);
     }
     return ((families & KIT_IPV4) != 0 && port_taken(AF_INET, service->port)) ||
            ((families & KIT_IPV6) != 0 && port_taken(AF_INET6, service->port));
