@@ -9,9 +9,8 @@
 int vc_msg_send(int inetd_fd, const tty_cmsg *msg);
 
 // Receives one record without waiting, and leaves the connection in blocking
-// mode. Returns what recv() returns; anything
-// but the record's size means that the connection is lost, as a record is
-// never put together from parts.
+// mode. Returns what recv() returns; anything but the record's size means that
+// the connection is lost, as a record is never put together from parts.
 int vc_msg_recv(int inetd_fd, tty_cmsg *msg);
 
 // The path of a record, terminated whatever the sender did.
