@@ -1,0 +1,93 @@
+// The terminal's line editing does the work: a line is read byte by byte up to
+// its end, so that what is typed ahead stays for the next question.
+#include "programs/login/prompt.h"
+
+#include <cerrno>
+#include <cstring>
+#include <termios.h>
+#include <unistd.h>
+
+static void print(const char *text)
+{
+    std::size_t left = strlen(text);
+
+    while (left > 0) {
+        const ssize_t written = write(STDOUT_FILENO, text, left);
+        if (written < 0 && errno != EINTR) {
+            return;
+        }
+        if (written > 0) {
+            text += written;
+            left -= static_cast<std::size_t>(written);
+        }
+    }
+}
+
+void prompt_say(const char *text)
+{
+    print(text);
+    print("\n");
+}
+
+// Reads to the end of the line also what is too long for the buffer.
+static prompt_result read_line(char *answer, std::size_t size)
+{
+    std::size_t length = 0;
+    char byte = 0;
+
+    for (;;) {
+        const ssize_t got = read(STDIN_FILENO, &byte, 1);
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got != 1) {
+            return prompt_result::ENDED;
+        }
+        if (byte == '\n') {
+            break;
+        }
+        if (length < size) {
+            answer[length] = byte;
+        }
+        length += length < size ? 1 : 0;
+    }
+    if (length == size || memchr(answer, '\0', length) != nullptr) {
+        return prompt_result::TOO_LONG;
+    }
+    answer[length] = '\0';
+    return prompt_result::ANSWERED;
+}
+
+// The end of the line is shown: the next output begins on a line of its own.
+static bool hide_input(termios *before)
+{
+    termios hidden = {};
+
+    if (tcgetattr(STDIN_FILENO, before) != 0) {
+        return false;
+    }
+    hidden = *before;
+    hidden.c_lflag &= ~tcflag_t{ECHO};
+    hidden.c_lflag |= ECHONL;
+    return tcsetattr(STDIN_FILENO, TCSAFLUSH, &hidden) == 0;
+}
+
+prompt_result prompt_ask(const char *text, bool echo, char *answer,
+                         std::size_t size)
+{
+    termios before = {};
+
+    const bool hidden = !echo && hide_input(&before);
+    if (!echo && !hidden) {
+        return prompt_result::ENDED;
+    }
+    print(text);
+    prompt_result result = read_line(answer, size);
+    if (hidden) {
+        tcsetattr(STDIN_FILENO, TCSANOW, &before);
+    }
+    if (result != prompt_result::ANSWERED) {
+        explicit_bzero(answer, size);
+    }
+    return result;
+}
