@@ -459,12 +459,12 @@ TEST_F(LoginRoom, client_that_leaves_hangs_the_shell_up_behind_its_program)
     log_in();
     run("exec bash --norc --noprofile --noediting -i");
     run("HISTFILE=/home/alice/history");
-    say("sleep 600\n");
-    until("sleep 600\r\n");
+    say("echo on; sleep 600\n");
+    until("\r\non\r\n");
     close(client);
     client = -1;
     EXPECT_TRUE(over());
-    EXPECT_NE(content("/home/alice/history").find("sleep 600\n"),
+    EXPECT_NE(content("/home/alice/history").find("sleep 600"),
               std::string::npos);
     EXPECT_TRUE(noted("close_session alice \n"));
 }
