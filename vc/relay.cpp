@@ -97,9 +97,14 @@ void relay_watch(read_set *set)
             continue;
         }
         // not covered: the teardown that closes a master empties the slot
-        child->watched = child->sockfd >= 0 && child->master_fd >= 0 &&
-                         vc_protocol_of(child->reg.protocol)->relayed;
-        if (child->watched) {
+        const bool watched = child->sockfd >= 0 && child->master_fd >= 0 &&
+                             vc_protocol_of(child->reg.protocol)->relayed;
+        // Each write, even of the same value, would copy a page that the record
+        // shares with the forked children: all of them, in every turn.
+        if (child->watched != watched) {
+            child->watched = watched;
+        }
+        if (watched) {
             read_set_watch(set, child->sockfd);
             read_set_watch(set, child->master_fd);
         }

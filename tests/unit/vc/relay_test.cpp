@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -356,4 +357,26 @@ TEST_F(RelayTest, callbacks_may_register_and_control_services)
     vc_child_kill(child);
     EXPECT_EQ(service(1), nullptr);
     EXPECT_EQ(service(0)->reg.listen_port, 2323);
+}
+
+// A record is shared with the forked children as long as nobody writes to it:
+// here that would end the test.
+TEST_F(RelayTest, a_turn_in_which_nothing_changes_writes_to_no_record)
+{
+    void *page = mmap(nullptr, sizeof(vc_child), PROT_READ | PROT_WRITE,
+                      MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(page, MAP_FAILED);
+    vc_child *own = session(600);
+    memcpy(page, static_cast<void *>(own), sizeof *own);
+    vc_child_install(600, static_cast<vc_child *>(page));
+    watch();
+
+    EXPECT_EQ(mprotect(page, sizeof(vc_child), PROT_READ), 0);
+    watch();
+    EXPECT_FALSE(relay_readable(&set_, 0));
+    EXPECT_FALSE(relay_retry());
+
+    EXPECT_TRUE(vc_child_at(600)->watched);
+    vc_child_install(600, own);
+    munmap(page, sizeof(vc_child));
 }
