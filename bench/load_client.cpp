@@ -4,9 +4,11 @@
 //
 // Takes commands from standard input and answers each with a line:
 //
-//   setup COUNT ATONCE   open and close COUNT sessions, ATONCE of them under
-//                        way: RATE MEDIAN P99, a second and in microseconds,
-//                        from the connect until the session program is there
+//   setup COUNT ATONCE   open COUNT sessions, ATONCE of them under way, each
+//                        of which is told to end when its program is there:
+//                        RATE MEDIAN P99, a second and in microseconds, from
+//                        the connect until the session program is there
+//   hangup COUNT ATONCE  the same with clients that go without a word
 //   idle COUNT           keep COUNT sessions open that do nothing: COUNT
 //   echo COUNT           one session echoes a byte COUNT times: MEDIAN P99
 //   active COUNT MS      COUNT sessions, each of which sends a byte when the
@@ -127,10 +129,10 @@ static bool has_opened(Opening &opening)
     return opening.got.find(greeting) != std::string::npos;
 }
 
-// Waits for any of them; those that are there are timed and replaced or, when
-// enough have been begun, taken out.
+// Waits for any of them; those that are there are timed, told the last word and
+// replaced or, when enough have been begun, taken out.
 static void serve_openings(std::vector<Opening> &under_way, size_t &to_begin,
-                           std::vector<double> &times)
+                           const char *last_word, std::vector<double> &times)
 {
     std::vector<pollfd> watched;
 
@@ -145,6 +147,7 @@ static void serve_openings(std::vector<Opening> &under_way, size_t &to_begin,
             continue;
         }
         times.push_back(microseconds_since(under_way[i].start));
+        send_all(*under_way[i].connection, last_word);
         if (to_begin > 0) {
             to_begin--;
             under_way[i] = begin_opening();
@@ -154,7 +157,7 @@ static void serve_openings(std::vector<Opening> &under_way, size_t &to_begin,
     }
 }
 
-static void measure_setup(size_t count, size_t at_once)
+static void measure_setup(size_t count, size_t at_once, const char *last_word)
 {
     std::vector<Opening> under_way;
     std::vector<double> times;
@@ -165,7 +168,7 @@ static void measure_setup(size_t count, size_t at_once)
         under_way.push_back(begin_opening());
     }
     while (!under_way.empty()) {
-        serve_openings(under_way, to_begin, times);
+        serve_openings(under_way, to_begin, last_word, times);
     }
     const double seconds = microseconds_since(start) / 1e6;
     printf("%.1f %.1f %.1f\n", static_cast<double>(times.size()) / seconds,
@@ -288,7 +291,9 @@ static void obey(const std::string &line, Connections &idle)
 
     words >> command >> first >> second;
     if (command == "setup" && first > 0 && second > 0) {
-        measure_setup(first, second);
+        measure_setup(first, second, "q;");
+    } else if (command == "hangup" && first > 0 && second > 0) {
+        measure_setup(first, second, "");
     } else if (command == "idle") {
         keep_idle(idle, first);
     } else if (command == "echo" && first > 0) {

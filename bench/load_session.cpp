@@ -1,7 +1,8 @@
 // The session program of the load measurements: says "ready;" on a raw
 // terminal and takes one command, "e;" to echo what comes from then on, "o N;"
-// to print N bytes, "i N;" to read N bytes and answer "done;". What counts the
-// memory of a server knows these processes by their name and leaves them out.
+// to print N bytes, "i N;" to read N bytes and answer "done;", "q;" to end.
+// What counts the memory of a server knows these processes by their name and
+// leaves them out.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -98,6 +99,8 @@ int main()
             print(bytes);
         } else if (command[0] == 'i') {
             swallow(bytes);
+        } else if (command[0] == 'q') {
+            return 0;
         }
     }
 }
