@@ -178,7 +178,8 @@ void kit_admission_refuse(const kit_entry *entry, int connection,
     char scrap[512];
 
     log_refusal(entry->node, entry->peer, reason);
-    if (entry->session.service->codec != nullptr) {
+    const kit_codec *codec = entry->session.service->codec;
+    if (codec != nullptr && codec->plain_text == 0) {
         return;
     }
     const int length = snprintf(line, sizeof line, "ttyline: %s\r\n",

@@ -5,30 +5,17 @@
 // does when the last master of a terminal is closed.
 #include "kit/keeper.h"
 
-#include <errno.h>
-#include <fcntl.h>
 #include <limits.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <signal.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
-#include <sys/ioctl.h>
-#include <sys/prctl.h>
 #include <sys/signalfd.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "kit/audit.h"
 #include "kit/bell.h"
 #include "kit/clock.h"
-#include "kit/descriptors.h"
-#include "kit/identity.h"
 #include "kit/keeping.h"
-#include "kit/program.h"
-#include "kit/text.h"
 
 // The end of input is typed again for a program that was not there yet, or that
 // threw it away by a change of modes: after this time, and each time after
@@ -36,175 +23,11 @@
 // echo.
 constexpr int64_t END_AGAIN_MS = 100;
 constexpr int64_t QUIET_LOOK_MS = 100;
+// For what the peer says of its terminal.
+constexpr uint32_t READY_MS = 500;
 
 // One a process; not on the stack of whatever thread was forked.
 static keeper g_keeper;
-
-static void forget_signals(void)
-{
-    static const int IGNORED[] = {SIGHUP, SIGINT, SIGQUIT, SIGPIPE};
-    sigset_t none;
-
-    for (int number = 1; number < NSIG; number++) {
-        signal(number, SIG_DFL);
-    }
-    for (const int number : IGNORED) {
-        signal(number, SIG_IGN);
-    }
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-}
-
-static int open_signals(void)
-{
-    sigset_t heard;
-
-    sigemptyset(&heard);
-    sigaddset(&heard, SIGCHLD);
-    sigaddset(&heard, SIGTERM);
-    sigprocmask(SIG_SETMASK, &heard, nullptr);
-    return signalfd(-1, &heard, SFD_CLOEXEC | SFD_NONBLOCK);
-}
-
-// Everything of the daemon's and of other sessions goes. A number that stays
-// open here would keep somebody else's connection from ending.
-static void keep_own_descriptors(const kit_entry *entry)
-{
-    const int own[] = {entry->connection, entry->master, entry->keeper_bell,
-                       entry->program_channel, kit_audit_descriptor()};
-
-    kit_close_all_but(own, sizeof own / sizeof *own);
-}
-
-static void replace_standard_streams(void)
-{
-    const int null = open("/dev/null", O_RDWR | O_CLOEXEC | O_NOCTTY);
-
-    for (int fd = 0; fd <= 2; fd++) {
-        if (null >= 0) {
-            dup2(null, fd);
-        } else {
-            close(fd);
-        }
-    }
-    if (null > 2) {
-        close(null);
-    }
-}
-
-// A keystroke must not wait for the answer to the one before.
-static void set_connection(const kit_entry *entry)
-{
-    int on = 1;
-
-    if (entry->family == AF_UNIX) {
-        return;
-    }
-    setsockopt(entry->connection, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
-    setsockopt(entry->connection, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-}
-
-// The terminal is given up first: it can be the controlling one of one session
-// only. That sends a hang-up to this process, which ignores it.
-// Returns the pipe over which it is let go, -1 when there is no program.
-static int start_program(keeper *k, const char *device)
-{
-    int go[2];
-
-    if (pipe2(go, O_CLOEXEC) != 0) {
-        return -1;
-    }
-    kit_program_make_terminal_sane();
-    ioctl(0, TIOCNOTTY);
-    k->program = fork();
-    if (k->program == 0) {
-        close(go[1]);
-        kit_program_run(k->entry, device, go[0]);
-    }
-    close(go[0]);
-    if (k->program < 0) {
-        close(go[1]);
-        return -1;
-    }
-    return go[1];
-}
-
-// Whoever is to free a full disk, or mend a broken one, has to come in first.
-static bool go_without_identity(const kit_entry *entry, int error)
-{
-    char reason[3 * BELL_TEXT_SIZE];
-
-    if (error != ENOSPC && error != EDQUOT && error != EROFS && error != EIO) {
-        return false;
-    }
-    kit_audit("no-identity line=%d id=%s reason=%s", entry->session.line,
-              entry->id, kit_word(reason, sizeof reason, kit_error()));
-    return true;
-}
-
-// What nobody lets go ends by itself.
-static void let_program_go(keeper *k, int go)
-{
-    if (kit_identity_store(k->entry, k->program) != 0 &&
-        !go_without_identity(k->entry, errno)) {
-        (void)snprintf(k->reason, sizeof k->reason, "no session: %s",
-                       kit_error());
-        k->dismissed = true;
-    } else if (write(go, "g", 1) != 1) {
-        k->dismissed = true;
-    }
-    close(go);
-}
-
-static void note_program(keeper *k, const char *device)
-{
-    char name[16];
-
-    (void)snprintf(name, sizeof name, "keeper %d", k->entry->session.line);
-    prctl(PR_SET_NAME, name);
-    replace_standard_streams();
-    close(k->entry->program_channel);
-    if (!k->dismissed) {
-        kit_bell_say(k->bell, BELL_USER, 0, k->entry->user);
-        kit_bell_say(k->bell, BELL_PROGRAM, k->program, device);
-    }
-}
-
-// Known from here on to the keeper and to what it forks.
-static void note_terminal(const kit_entry *entry, const char *device)
-{
-    kit_entry *own = const_cast<kit_entry *>(entry); // this process's copy
-    const struct passwd *user = kit_identity_user(entry->session.service);
-
-    (void)snprintf(own->device, sizeof own->device, "%s", device);
-    (void)snprintf(own->user, sizeof own->user, "%s",
-                   user != nullptr ? user->pw_name : "");
-    own->session.keeper_pid = getpid();
-}
-
-static void begin(keeper *k, const kit_entry *entry, const char *device)
-{
-    k->entry = entry;
-    k->bell = entry->keeper_bell;
-    k->status = -1;
-    forget_signals();
-    keep_own_descriptors(entry);
-    // Of what the program leaves behind nothing may escape: see finish().
-    prctl(PR_SET_CHILD_SUBREAPER, 1);
-    k->signals = open_signals();
-    kit_bell_say(k->bell, BELL_RUNS, getpid(), "");
-    note_terminal(entry, device);
-    const int go = k->signals < 0 ? -1 : start_program(k, device);
-    if (go < 0) {
-        _exit(1);
-    }
-    let_program_go(k, go);
-    note_program(k, device);
-    set_connection(entry);
-    kit_relay_open(&k->relay, entry->connection, entry->master,
-                   entry->session.service->codec, &entry->session);
-    k->still_since = kit_now_ms();
-}
 
 // Other children are what the program has left. Its own number must not become
 // another's before its session is over, as they are found by it: it is reaped
@@ -298,6 +121,9 @@ static int time_to_wait(const keeper *k)
     if (k->relay.terminal_quiet && !k->program_ended) {
         sooner(&timeout, QUIET_LOOK_MS);
     }
+    if (k->start_at != 0) {
+        sooner(&timeout, k->start_at - now);
+    }
     return static_cast<int>(timeout < INT_MAX ? timeout : INT_MAX);
 }
 
@@ -384,11 +210,28 @@ static bool over(keeper *k)
     return true;
 }
 
+// A program finds the peer's window and type on its terminal, if the peer tells
+// them in time: it asks for them once, when it starts.
+void kit_keeping_await_terminal(keeper *k)
+{
+    const kit_codec *codec = k->entry->session.service->codec;
+
+    if (codec == nullptr || codec->ready == nullptr) {
+        return;
+    }
+    k->start_at = kit_now_ms() + kit_keeping_limit(codec->ready_ms, READY_MS);
+    while (!over(k) && kit_now_ms() < k->start_at &&
+           codec->ready(k->relay.state) == 0) {
+        turn(k);
+    }
+    k->start_at = 0;
+}
+
 int kit_keep(const kit_entry *entry, const char *device)
 {
     keeper *k = &g_keeper;
 
-    begin(k, entry, device);
+    kit_keeping_begin(k, entry, device);
     while (!over(k)) {
         turn(k);
     }

@@ -1,6 +1,7 @@
 // What a keeper knows of its session, for its work and for its end.
 #pragma once
 
+#include "kit/bell.h"
 #include "kit/relay.h"
 #include "kit/table.h"
 
@@ -18,6 +19,7 @@ struct keeper {
     int status;
     bool dismissed;              // by the daemon or a signal
     char reason[BELL_TEXT_SIZE]; // told to the user
+    int64_t start_at;            // the program, at the latest; 0: it has
     int64_t still_since;
     int64_t end_typed; // when, 0: not yet
     int64_t end_again; // when next
@@ -29,6 +31,13 @@ inline uint32_t kit_keeping_limit(uint32_t wanted, uint32_t usual)
 {
     return wanted != 0 ? wanted : usual;
 }
+
+// Begins the session: its program is started, but for what it waits for.
+void kit_keeping_begin(keeper *k, const kit_entry *entry, const char *device);
+
+// Moves data until the peer has told what its terminal is, or its time for that
+// is over.
+void kit_keeping_await_terminal(keeper *k);
 
 // What has happened to the program, and what the daemon wants; neither waits.
 void kit_keeping_take_signals(keeper *k);

@@ -19,6 +19,7 @@
 #include "kit/keeper.h"
 #include "kit/keeping.h"
 #include "kit/text.h"
+#include "kit/unrelayed.h"
 #include "kit/warden.h"
 
 constexpr size_t REASON_SIZE = 128;
@@ -89,6 +90,11 @@ static void forget(kit_entry *entry)
     kit_entry_free(entry);
 }
 
+static bool is_unrelayed(const kit_entry *entry)
+{
+    return kit_unrelayed(entry->session.service->protocol);
+}
+
 static int on_alloc(int ttyno, int inetd_fd, int sockfd, int master_fd)
 {
     (void)inetd_fd;
@@ -112,6 +118,13 @@ static int on_alloc(int ttyno, int inetd_fd, int sockfd, int master_fd)
     }
     entry->deadline_ms = kit_now_ms() + START_LIMIT_MS;
     kit_table_put(entry);
+    if (is_unrelayed(entry) && !kit_unrelayed_add(entry)) {
+        kit_admission_refuse(entry, entry->connection,
+                             "no resources for a session");
+        kit_unrelayed_remove(entry);
+        forget(entry);
+        return -1;
+    }
     kit_warden_deadline(entry->deadline_ms);
     return 0;
 }
@@ -213,8 +226,7 @@ static void take_message(kit_entry *entry, const bell_message *message)
     }
 }
 
-// Returns false when the keeper has gone.
-static bool hear(kit_entry *entry)
+bool kit_moments_bell(kit_entry *entry)
 {
     bell_message message;
     int heard;
@@ -269,12 +281,12 @@ bool kit_moments_prepare(void)
         shutdown(ends[0], SHUT_WR);
         g_silent = ends[0];
     }
-    return g_silent >= 0;
+    return g_silent >= 0 && kit_unrelayed_prepare();
 }
 
-static void listen_to_program(kit_entry *entry, int most)
+static bool listen_to_program(kit_entry *entry, int most)
 {
-    static char data[CHANNEL_MOST + 1];
+    char data[CHANNEL_MOST + 1];
     uint8_t kind = 0;
     ssize_t got = 0;
 
@@ -285,17 +297,19 @@ static void listen_to_program(kit_entry *entry, int most)
         }
         take_channel(entry, kind, data, static_cast<size_t>(got));
     }
-    // At its end it would stay readable for ever.
-    if (got == -2) {
-        dup3(g_silent, entry->channel, O_CLOEXEC);
-    }
+    return got != -2;
+}
+
+bool kit_moments_channel(kit_entry *entry)
+{
+    return listen_to_program(entry, MOST_MESSAGES);
 }
 
 static int on_bell(int ttyno)
 {
     kit_entry *entry = kit_entry_at(ttyno);
 
-    return entry != nullptr && hear(entry) ? 0 : -1;
+    return entry != nullptr && kit_moments_bell(entry) ? 0 : -1;
 }
 
 static int on_channel(int ttyno)
@@ -305,7 +319,10 @@ static int on_channel(int ttyno)
     if (entry == nullptr) {
         return -1;
     }
-    listen_to_program(entry, MOST_MESSAGES);
+    // At its end it would stay readable for ever.
+    if (!kit_moments_channel(entry)) {
+        dup3(g_silent, entry->channel, O_CLOEXEC);
+    }
     return 0;
 }
 
@@ -319,7 +336,10 @@ static int on_kill(int ttyno)
     if (entry == nullptr) {
         return 0;
     }
-    hear(entry);
+    if (is_unrelayed(entry)) {
+        kit_unrelayed_remove(entry);
+    }
+    kit_moments_bell(entry);
     listen_to_program(entry, MOST_LAST_MESSAGES);
     const bool ran = entry->session.pid != 0;
     if (!entry->cleaned) {

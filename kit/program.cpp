@@ -23,6 +23,7 @@
 #include "kit/descriptors.h"
 #include "kit/identity.h"
 #include "kit/member.h"
+#include "kit/terminal.h"
 
 constexpr int CANNOT_RUN = 127;
 constexpr unsigned short USUAL_ROWS = 24;
@@ -209,17 +210,21 @@ static void enter_directory(const kit_service *service,
     _exit(result);
 }
 
-// The keeper says on the line whose it is, and then lets the program go on.
+// The keeper says on the line whose it is, and then lets the program go on: a
+// byte, and behind it the terminal's type if that was told.
 static void wait_for_identity(int go)
 {
-    char byte;
+    char message[1 + KIT_TYPE_SIZE] = "";
     ssize_t got;
 
     do {
-        got = read(go, &byte, 1);
+        got = read(go, message, sizeof message - 1);
     } while (got < 0 && errno == EINTR);
-    if (got != 1) {
+    if (got < 1) {
         _exit(CANNOT_RUN);
+    }
+    if (got > 1) {
+        kit_terminal_type(message + 1);
     }
 }
 

@@ -1,19 +1,18 @@
 // The buffers are static: a keeper has one relay, and pages that nothing was
-// ever written to cost nothing. One that was filled gives its pages back when
-// it is empty again.
+// ever written to cost nothing.
 #include "kit/relay.h"
 
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <termios.h>
 #include <unistd.h>
 
-constexpr size_t PAGE = 4096;
-constexpr size_t BUFFER_SIZE = 8 * PAGE;
+#include "kit/terminal.h"
+
+constexpr size_t BUFFER_SIZE = 8 * KIT_BUFFER_PAGE;
 // A codec is called while it has so much room in both directions.
 constexpr size_t CODEC_ROOM = 16;
 // Left to the answers of the other direction, which must not stand still too.
@@ -24,36 +23,7 @@ constexpr size_t BULK = 512;
 // After so many buffers one way the other one has its turn.
 constexpr int MOST_STEPS = 4;
 
-alignas(PAGE) static uint8_t g_bytes[4][BUFFER_SIZE];
-
-static size_t room(const kit_buffer *buffer)
-{
-    return buffer->size - buffer->end;
-}
-
-static void compact(kit_buffer *buffer)
-{
-    if (buffer->start > 0) {
-        memmove(buffer->bytes, buffer->bytes + buffer->start,
-                kit_buffer_pending(buffer));
-        buffer->end -= buffer->start;
-        buffer->start = 0;
-    }
-}
-
-// An idle session has nothing in memory but what a keystroke needs.
-static void used(kit_buffer *buffer, size_t count)
-{
-    const bool was_large = buffer->end > PAGE;
-
-    buffer->start += count;
-    if (buffer->start == buffer->end) {
-        buffer->start = buffer->end = 0;
-        if (was_large) {
-            madvise(buffer->bytes + PAGE, buffer->size - PAGE, MADV_DONTNEED);
-        }
-    }
-}
+alignas(KIT_BUFFER_PAGE) static uint8_t g_bytes[4][BUFFER_SIZE];
 
 static void set_nonblocking(int fd)
 {
@@ -102,6 +72,7 @@ void kit_relay_open(kit_relay *relay, int connection, int master,
     set_buffer(&relay->to_peer, 3);
     set_nonblocking(connection);
     set_nonblocking(master);
+    kit_terminal_open(master);
     if (codec != nullptr) {
         open_codec(relay, session);
     }
@@ -128,10 +99,11 @@ static void read_peer(kit_relay *relay)
 {
     kit_buffer *buffer = arriving_in(relay);
 
-    compact(buffer);
-    while (!relay->peer_ended && !relay->peer_gone && room(buffer) > 0) {
+    kit_buffer_compact(buffer);
+    while (!relay->peer_ended && !relay->peer_gone &&
+           kit_buffer_room(buffer) > 0) {
         const ssize_t got = recv(relay->connection, buffer->bytes + buffer->end,
-                                 room(buffer), 0);
+                                 kit_buffer_room(buffer), 0);
         if (got < 0) {
             relay->peer_gone = !retry_later(errno);
             return;
@@ -151,10 +123,10 @@ static bool read_terminal(kit_relay *relay)
 {
     kit_buffer *buffer = arriving_out(relay);
 
-    compact(buffer);
-    while (!relay->terminal_ended && room(buffer) > 0) {
-        const ssize_t got =
-            read(relay->master, buffer->bytes + buffer->end, room(buffer));
+    kit_buffer_compact(buffer);
+    while (!relay->terminal_ended && kit_buffer_room(buffer) > 0) {
+        const ssize_t got = read(relay->master, buffer->bytes + buffer->end,
+                                 kit_buffer_room(buffer));
         if (got < 0 && errno == EINTR) {
             continue;
         }
@@ -186,7 +158,7 @@ static void write_peer(kit_relay *relay)
             return;
         }
         relay->moved = true;
-        used(buffer, static_cast<size_t>(sent));
+        kit_buffer_used(buffer, static_cast<size_t>(sent));
     }
 }
 
@@ -205,7 +177,7 @@ static void write_terminal(kit_relay *relay)
         relay->last_was_newline =
             buffer->bytes[buffer->start + static_cast<size_t>(written) - 1] ==
             '\n';
-        used(buffer, static_cast<size_t>(written));
+        kit_buffer_used(buffer, static_cast<size_t>(written));
     }
 }
 
@@ -216,18 +188,19 @@ static bool translate(kit_relay *relay, int (*step)(void *, kit_flow *),
 {
     kit_flow flow;
 
-    compact(out);
-    compact(back);
-    if (kit_buffer_pending(in) == 0 || room(out) < CODEC_ROOM + SPARE ||
-        room(back) < CODEC_ROOM) {
+    kit_buffer_compact(out);
+    kit_buffer_compact(back);
+    if (kit_buffer_pending(in) == 0 ||
+        kit_buffer_room(out) < CODEC_ROOM + SPARE ||
+        kit_buffer_room(back) < CODEC_ROOM) {
         return false;
     }
     flow.in = in->bytes + in->start;
     flow.in_left = kit_buffer_pending(in);
     flow.out = out->bytes + out->end;
-    flow.out_room = room(out) - SPARE;
+    flow.out_room = kit_buffer_room(out) - SPARE;
     flow.back = back->bytes + back->end;
-    flow.back_room = room(back);
+    flow.back_room = kit_buffer_room(back);
     if (step(relay->state, &flow) < 0) {
         relay->peer_gone = true;
         return false;
@@ -235,7 +208,7 @@ static bool translate(kit_relay *relay, int (*step)(void *, kit_flow *),
     const size_t taken = kit_buffer_pending(in) - flow.in_left;
     out->end = out->size - SPARE - flow.out_room;
     back->end = back->size - flow.back_room;
-    used(in, taken);
+    kit_buffer_used(in, taken);
     return taken > 0;
 }
 
@@ -271,8 +244,11 @@ void kit_relay_want(kit_relay *relay, struct pollfd *connection,
     connection->events = 0;
     if (!relay->peer_ended) {
         connection->events |= relay->peer_ending ? 0 : POLLRDHUP;
-        if (kit_buffer_pending(in) < in->size) {
-            connection->events |= POLLIN;
+        const bool has_room = kit_buffer_pending(in) < in->size;
+        connection->events |= has_room ? POLLIN : 0;
+        // It is reported until it was read, for which there may be no room.
+        if (relay->hears_urgent && (has_room || !relay->urgent_noted)) {
+            connection->events |= POLLPRI;
         }
     }
     if (kit_buffer_pending(&relay->to_peer) > 0) {
@@ -309,6 +285,20 @@ static void look_for_end(kit_relay *relay, short happened)
     }
 }
 
+// What was sent before it may stand where the program reads nothing any more:
+// it must not keep what comes from being understood, and typed.
+static void note_urgent(kit_relay *relay)
+{
+    kit_buffer *typed = &relay->to_terminal;
+
+    relay->urgent_noted = true;
+    relay->codec->urgent(relay->state);
+    if (kit_buffer_pending(typed) > 0) {
+        kit_buffer_used(typed, kit_buffer_pending(typed));
+        kit_terminal_forget_typed();
+    }
+}
+
 static void move_output(kit_relay *relay)
 {
     bool more = true;
@@ -324,6 +314,11 @@ static void move_output(kit_relay *relay)
 void kit_relay_move(kit_relay *relay, const struct pollfd *connection,
                     const struct pollfd *master)
 {
+    if ((connection->revents & POLLPRI) != 0) {
+        note_urgent(relay);
+    } else if ((connection->events & POLLPRI) != 0) {
+        relay->urgent_noted = false;
+    }
     if (connection->revents != 0) {
         write_peer(relay);
         read_peer(relay);
@@ -350,12 +345,12 @@ void kit_relay_finish_terminal(kit_relay *relay)
     kit_buffer *buffer = arriving_out(relay);
 
     while (!relay->terminal_ended && !relay->peer_gone) {
-        compact(buffer);
-        if (room(buffer) == 0) {
+        kit_buffer_compact(buffer);
+        if (kit_buffer_room(buffer) == 0) {
             return;
         }
-        const ssize_t got =
-            read(relay->master, buffer->bytes + buffer->end, room(buffer));
+        const ssize_t got = read(relay->master, buffer->bytes + buffer->end,
+                                 kit_buffer_room(buffer));
         if (got <= 0) {
             relay->terminal_ended = got == 0 || errno != EINTR;
             continue;
@@ -391,8 +386,9 @@ void kit_relay_say(kit_relay *relay, const char *text)
     kit_buffer *buffer = arriving_out(relay);
     const size_t length = strlen(text);
 
-    compact(buffer);
-    const size_t count = length < room(buffer) ? length : room(buffer);
+    kit_buffer_compact(buffer);
+    const size_t count =
+        length < kit_buffer_room(buffer) ? length : kit_buffer_room(buffer);
     memcpy(buffer->bytes + buffer->end, text, count);
     buffer->end += count;
     encode(relay);

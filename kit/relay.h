@@ -6,12 +6,7 @@
 
 #include <ttyline/kit.h>
 
-struct kit_buffer {
-    uint8_t *bytes;
-    size_t size;
-    size_t start;
-    size_t end;
-};
+#include "kit/buffer.h"
 
 struct kit_relay {
     int connection;
@@ -28,7 +23,10 @@ struct kit_relay {
     bool terminal_ended; // all output of the program has been read
     bool terminal_quiet; // nobody has it open just now
     bool last_was_newline;
-    bool moved; // something has moved since this was last cleared
+    bool hears_urgent; // the connection has urgent data, and the codec wants
+                       // it; the keeper's to set
+    bool urgent_noted; // the codec knows of that which is still to be read
+    bool moved;        // something has moved since this was last cleared
 };
 
 // Takes both descriptors, which become non-blocking. One relay a process.
@@ -53,11 +51,6 @@ bool kit_relay_type_end(kit_relay *relay);
 
 // Appends text for the peer, as far as there is room, and sends what it takes.
 void kit_relay_say(kit_relay *relay, const char *text);
-
-inline size_t kit_buffer_pending(const kit_buffer *buffer)
-{
-    return buffer->end - buffer->start;
-}
 
 // Whether all that the program has printed is with the peer's system.
 inline bool kit_relay_delivered(const kit_relay *relay)

@@ -24,6 +24,7 @@
 #include "kit/program.h"
 #include "kit/service.h"
 #include "kit/table.h"
+#include "kit/unrelayed.h"
 #include "kit/warden.h"
 
 constexpr int HIGHEST_PORT = 65535;
@@ -54,6 +55,17 @@ static int check_endpoint(const kit_service *service)
                : kit_fail("%d is no port", service->port);
 }
 
+// The loop, on whose thread they would be called, hears too late of these.
+static int check_callbacks(const kit_service *service)
+{
+    if (kit_unrelayed(service->protocol) &&
+        (service->began != nullptr || service->received != nullptr)) {
+        return kit_fail("protocol %u has no callbacks began and received",
+                        service->protocol);
+    }
+    return 0;
+}
+
 static int check_service(const kit_service *service)
 {
     if (service->size != sizeof *service) {
@@ -74,7 +86,7 @@ static int check_service(const kit_service *service)
     if (service->program != nullptr && service->program[0] == nullptr) {
         return kit_fail("the program has no name");
     }
-    return check_endpoint(service);
+    return check_callbacks(service) == 0 ? check_endpoint(service) : -1;
 }
 
 static int register_family(const kit_node *node, int family)

@@ -27,6 +27,7 @@
 #include "kit/leftover.h"
 #include "kit/listening.h"
 #include "kit/paths.h"
+#include "kit/unrelayed.h"
 #include "kit/watchdog.h"
 
 // How long sessions have to end when the daemon does, and how long keepers have
@@ -225,7 +226,7 @@ static int time_until(int64_t when, int64_t now)
 
 static void turn(void)
 {
-    enum { WAKE, SIGNALS, PATHS, CONTROL };
+    enum { WAKE, SIGNALS, PATHS, SESSIONS, CONTROL };
     struct pollfd watched[CONTROL + KIT_CONTROL_DESCRIPTORS] = {};
     uint64_t count;
     int64_t now = kit_now_ms();
@@ -239,6 +240,7 @@ static void turn(void)
     watched[WAKE] = {g_wake, POLLIN, 0};
     watched[SIGNALS] = {g_signals, POLLIN, 0};
     watched[PATHS] = {kit_paths_descriptor(), POLLIN, 0};
+    watched[SESSIONS] = {kit_unrelayed_descriptor(), POLLIN, 0};
     const size_t used = kit_control_watch(&watched[CONTROL], &next);
     poll(watched, CONTROL + used, time_until(next, now));
     if ((watched[WAKE].revents & POLLIN) != 0) {
@@ -250,6 +252,9 @@ static void turn(void)
     }
     if (watched[PATHS].revents != 0) {
         kit_paths_mend();
+    }
+    if (watched[SESSIONS].revents != 0) {
+        kit_unrelayed_hear();
     }
     kit_control_serve(&watched[CONTROL], used);
     end_when_over(kit_now_ms());

@@ -147,7 +147,34 @@ typedef struct kit_codec {
     int (*open)(void *state, kit_flow *flow, const kit_session *session);
     int (*decode)(void *state, kit_flow *flow); /* peer to terminal */
     int (*encode)(void *state, kit_flow *flow); /* terminal to peer */
+    /* Whether the program may start: non-zero when the peer has told what it
+       should find. Asked from turn to turn, for ready_ms at most (0: 500).
+       Optional: without it the program starts at once. */
+    int (*ready)(const void *state);
+    uint32_t ready_ms;
+    /* The peer has sent urgent data over TCP, which stays in its place among
+       the rest. Called before what was received with it is decoded, perhaps
+       more than once. Where the terminal takes no more, what was typed on it
+       before is thrown away. Optional. */
+    void (*urgent)(void *state);
+    int32_t plain_text; /* 1: a peer can read a line of text that was not
+                           encoded, as that why it is refused */
 } kit_codec;
+
+/*
+ * In the calls of a codec: the terminal of its session.
+ *
+ * kit_terminal_size       sets its size, both from 1 to 65535; the line's
+ *                         COLUMNS and LINES have the one that the program
+ *                         starts with
+ * kit_terminal_type       TERM of the program and of the line, 1 to 63 bytes;
+ *                         without effect once the program has started
+ * kit_terminal_character  one of its special characters, by an index of
+ *                         <termios.h> such as VINTR; 0 when it has none
+ */
+int kit_terminal_size(unsigned int columns, unsigned int rows);
+int kit_terminal_type(const char *type);
+unsigned char kit_terminal_character(int index);
 
 typedef struct kit_service {
     size_t size;
@@ -189,7 +216,9 @@ typedef struct kit_service {
     /*
      * Callbacks in the daemon, on the loop's thread: they must not wait, nor
      * call kit_offer(), kit_admit() or functions of ttyline/vc.h that change
-     * listeners. All are optional. The session is valid during the call.
+     * listeners. All are optional. The session is valid during the call. A
+     * service of a protocol that is not relayed, see ttyline/vc.h, cannot have
+     * began and received.
      *
      * admit     a last word after the admission rules; 0 lets the session in,
      *           anything else refuses it, with the reason that it wrote

@@ -1,5 +1,7 @@
 // The two ways between a connection and a terminal, with and without a codec.
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <stdlib.h>
 #include <string.h>
@@ -322,8 +324,15 @@ static int encode_test(void *, kit_flow *flow)
     return 0;
 }
 
-static const kit_codec CODEC = {sizeof CODEC, sizeof(int), open_test,
-                                decode_test, encode_test};
+static const kit_codec CODEC = {sizeof CODEC,
+                                sizeof(int),
+                                open_test,
+                                decode_test,
+                                encode_test,
+                                nullptr,
+                                0,
+                                nullptr,
+                                0};
 
 TEST_F(KitRelay, codec_translates_both_ways_and_answers)
 {
@@ -335,6 +344,103 @@ TEST_F(KitRelay, codec_translates_both_ways_and_answers)
     ASSERT_EQ(write(slave, "axb", 3), 3);
     turn();
     EXPECT_EQ(drain(peer), "axxb");
+}
+
+static int g_urgent;
+
+static void count_urgent(void *)
+{
+    g_urgent++;
+}
+
+// A connection that has urgent data, which socketpair() does not give.
+static void connect_over_tcp(int ends[2])
+{
+    sockaddr_in address = {};
+    socklen_t size = sizeof address;
+    auto *any = reinterpret_cast<sockaddr *>(&address);
+    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(bind(listener, any, sizeof address), 0);
+    ASSERT_EQ(listen(listener, 1), 0);
+    ASSERT_EQ(getsockname(listener, any, &size), 0);
+    ends[0] = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(connect(ends[0], any, sizeof address), 0);
+    ends[1] = accept(listener, nullptr, nullptr);
+    ASSERT_GE(ends[1], 0);
+    close(listener);
+}
+
+static short wanted_of(kit_relay *relay)
+{
+    pollfd watched[2] = {};
+
+    kit_relay_want(relay, &watched[0], &watched[1]);
+    return watched[0].events;
+}
+
+class KitRelayUrgent : public KitRelay
+{
+  protected:
+    void SetUp() override
+    {
+        int ends[2];
+        int on = 1;
+        KitRelay::SetUp();
+        close(peer);
+        close(connection);
+        connect_over_tcp(ends);
+        peer = ends[0];
+        connection = ends[1];
+        setsockopt(connection, SOL_SOCKET, SO_OOBINLINE, &on, sizeof on);
+        g_urgent = 0;
+        codec.urgent = count_urgent;
+        begin(&codec);
+    }
+
+    kit_codec codec = CODEC;
+};
+
+TEST_F(KitRelayUrgent, is_heard_of_only_where_the_keeper_has_made_it_a_place)
+{
+    EXPECT_EQ(wanted_of(&relay) & POLLPRI, 0);
+    relay.hears_urgent = true;
+    EXPECT_NE(wanted_of(&relay) & POLLPRI, 0);
+}
+
+TEST_F(KitRelayUrgent, stays_in_its_place)
+{
+    relay.hears_urgent = true;
+    ASSERT_EQ(send(peer, "abc", 3, MSG_OOB), 3);
+    ASSERT_EQ(write(peer, "d", 1), 1);
+    turn();
+    EXPECT_EQ(drain(slave), "abcd");
+    EXPECT_GT(g_urgent, 0);
+    EXPECT_NE(wanted_of(&relay) & POLLPRI, 0);
+}
+
+// What it comes behind is not taken: it would be reported for as long.
+TEST_F(KitRelayUrgent, is_not_asked_for_again_while_there_is_no_room_to_read_it)
+{
+    relay.hears_urgent = true;
+    fcntl(peer, F_SETFL, O_NONBLOCK);
+    // A peer that takes no answers has nothing more decoded.
+    const std::string questions(65536, '?');
+    for (int i = 0; i < 2000; i++) {
+        if (write(peer, questions.data(), questions.size()) <= 0) {
+            break;
+        }
+        turn();
+    }
+    ASSERT_EQ(kit_buffer_pending(&relay.from_peer), relay.from_peer.size);
+    EXPECT_NE(wanted_of(&relay) & POLLPRI, 0);
+    pollfd watched[2] = {};
+    watched[0] = {connection, POLLPRI, POLLPRI};
+    kit_relay_move(&relay, &watched[0], &watched[1]);
+    EXPECT_EQ(g_urgent, 1);
+    EXPECT_EQ(wanted_of(&relay) & POLLPRI, 0);
 }
 
 TEST_F(KitRelay, output_that_grows_under_translation_is_bounded_and_whole)

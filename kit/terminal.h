@@ -1,0 +1,23 @@
+// What a codec hears about its peer's terminal. A keeper has one session: what
+// is told is the process's.
+#pragma once
+
+#include <stddef.h>
+
+// Longer names are no terminal types.
+constexpr size_t KIT_TYPE_SIZE = 64;
+
+// The session's terminal from now on.
+void kit_terminal_open(int master);
+
+// What was told; a type of null and a size of 0 were not.
+struct kit_terminal {
+    const char *type;
+    unsigned int columns;
+    unsigned int rows;
+};
+kit_terminal kit_terminal_told(void);
+
+// Throws away what was typed and not read yet, a line that is being edited
+// included.
+void kit_terminal_forget_typed(void);
