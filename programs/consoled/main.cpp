@@ -8,27 +8,24 @@
 #include <cstdlib>
 #include <cstring>
 #include <err.h>
-#include <paths.h>
-#include <pwd.h>
 #include <string>
 #include <unistd.h>
 #include <vector>
 
 #include "programs/consoled/options.h"
+#include "programs/shared/offer.h"
 
 constexpr uint32_t PROTOCOL_PORT = 6;
 constexpr uint32_t PROTOCOL_PATH = 7;
 // With rules of who may come in, the path itself is open to everybody.
 constexpr uint32_t OPEN_PATH_MODE = 0666;
 constexpr int CANNOT_RUN = 127;
-constexpr uint32_t MS_PER_SECOND = 1000;
 static const char LOGIN_PROGRAM[] = "/bin/login";
 
 // What is offered points into it as long as the process runs.
 struct offers {
     options chosen;
-    std::string login_name; // of a shell, "-sh"
-    std::string search;     // "PATH=" and where rl-con is looked for
+    std::string search; // "PATH=" and where rl-con is looked for
     std::vector<const char *> console_environment;
     kit_admission admission = {};
     kit_service on_port = {};
@@ -37,41 +34,6 @@ struct offers {
     kit_daemon daemon = {};
 };
 static offers g_offers;
-
-static std::string shell_of(const options &chosen)
-{
-    const char *own = getenv("SHELL");
-    const passwd *user =
-        chosen.user != nullptr ? getpwnam(chosen.user) : getpwuid(getuid());
-
-    if (chosen.user == nullptr && own != nullptr && *own != '\0') {
-        return own;
-    }
-    return user != nullptr && user->pw_shell[0] != '\0' ? user->pw_shell
-                                                        : _PATH_BSHELL;
-}
-
-// A shell is a login shell when its own name begins with a dash.
-static const char *choose_program(offers &all)
-{
-    if (!all.chosen.program.empty()) {
-        return nullptr;
-    }
-    const std::string shell = shell_of(all.chosen);
-    all.chosen.program.push_back(strdup(shell.c_str()));
-    all.login_name = "-" + shell.substr(shell.rfind('/') + 1);
-    return all.login_name.c_str();
-}
-
-// A list ends with a null pointer; one that nobody has given is absent.
-static const char *const *list_of(std::vector<const char *> &list)
-{
-    if (list.empty()) {
-        return nullptr;
-    }
-    list.push_back(nullptr);
-    return list.data();
-}
 
 // In the session's own process, on its terminal, as is run_console(). The name
 // of a peer on a path is none of a host.
@@ -98,13 +60,6 @@ static int run_console(const kit_session *session, void *)
     return CANNOT_RUN;
 }
 
-static void offer(const kit_service &service)
-{
-    if (kit_offer(&service) != 0) {
-        errx(2, "%s", kit_error());
-    }
-}
-
 // The console is found where this daemon finds programs.
 static const char *const *console_environment(offers &all)
 {
@@ -125,20 +80,16 @@ static void describe_admission(offers &all)
 {
     options &chosen = all.chosen;
 
-    all.admission.size = sizeof all.admission;
-    all.admission.peers = chosen.any_peer ? nullptr : list_of(chosen.peers);
-    all.admission.users = list_of(chosen.users);
-    all.admission.groups = list_of(chosen.groups);
-    all.admission.most_sessions = chosen.most_sessions;
-    all.admission.most_per_peer = chosen.most_per_peer;
+    all.admission = admission_of(chosen);
+    all.admission.users = kit_list(chosen.users);
+    all.admission.groups = kit_list(chosen.groups);
 }
 
 // What the sessions of port and path run.
 static void describe_program(offers &all)
 {
-    const char *login_name = choose_program(all);
+    const char *login_name = choose_program(all.chosen, all.chosen.user);
 
-    all.chosen.program.push_back(nullptr);
     for (kit_service *service : {&all.on_port, &all.on_path}) {
         if (all.chosen.login) {
             service->function = run_login;
@@ -153,14 +104,9 @@ static void describe_program(offers &all)
 static void describe(offers &all)
 {
     options &chosen = all.chosen;
-    kit_service common = {};
 
     describe_admission(all);
-    common.size = sizeof common;
-    common.term = chosen.term;
-    common.environment = list_of(chosen.environment);
-    common.admission = &all.admission;
-    common.idle_ms = chosen.idle_seconds * MS_PER_SECOND;
+    const kit_service common = service_of(chosen, &all.admission);
     all.on_port = all.on_path = all.console = common;
 
     all.on_port.name = "port";

@@ -1,0 +1,77 @@
+#include "programs/shared/offer.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <err.h>
+#include <paths.h>
+#include <pwd.h>
+#include <unistd.h>
+
+constexpr uint32_t MS_PER_SECOND = 1000;
+constexpr int EXIT_REFUSED = 2;
+
+const char *const *kit_list(std::vector<const char *> &list)
+{
+    if (list.empty()) {
+        return nullptr;
+    }
+    list.push_back(nullptr);
+    return list.data();
+}
+
+static std::string shell_of(const char *user)
+{
+    const char *own = getenv("SHELL");
+    const passwd *found = user != nullptr ? getpwnam(user) : getpwuid(getuid());
+
+    if (user == nullptr && own != nullptr && *own != '\0') {
+        return own;
+    }
+    return found != nullptr && found->pw_shell[0] != '\0' ? found->pw_shell
+                                                          : _PATH_BSHELL;
+}
+
+// A shell is a login shell when its own name begins with a dash. Both are kept
+// for as long as the process runs, as the kit wants it.
+const char *choose_program(daemon_options &chosen, const char *user)
+{
+    const char *name = nullptr;
+
+    if (chosen.program.empty()) {
+        const std::string shell = shell_of(user);
+        chosen.program.push_back(strdup(shell.c_str()));
+        name = strdup(("-" + shell.substr(shell.rfind('/') + 1)).c_str());
+    }
+    chosen.program.push_back(nullptr);
+    return name;
+}
+
+kit_admission admission_of(daemon_options &chosen)
+{
+    kit_admission rules = {};
+
+    rules.size = sizeof rules;
+    rules.peers = chosen.any_peer ? nullptr : kit_list(chosen.peers);
+    rules.most_sessions = chosen.most_sessions;
+    rules.most_per_peer = chosen.most_per_peer;
+    return rules;
+}
+
+kit_service service_of(daemon_options &chosen, const kit_admission *admission)
+{
+    kit_service service = {};
+
+    service.size = sizeof service;
+    service.term = chosen.term;
+    service.environment = kit_list(chosen.environment);
+    service.admission = admission;
+    service.idle_ms = chosen.idle_seconds * MS_PER_SECOND;
+    return service;
+}
+
+void offer(const kit_service &service)
+{
+    if (kit_offer(&service) != 0) {
+        errx(EXIT_REFUSED, "%s", kit_error());
+    }
+}
