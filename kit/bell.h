@@ -13,9 +13,10 @@ enum bell_kind : uint32_t {
     BELL_RUNS = 1, // keeper: number is its process
     BELL_USER,     // keeper: text is whom the program runs as
     BELL_PROGRAM,  // keeper: number is the program's process, text its terminal
-    BELL_ENDING,   // keeper: the connection is closed, the program hung up
-    BELL_ENDED,    // keeper: number is the program's status
-    BELL_CLEAN,    // keeper: the line is clean
+    BELL_ENDING,   // keeper: the connection is closed, the program hung up; it
+                   // was not gone at once
+    BELL_ENDED,    // keeper: number is the program's status, text is empty
+                   // unless the line is clean
     BELL_END,      // daemon: end the session; text is the reason
 };
 

@@ -23,6 +23,11 @@ const char *kit_identity_term(const kit_service *service)
     return service->term != nullptr ? service->term : USUAL_TERM;
 }
 
+void kit_identity_prepare(void)
+{
+    static_cast<void>(getpwuid(geteuid()));
+}
+
 const struct passwd *kit_identity_user(const kit_service *service)
 {
     return service->user != nullptr ? getpwnam(service->user)

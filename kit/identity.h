@@ -5,6 +5,10 @@
 
 #include "kit/table.h"
 
+// Has the name service ready before the first session: what it reads and keeps
+// is read once then, and not by each session's process.
+void kit_identity_prepare(void);
+
 // The user that the service's program runs as; null when there is none.
 const struct passwd *kit_identity_user(const kit_service *service);
 

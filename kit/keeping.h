@@ -1,9 +1,14 @@
 // What a keeper knows of its session, for its work and for its end.
 #pragma once
 
+#include <signal.h>
+
 #include "kit/bell.h"
 #include "kit/relay.h"
 #include "kit/table.h"
+
+// All others have their defaults in a keeper; its program gets these back too.
+constexpr int KIT_IGNORED_SIGNALS[] = {SIGHUP, SIGINT, SIGQUIT, SIGPIPE};
 
 constexpr uint32_t KIT_DRAIN_MS = 10000;
 constexpr uint32_t KIT_HALF_CLOSE_MS = 2000;

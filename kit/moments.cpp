@@ -217,9 +217,7 @@ static void take_message(kit_entry *entry, const bell_message *message)
         break;
     case BELL_ENDED:
         entry->status = message->number;
-        break;
-    case BELL_CLEAN:
-        entry->cleaned = true;
+        entry->cleaned = message->text[0] != '\0';
         break;
     default:
         break;

@@ -121,12 +121,13 @@ static bool wait_for_program(keeper *k, int64_t limit)
     return true;
 }
 
-// Whoever the program has left has become a child of this process: the usual
-// case needs no look at all the processes of the machine.
-static bool somebody_left(void)
+// Once the program has ended. Whoever it has left has become a child of this
+// process: the usual case needs no look at all the processes of the machine.
+static bool somebody_left(keeper *k)
 {
     pid_t pid;
 
+    waitpid(k->program, &k->status, WNOHANG);
     do {
         pid = waitpid(-1, nullptr, WNOHANG);
     } while (pid > 0);
@@ -134,19 +135,24 @@ static bool somebody_left(void)
 }
 
 // Hung up, not killed: a shell writes its history, an editor what it has. Only
-// what does not end by then is ended by force.
+// what does not end by then is ended by force. The daemon hears of it when it
+// takes time: each message costs the loop a turn over all sessions.
 static void finish_program(keeper *k)
 {
     const int64_t limit =
         kit_keeping_limit(k->entry->session.service->hangup_ms, KIT_HANGUP_MS);
 
     close(k->relay.master);
+    kit_keeping_take_signals(k);
+    if (k->program_ended && !somebody_left(k)) {
+        return;
+    }
+    kit_bell_say(k->bell, BELL_ENDING, 0, "");
     if (!wait_for_program(k, limit)) {
         kill(-k->program, SIGKILL);
         wait_for_program(k, limit);
     }
-    waitpid(k->program, &k->status, WNOHANG);
-    if (somebody_left()) {
+    if (somebody_left(k)) {
         kit_sweep(k->program, limit);
     }
 }
@@ -155,12 +161,9 @@ void kit_keeping_finish(keeper *k)
 {
     tell_reason(k);
     finish_connection(k);
-    kit_bell_say(k->bell, BELL_ENDING, 0, "");
     finish_program(k);
-    if (kit_line_end(k->entry->session.line, k->entry->id, CLEAN_PATIENCE_MS) ==
-        0) {
-        kit_bell_say(k->bell, BELL_CLEAN, 0, "");
-    }
-    kit_bell_say(k->bell, BELL_ENDED, k->status, "");
+    const bool clean = kit_line_end(k->entry->session.line, k->entry->id,
+                                    CLEAN_PATIENCE_MS) == 0;
+    kit_bell_say(k->bell, BELL_ENDED, k->status, clean ? "clean" : "");
     _exit(0);
 }

@@ -22,6 +22,7 @@
 #include "kit/bell.h"
 #include "kit/descriptors.h"
 #include "kit/identity.h"
+#include "kit/keeping.h"
 #include "kit/member.h"
 #include "kit/terminal.h"
 
@@ -57,7 +58,7 @@ static void default_signals(void)
 {
     sigset_t none;
 
-    for (int number = 1; number < NSIG; number++) {
+    for (const int number : KIT_IGNORED_SIGNALS) {
         signal(number, SIG_DFL);
     }
     sigemptyset(&none);
@@ -228,7 +229,8 @@ static void wait_for_identity(int go)
     }
 }
 
-void kit_program_run(const kit_entry *entry, const char *device, int go)
+void kit_program_run(const kit_entry *entry, const char *device, int go,
+                     const struct passwd *user)
 {
     const kit_service *service = entry->session.service;
     const int channel =
@@ -242,7 +244,6 @@ void kit_program_run(const kit_entry *entry, const char *device, int go)
     wait_for_identity(go);
     close(go);
     copy->session.pid = getpid();
-    const struct passwd *user = kit_identity_user(service);
     if (service->user != nullptr && user == nullptr) {
         give_up(service->user, "no such user");
     }

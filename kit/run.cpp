@@ -18,6 +18,7 @@
 #include "kit/bell.h"
 #include "kit/clock.h"
 #include "kit/error.h"
+#include "kit/identity.h"
 #include "kit/moments.h"
 #include "kit/paths.h"
 #include "kit/place.h"
@@ -310,6 +311,7 @@ int kit_run(const kit_daemon *daemon)
     kit_audit_open(daemon->name != nullptr ? daemon->name
                                            : program_invocation_short_name);
     raise_descriptor_limit();
+    kit_identity_prepare();
     kit_paths_begin(daemon->path_mode != 0 ? daemon->path_mode
                                            : USUAL_PATH_MODE);
     // Registered first: an operator who asks at once finds the services there.

@@ -27,13 +27,12 @@
 
 static void forget_signals(void)
 {
-    static const int IGNORED[] = {SIGHUP, SIGINT, SIGQUIT, SIGPIPE};
     sigset_t none;
 
     for (int number = 1; number < NSIG; number++) {
         signal(number, SIG_DFL);
     }
-    for (const int number : IGNORED) {
+    for (const int number : KIT_IGNORED_SIGNALS) {
         signal(number, SIG_IGN);
     }
     sigemptyset(&none);
@@ -105,7 +104,8 @@ static bool keep_urgent_in_place(const kit_entry *entry)
 // The terminal is given up first: it can be the controlling one of one session
 // only. That sends a hang-up to this process, which ignores it.
 // Returns the pipe over which it is let go, -1 when there is no program.
-static int start_program(keeper *k, const char *device)
+static int start_program(keeper *k, const char *device,
+                         const struct passwd *user)
 {
     int go[2];
 
@@ -117,7 +117,7 @@ static int start_program(keeper *k, const char *device)
     k->program = fork();
     if (k->program == 0) {
         close(go[1]);
-        kit_program_run(k->entry, device, go[0]);
+        kit_program_run(k->entry, device, go[0], user);
     }
     close(go[0]);
     if (k->program < 0) {
@@ -177,10 +177,10 @@ static void note_program(keeper *k, const char *device)
 }
 
 // Known from here on to the keeper and to what it forks.
-static void note_terminal(const kit_entry *entry, const char *device)
+static void note_terminal(const kit_entry *entry, const char *device,
+                          const struct passwd *user)
 {
     kit_entry *own = const_cast<kit_entry *>(entry); // this process's copy
-    const struct passwd *user = kit_identity_user(entry->session.service);
 
     (void)snprintf(own->device, sizeof own->device, "%s", device);
     (void)snprintf(own->user, sizeof own->user, "%s",
@@ -199,8 +199,10 @@ void kit_keeping_begin(keeper *k, const kit_entry *entry, const char *device)
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     k->signals = open_signals();
     kit_bell_say(k->bell, BELL_RUNS, getpid(), "");
-    note_terminal(entry, device);
-    const int go = k->signals < 0 ? -1 : start_program(k, device);
+    // Looked up once a session: the record stays until another one is.
+    const struct passwd *user = kit_identity_user(entry->session.service);
+    note_terminal(entry, device, user);
+    const int go = k->signals < 0 ? -1 : start_program(k, device, user);
     if (go < 0) {
         _exit(1);
     }
