@@ -47,6 +47,16 @@ static bool check_directory(const char *path, const struct stat *status)
     return true;
 }
 
+static bool look_at(const char *path, int (*look)(const char *, struct stat *),
+                    struct stat *status)
+{
+    if (look(path, status) == 0) {
+        return true;
+    }
+    kit_fail("%s: %s", path, strerror(errno));
+    return false;
+}
+
 // A link is trusted when it is root's and lies where only root can put it; what
 // it leads to is looked at like any other path.
 // NOLINTNEXTLINE(misc-no-recursion): as deep as MOST_LINKS says.
@@ -72,13 +82,12 @@ static bool check_component(const char *path, struct stat *parent, int links)
 {
     struct stat status;
 
-    if (lstat(path, &status) != 0) {
-        kit_fail("%s: %s", path, strerror(errno));
+    if (!look_at(path, lstat, &status)) {
         return false;
     }
     if (S_ISLNK(status.st_mode)) {
         return check_link(path, &status, parent, links) &&
-               stat(path, parent) == 0;
+               look_at(path, stat, parent);
     }
     *parent = status;
     return check_directory(path, &status);
@@ -125,7 +134,10 @@ static bool check_own(const char *directory, const char *name)
     if (!check_path(path, 0)) {
         return false;
     }
-    if (stat(path, &status) != 0 || status.st_uid != geteuid()) {
+    if (!look_at(path, stat, &status)) {
+        return false;
+    }
+    if (status.st_uid != geteuid()) {
         kit_fail("%s does not belong to user %u", path, geteuid());
         return false;
     }
@@ -134,15 +146,21 @@ static bool check_own(const char *directory, const char *name)
 
 static bool absolute(const char *path, char *out)
 {
-    if (path[0] == '/') {
-        return snprintf(out, PATH_MAX, "%s", path) < PATH_MAX;
+    size_t length = 0;
+
+    if (path[0] != '/') {
+        if (getcwd(out, PATH_MAX) == nullptr) {
+            kit_fail("the working directory of %s: %s", path, strerror(errno));
+            return false;
+        }
+        length = strlen(out);
     }
-    if (getcwd(out, PATH_MAX) == nullptr) {
+    if (snprintf(out + length, PATH_MAX - length, "%s%s", length > 0 ? "/" : "",
+                 path) >= static_cast<int>(PATH_MAX - length)) {
+        kit_fail("%s is too long", path);
         return false;
     }
-    const size_t length = strlen(out);
-    return snprintf(out + length, PATH_MAX - length, "/%s", path) <
-           static_cast<int>(PATH_MAX - length);
+    return true;
 }
 
 int kit_runtime_check(void)
@@ -154,10 +172,8 @@ int kit_runtime_check(void)
     if (prefix == nullptr || prefix[0] == '\0') {
         prefix = "/";
     }
-    if (!absolute(prefix, directory)) {
-        return kit_fail("%s is too long", prefix);
-    }
-    return check_path(directory, 0) && check_own(directory, "/mng") &&
+    return absolute(prefix, directory) && check_path(directory, 0) &&
+                   check_own(directory, "/mng") &&
                    check_own(directory, "/mng/tty")
                ? 0
                : -1;
