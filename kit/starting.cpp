@@ -140,8 +140,9 @@ static bool go_without_identity(const kit_entry *entry, int error)
     return true;
 }
 
-// What nobody lets go ends by itself. It learns its terminal's type, if the
-// peer has told that.
+// What nobody lets go ends by itself. One that cannot be let go has ended
+// already: it could not take its terminal, and has printed why. It learns its
+// terminal's type, if the peer has told that.
 static void let_program_go(keeper *k, int go)
 {
     const char *told = kit_terminal_told().type;
@@ -156,8 +157,10 @@ static void let_program_go(keeper *k, int go)
         (void)snprintf(k->reason, sizeof k->reason, "no session: %s",
                        kit_error());
         k->dismissed = true;
-    } else if (write(go, message, static_cast<size_t>(length)) != length) {
-        k->dismissed = true;
+    } else {
+        const ssize_t ignored =
+            write(go, message, static_cast<size_t>(length));
+        static_cast<void>(ignored);
     }
     close(go);
 }
