@@ -53,7 +53,7 @@ send_line(int priority, const char *module, const char *fmt, va_list args)
                       ? static_cast<size_t>(length)
                       : sizeof line - 1;
     // The session service's lines bring their own ends.
-    while (size > 0 && (line[size - 1] == '\n' || line[size - 1] == '\r')) {
+    while (line[size - 1] == '\n' || line[size - 1] == '\r') {
         size--;
     }
     sendto(g_socket, line, size, MSG_NOSIGNAL | MSG_DONTWAIT,

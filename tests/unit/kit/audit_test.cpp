@@ -1,4 +1,5 @@
 // Lines of the system log, at a log of the test's own.
+#include <errno.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -8,6 +9,8 @@
 #include <ttyline/vc.h>
 
 #include "kit/audit.h"
+#include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
 #include "tests/support/privroot.h"
 
 class KitAudit : public support::private_root_test
@@ -91,4 +94,37 @@ TEST_F(KitAudit, hook_of_the_session_service_is_a_line_of_the_facility_daemon)
     EXPECT_EQ(line(), "<31>" + name() + "MOD/TAG: out of range");
     printk_syslog_ext(3, "MOD", "TAG", 2, "an error");
     EXPECT_EQ(line(), "<27>" + name() + "MOD/TAG: an error");
+    printk_syslog_ext(-1, "MOD", "TAG", 2, "below the range");
+    EXPECT_EQ(line(), "<31>" + name() + "MOD/TAG: below the range");
+}
+
+TEST_F(KitAudit, line_that_cannot_be_sent_is_lost)
+{
+    fault_row("kit_audit", "sendto", "ECONNREFUSED", "nothing, errno as it was",
+              "", "the line is lost");
+    fault::fail("sendto", 1, ECONNREFUSED);
+    errno = 77;
+    kit_audit("one");
+    EXPECT_EQ(errno, 77);
+    kit_audit("two");
+    EXPECT_EQ(line(), "<38>" + name() + "two");
+}
+
+class KitAuditFirst : public support::private_root_test
+{
+};
+
+TEST_F(KitAuditFirst, log_without_a_socket_loses_its_lines)
+{
+    fault_row("kit_audit_open", "socket", "EMFILE", "nothing", "",
+              "lines are lost until it is opened again");
+    fault::fail("socket", 1, EMFILE);
+    kit_audit_open("unit");
+    EXPECT_EQ(kit_audit_descriptor(), -1);
+    errno = 77;
+    kit_audit("lost");
+    EXPECT_EQ(errno, 77);
+    kit_audit_open("unit");
+    EXPECT_GE(kit_audit_descriptor(), 0);
+    close(kit_audit_descriptor());
 }
