@@ -1,6 +1,7 @@
 // Closing what was inherited.
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sched.h>
@@ -14,6 +15,8 @@
 #include <gtest/gtest.h>
 
 #include "kit/descriptors.h"
+#include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
 #include "tests/support/wait.h"
 
 static bool open_number(int fd)
@@ -108,6 +111,43 @@ TEST(KitDescriptors, older_kernel_without_proc_has_them_closed_by_number)
                          mount("none", "/proc", "tmpfs", 0, nullptr) == 0 &&
                          setrlimit(RLIMIT_NOFILE, &limit) == 0 &&
                          without_close_range() && own_are_left();
+              }),
+              0);
+}
+
+TEST(KitDescriptors, what_the_kernel_does_not_close_is_closed_by_number)
+{
+    fault_row("kit_close_all_but", "syscall", "EPERM", "nothing", "",
+              "the descriptors are closed one by one");
+    fault_row("kit_close_all_but", "opendir", "EMFILE", "nothing", "",
+              "every number up to the limit is closed");
+    EXPECT_EQ(support::in_child([] {
+                  fault::reset();
+                  fault::fail("syscall", 1, EPERM, fault::ALWAYS);
+                  return own_are_left();
+              }),
+              0);
+    EXPECT_EQ(support::in_child([] {
+                  const rlimit limit = {64, 64};
+                  fault::reset();
+                  fault::fail("syscall", 1, EPERM, fault::ALWAYS);
+                  fault::fail("opendir", 1, EMFILE);
+                  return setrlimit(RLIMIT_NOFILE, &limit) == 0 &&
+                         own_are_left();
+              }),
+              0);
+}
+
+// Two that are neighbours leave nothing to close between them.
+TEST(KitDescriptors, lowest_number_may_be_an_own_one)
+{
+    EXPECT_EQ(support::in_child([] {
+                  for (int fd = 3; fd < 10; fd++) {
+                      dup2(2, fd);
+                  }
+                  const int own[] = {4, 3};
+                  kit_close_all_but(own, 2);
+                  return open_number(3) && open_number(4) && !open_number(5);
               }),
               0);
 }

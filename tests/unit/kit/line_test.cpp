@@ -6,6 +6,7 @@
 #include <ttyline/kit.h>
 #include <ttyline/tty.h>
 
+#include "common/runtime_dir.h"
 #include "kit/line.h"
 #include "tests/support/fault.h"
 #include "tests/support/fault_row.h"
@@ -226,4 +227,82 @@ TEST_F(KitLineFile, is_cleaned_of_the_session_that_is_meant)
     EXPECT_NE(content().find("SESSIONID=0\r\n"), std::string::npos);
     EXPECT_EQ(kit_line_clean(TTY_LINES, "0", 50), -1);
     EXPECT_STREQ(kit_error(), "1586 is no line");
+}
+
+TEST_F(KitLineFile, number_that_is_no_line_is_refused)
+{
+    EXPECT_EQ(kit_line_clean(-1, "0", 50), -1);
+    EXPECT_STREQ(kit_error(), "-1 is no line");
+}
+
+// Keys that begin alike are not the same.
+TEST_F(KitLineFile, key_is_a_whole_word)
+{
+    put("SPEEDY=1\r\nSPEED=9600\r\nSESSIONIDS=0123456789abcdef\r\n");
+    EXPECT_EQ(kit_line_end(300, "0123456789abcdef", 50), 0);
+    EXPECT_NE(content().find("SPEEDY=1"), std::string::npos);
+    EXPECT_EQ(begin(), 0);
+    EXPECT_EQ(content(), "SPEED=9600\r\n"
+                         "LOGNAME=alice\r\nSESSIONID=0123456789abcdef\r\n");
+}
+
+TEST_F(KitLineFile, path_that_is_too_long_is_said)
+{
+    // No room for the name, and none for the line's number behind it.
+    const std::string name = "/mng/tty/.tty_info";
+    const size_t room = TTY_PATH_SIZE - 1 - name.size() - runtime_dir.size();
+    for (const size_t length : {room, room - 1, room - 3}) {
+        setenv("TMPDIR", (runtime_dir + "/" + std::string(length, 'l')).c_str(),
+               1);
+        EXPECT_EQ(begin(), -1);
+        EXPECT_STREQ(kit_error(), "the path of line 300's file is too long");
+    }
+    setenv("TMPDIR", runtime_dir.c_str(), 1);
+}
+
+TEST_F(KitLineFile, interrupted_calls_are_done_again)
+{
+    fault_row("kit_line_begin", "read", "EINTR", "0", "", "the new content");
+    fault_row("kit_line_begin", "write", "EINTR", "0", "", "the new content");
+    put("SPEED=9600\r\n");
+    fault::fail("read", 1, EINTR, 3, fault::only_path("tty_info_300"));
+    fault::fail("write", 1, EINTR, 3, fault::only_path(".tmp"));
+    EXPECT_EQ(begin(), 0);
+    EXPECT_EQ(content(), "SPEED=9600\r\n"
+                         "LOGNAME=alice\r\nSESSIONID=0123456789abcdef\r\n");
+}
+
+TEST_F(KitLineFile, file_that_cannot_be_asked_what_it_is_counts_as_missing)
+{
+    fault_row("kit_line_begin", "fstat", "EIO", "-1", "", "the line as it was");
+    fault_row("kit_line_begin", "fchmod", "EPERM", "0", "",
+              "the new content, with the mode that the mask leaves");
+    put("SPEED=9600\r\n");
+    // Of the lock, which then cannot be trusted.
+    fault::fail("fstat", 1, EIO);
+    EXPECT_EQ(begin(), -1);
+    EXPECT_EQ(content(), "SPEED=9600\r\n");
+    fault::reset();
+    fault::fail("fchmod", 1, EPERM, fault::ALWAYS);
+    EXPECT_EQ(begin(), 0);
+    struct stat status = {};
+    ASSERT_EQ(stat(path("/mng/tty/.tty_info_300").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0755u);
+    fault::reset();
+    // Of the file itself: there is nothing to keep.
+    fault::fail("fstat", 1, EIO, 1, fault::only_path("tty_info_300"));
+    put("SPEED=9600\r\n");
+    EXPECT_EQ(begin(), -1);
+}
+
+TEST_F(KitLineFile, lock_that_cannot_be_had_at_all_is_not_waited_for)
+{
+    fault_row("kit_line_begin", "fcntl", "ENOLCK", "-1", "",
+              "the line as it was");
+    fault_row("kit_line_begin", "tty_flock_try", "result -1", "-1", "",
+              "the line as it was");
+    put("LOGNAME=before\r\n");
+    fault::fail("fcntl", 1, ENOLCK, fault::ALWAYS, fault::only_path(".lock"));
+    EXPECT_EQ(kit_line_begin(300, IDENTITY, 2, 600000), -1);
+    EXPECT_EQ(content(), "LOGNAME=before\r\n");
 }

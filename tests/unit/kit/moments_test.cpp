@@ -224,6 +224,65 @@ TEST_F(KitMoments, client_is_told_when_there_is_no_pair_for_the_channel)
     end();
 }
 
+// Then its client is still behind the number that the service knows.
+TEST_F(KitMoments, client_is_told_when_its_own_number_cannot_be_kept)
+{
+    fault_row("on_alloc", "fcntl", "EMFILE", "-1", "",
+              "nothing: the client is told in one line");
+    fault_row("on_alloc", "dup3", "EBUSY", "-1", "",
+              "nothing: the client is told in one line");
+    fault::fail("fcntl", 1, EMFILE);
+    EXPECT_EQ(alloc(), -1);
+    EXPECT_EQ(told(), "ttyline: no resources for a session\r\n");
+    fault::reset();
+    fault::fail("dup3", 1, EBUSY);
+    EXPECT_EQ(alloc(), -1);
+    EXPECT_EQ(kit_entry_at(LINE), nullptr);
+    EXPECT_EQ(told(), "ttyline: no resources for a session\r\n");
+    end();
+}
+
+TEST_F(KitMoments, connection_to_nowhere_is_closed_without_a_word)
+{
+    fault_row("on_alloc", "getsockname", "ENOBUFS", "-1", "",
+              "nothing: the connection is closed");
+    fault::fail("getsockname", 1, ENOBUFS, fault::ALWAYS);
+    EXPECT_EQ(alloc(), -1);
+    EXPECT_EQ(kit_entry_at(LINE), nullptr);
+    EXPECT_EQ(told(), "");
+    end();
+}
+
+// The service asks for every line that it has.
+TEST_F(KitMoments, line_without_a_session_has_no_moments)
+{
+    EXPECT_EQ(moments.init_func(LINE), -1);
+    EXPECT_EQ(moments.read_func(LINE), -1);
+    EXPECT_EQ(moments.write_func(LINE), -1);
+    EXPECT_EQ(moments.kill_func(LINE), 0);
+    EXPECT_EQ(moments.shell_func(LINE, "/dev/pts/99"), -1);
+    ASSERT_EQ(alloc(), 0);
+    EXPECT_EQ(moments.init_func(LINE), 0);
+    end();
+}
+
+// From a keeper or a function of another version.
+TEST_F(KitMoments, message_of_an_unknown_kind_changes_nothing)
+{
+    ASSERT_EQ(alloc(), 0);
+    const kit_entry *entry = kit_entry_at(LINE);
+    ASSERT_TRUE(
+        kit_bell_say(entry->keeper_bell, static_cast<bell_kind>(99), 1, "x"));
+    EXPECT_EQ(moments.read_func(LINE), 0);
+    EXPECT_EQ(entry->session.keeper_pid, 0);
+    EXPECT_STREQ(entry->session.user, "");
+    ASSERT_TRUE(kit_channel_put(entry->program_channel, '?', "x", 1, false));
+    EXPECT_EQ(moments.write_func(LINE), 0);
+    EXPECT_EQ(g_received, 0);
+    EXPECT_STREQ(entry->session.user, "");
+    end();
+}
+
 TEST_F(KitMoments, session_without_memory_is_none)
 {
     fault_row("on_alloc", "calloc", "ENOMEM", "-1", "",

@@ -1,5 +1,6 @@
 // Admission rules: what their text means.
 #include <arpa/inet.h>
+#include <errno.h>
 #include <netinet/in.h>
 #include <string.h>
 #include <sys/un.h>
@@ -10,6 +11,8 @@
 #include <gtest/gtest.h>
 
 #include "kit/service.h"
+#include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
 
 // Lists live as long as the process of the test, and what holds them too.
 static kit_nets list_of(std::vector<const char *> texts)
@@ -151,4 +154,63 @@ TEST(KitRules, record_of_another_version_is_refused)
     EXPECT_NE(std::string(kit_error()).find("is of another version"),
               std::string::npos)
         << kit_error();
+}
+
+class KitRulesFail : public testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        fault::reset();
+        admission.size = sizeof admission;
+        admission.peers = peers;
+        admission.locals = locals;
+        admission.users = names;
+        admission.groups = names;
+    }
+
+    void TearDown() override
+    {
+        fault::reset();
+    }
+
+    const char *peers[2] = {"192.0.2.1", nullptr};
+    const char *locals[2] = {"192.0.2.2", nullptr};
+    const char *names[2] = {"root", nullptr};
+    kit_admission admission = {};
+};
+
+// A record and its four lists.
+TEST_F(KitRulesFail, rules_without_memory_are_none)
+{
+    fault_row("kit_rules_read", "calloc", "ENOMEM", "a null pointer", "", "");
+    for (int nth = 1; nth <= 5; nth++) {
+        fault::reset();
+        fault::fail("calloc", nth, ENOMEM);
+        EXPECT_EQ(kit_rules_read(&admission), nullptr) << nth;
+        EXPECT_STREQ(kit_error(), "out of memory");
+    }
+    kit_rules *rules = kit_rules_read(&admission);
+    ASSERT_NE(rules, nullptr);
+    kit_rules_free(rules);
+    kit_rules_free(nullptr);
+}
+
+TEST_F(KitRulesFail, name_that_cannot_be_looked_up_is_unknown)
+{
+    fault_row("kit_rules_read", "getpwnam", "EIO", "a null pointer", "", "");
+    fault_row("kit_rules_read", "getgrnam", "EIO", "a null pointer", "", "");
+    fault::fail("getpwnam", 1, EIO);
+    EXPECT_EQ(kit_rules_read(&admission), nullptr);
+    EXPECT_STREQ(kit_error(), "there is no user 'root'");
+    fault::fail("getgrnam", 1, EIO);
+    EXPECT_EQ(kit_rules_read(&admission), nullptr);
+    EXPECT_STREQ(kit_error(), "there is no group 'root'");
+}
+
+TEST_F(KitRulesFail, local_address_is_an_address_too)
+{
+    locals[0] = "here";
+    EXPECT_EQ(kit_rules_read(&admission), nullptr);
+    EXPECT_STREQ(kit_error(), "'here' is no address or address/bits");
 }

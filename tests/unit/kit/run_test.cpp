@@ -1,7 +1,10 @@
 // What kit_run() knows when it begins. Each test is a process of its own: what
 // was offered stays.
 #include <errno.h>
+#include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -17,6 +20,7 @@
 #include "tests/support/fault.h"
 #include "tests/support/fault_row.h"
 #include "tests/support/runtime.h"
+#include "tests/support/wait.h"
 #include "vc/service.h"
 
 static int nothing(const kit_session *, void *)
@@ -193,7 +197,156 @@ TEST_F(KitRun, service_that_cannot_be_understood_is_not_offered)
     wrong.port = 65536;
     EXPECT_EQ(kit_offer(&wrong), -1);
     EXPECT_STREQ(kit_error(), "65536 is no port");
-    const std::string name(64, 'p');
-    wrong = service_of(name.c_str());
+    wrong.port = 0;
     EXPECT_EQ(kit_offer(&wrong), -1);
+    EXPECT_STREQ(kit_error(), "0 is no port");
+    const std::string name(64, 'p');
+    for (const char *path : {name.c_str(), ""}) {
+        wrong = service_of(path);
+        EXPECT_EQ(kit_offer(&wrong), -1);
+        EXPECT_EQ(kit_error(), "'" + std::string(path) +
+                                   "' is no path of 1 to 63 characters, or has "
+                                   "a port besides");
+    }
+    wrong = FIRST;
+    wrong.function = nullptr;
+    const char *const no_program[] = {nullptr};
+    wrong.program = no_program;
+    EXPECT_EQ(kit_offer(&wrong), -1);
+    EXPECT_STREQ(kit_error(), "the program has no name");
+    wrong = FIRST;
+    kit_codec codec = {};
+    codec.size = sizeof codec - 1;
+    wrong.codec = &codec;
+    EXPECT_EQ(kit_offer(&wrong), -1);
+    EXPECT_EQ(kit_error(), "a codec of " + std::to_string(codec.size) +
+                               " bytes is of another version");
+    codec.size++;
+    EXPECT_EQ(kit_offer(&wrong), 0) << kit_error();
+}
+
+TEST_F(KitRun, service_without_memory_is_not_offered)
+{
+    fault_row("kit_offer", "calloc", "ENOMEM", "-1", "", "nothing");
+    fault_row("kit_admit", "calloc", "ENOMEM", "-1", "", "the former rules");
+    fault::fail("calloc", 1, ENOMEM);
+    EXPECT_EQ(kit_offer(&FIRST), -1);
+    EXPECT_STREQ(kit_error(), "out of memory");
+    EXPECT_EQ(kit_admit(&FIRST, nullptr), -1);
+    EXPECT_STREQ(kit_error(), "the service was not offered");
+    fault::reset();
+    ASSERT_EQ(kit_offer(&FIRST), 0);
+    kit_admission admission = {};
+    admission.size = sizeof admission;
+    fault::fail("calloc", 1, ENOMEM);
+    EXPECT_EQ(kit_admit(&FIRST, &admission), -1);
+    EXPECT_STREQ(kit_error(), "out of memory");
+    EXPECT_EQ(kit_admit(&FIRST, &admission), 0);
+}
+
+// Whichever family it is; the other one is not tried, or taken back.
+TEST_F(KitRun, port_that_cannot_be_registered_is_named)
+{
+    fault_row("kit_offer", "calloc", "ENOMEM", "-1",
+              "vc: malloc fail, srv == NULL\n", "the service is not listed");
+    fault_row("kit_offer", "vc_service_reg", "result -1", "-1",
+              "vc: malloc fail, srv == NULL\n", "the service is not listed");
+    static kit_service port;
+    ASSERT_EQ(kit_offer(&FIRST), 0);
+    daemon.control = "";
+    ASSERT_EQ(kit_run(&daemon), -1);
+    for (const uint32_t families : {0u, KIT_IPV4, KIT_IPV6}) {
+        port = service_of(nullptr);
+        port.protocol = 6;
+        port.port = 4000;
+        port.families = families;
+        fault::reset();
+        fault::fail("calloc", 2, ENOMEM);
+        EXPECT_EQ(kit_offer(&port), -1) << families;
+        EXPECT_STREQ(kit_error(), "port 4000 cannot be registered");
+    }
+    fault::reset();
+    EXPECT_EQ(kit_offer(&port), 0) << kit_error();
+}
+
+TEST_F(KitRun, runtime_directory_that_is_not_trusted_is_refused)
+{
+    ASSERT_EQ(kit_offer(&FIRST), 0);
+    ASSERT_EQ(chmod(runtime_dir.c_str(), 0777), 0);
+    EXPECT_EQ(kit_run(&daemon), -1);
+    EXPECT_EQ(kit_error(),
+              runtime_dir + " can be written by others (mode 0777)");
+    EXPECT_FALSE(registered(FIRST.path));
+}
+
+TEST_F(KitRun, standard_stream_that_cannot_be_filled_is_said)
+{
+    fault_row("kit_run", "open", "EMFILE", "-1", "", "nothing is registered");
+    ASSERT_EQ(kit_offer(&FIRST), 0);
+    fault::fail("open", 1, EMFILE, 1, fault::only_path("/dev/null"));
+    EXPECT_EQ(kit_run(&daemon), -1);
+    EXPECT_STREQ(kit_error(), "no descriptor: Too many open files");
+    EXPECT_FALSE(registered(FIRST.path));
+}
+
+// What it opens next would be one of them.
+TEST_F(KitRun, streams_that_are_closed_are_filled)
+{
+    ASSERT_EQ(kit_offer(&FIRST), 0);
+    daemon.control = "";
+    EXPECT_EQ(support::in_child([this] {
+                  close(0);
+                  close(2);
+                  return kit_run(&daemon) == -1 && fcntl(0, F_GETFD) >= 0 &&
+                         fcntl(2, F_GETFD) >= 0;
+              }),
+              0);
+}
+
+TEST_F(KitRun, descriptor_limit_is_raised_as_far_as_it_may_be)
+{
+    ASSERT_EQ(kit_offer(&FIRST), 0);
+    daemon.control = "";
+    static rlim_t most;
+    for (const rlim_t hard : {rlim_t{1000}, rlim_t{20000}}) {
+        most = hard;
+        EXPECT_EQ(support::in_child([this] {
+                      rlimit limit = {500, most};
+                      if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+                          // Only root sets it higher than it is.
+                          return getuid() != 0;
+                      }
+                      return kit_run(&daemon) == -1 &&
+                             getrlimit(RLIMIT_NOFILE, &limit) == 0 &&
+                             limit.rlim_cur == (most < 16384 ? most : 16384);
+                  }),
+                  0)
+            << hard;
+    }
+}
+
+TEST_F(KitRun, what_is_said_to_no_session_is_refused)
+{
+    EXPECT_EQ(kit_post(258, "m", 1), -1);
+    EXPECT_EQ(errno, ESRCH);
+    EXPECT_STREQ(kit_error(), "there is no session on line 258");
+    EXPECT_EQ(kit_end(258, "why"), -1);
+    EXPECT_STREQ(kit_error(), "there is no session on line 258");
+}
+
+class KitRunFirst : public support::runtime_test
+{
+};
+
+TEST_F(KitRunFirst, daemon_without_a_pair_does_not_begin)
+{
+    fault_row("kit_run", "socketpair", "EMFILE", "-1", "",
+              "nothing is registered");
+    kit_daemon daemon = {};
+    daemon.size = sizeof daemon;
+    ASSERT_EQ(kit_offer(&FIRST), 0);
+    fault::fail("socketpair", 1, EMFILE);
+    EXPECT_EQ(kit_run(&daemon), -1);
+    EXPECT_STREQ(kit_error(), "no descriptor: Too many open files");
+    EXPECT_FALSE(registered(FIRST.path));
 }

@@ -1,12 +1,17 @@
 // Ending what is left of a session.
+#include <errno.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <string>
+
 #include <gtest/gtest.h>
 
 #include "kit/sweep.h"
+#include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
 #include "tests/support/wait.h"
 
 // A process in a session of its own, which ignores hang-ups or not.
@@ -81,4 +86,51 @@ TEST(KitSweep, other_sessions_are_left_alone)
     EXPECT_EQ(signal_that_ended(other), SIGKILL);
     kit_sweep(0, 5000);
     kit_sweep(-1, 5000);
+}
+
+// The program's own process group, which a shell's background jobs are not in.
+TEST(KitSweep, without_a_list_of_processes_the_group_is_ended)
+{
+    fault_row("kit_sweep", "opendir", "EMFILE", "nothing", "",
+              "the session's processes outside of its leader's group");
+    fault_row("kit_sweep", "access", "ENOENT", "nothing", "",
+              "the session's processes outside of its leader's group");
+    for (const char *call : {"opendir", "access"}) {
+        const pid_t pid = start(true, "group");
+        fault::reset();
+        fault::fail(call, 1, EMFILE, fault::ALWAYS);
+        // Its leader is not reaped yet, so that the group still is.
+        kit_sweep(pid, 50);
+        EXPECT_EQ(signal_that_ended(pid), SIGKILL) << call;
+        fault::reset();
+    }
+}
+
+TEST(KitSweep, process_that_cannot_be_looked_at_is_nobodys)
+{
+    fault_row("kit_sweep", "open", "EMFILE", "nothing", "",
+              "the processes that could not be looked at");
+    fault_row("kit_sweep", "read", "EIO", "nothing", "",
+              "the processes that could not be looked at");
+    fault_row("kit_sweep", "read", "short", "nothing", "",
+              "the processes that could not be looked at");
+    const pid_t pid = start(false, "hidden");
+    const auto stat_only = fault::only_path("/stat");
+    fault::reset();
+    fault::fail("open", 1, EMFILE, fault::ALWAYS, stat_only);
+    kit_sweep(pid, 50);
+    fault::reset();
+    fault::fail("read", 1, EIO, fault::ALWAYS, stat_only);
+    kit_sweep(pid, 50);
+    // To within the name, and to the state behind it.
+    const std::string state = std::to_string(pid) + " (hidden) S";
+    for (const size_t bytes : {state.size() - 5, state.size()}) {
+        fault::reset();
+        fault::shorten("read", 1, bytes, fault::ALWAYS, stat_only);
+        kit_sweep(pid, 50);
+    }
+    fault::reset();
+    EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), 0);
+    kit_sweep(pid, 5000);
+    EXPECT_EQ(signal_that_ended(pid), SIGHUP);
 }
