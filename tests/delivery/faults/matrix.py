@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Writes docs/faults.md from what the tests have seen, or checks it.
 
-matrix.py [--check] SOURCE_TREE BUILD_TREE LIBTTY LIBVC
+matrix.py [--check] SOURCE_TREE BUILD_TREE LIBTTY LIBVC LIBTTYKIT
 
 Runs every unit test that declares rows (tests/support/fault_row.h), each a
 process of its own, and makes a table of the rows. A row is refused when its
@@ -252,6 +252,7 @@ def main():
     parser.add_argument("build", type=pathlib.Path)
     parser.add_argument("libtty")
     parser.add_argument("libvc")
+    parser.add_argument("libttykit")
     given = parser.parse_args()
 
     sources = Sources(given.tree)
@@ -260,7 +261,8 @@ def main():
     for row in sorted(rows):
         check_row(row, sources)
     check_imports(rows, sources,
-                  (("tty", given.libtty), ("vc", given.libvc)), given.tree)
+                  (("tty", given.libtty), ("vc", given.libvc),
+                   ("kit", given.libttykit)), given.tree)
     text = document(rows, sources)
     page = given.tree / "docs/faults.md"
     if given.check:
