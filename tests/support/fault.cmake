@@ -7,16 +7,20 @@ set(ttyline_fault_calls
     setenv getsockname getpeername pthread_mutexattr_init
     pthread_mutexattr_settype pthread_mutex_init pthread_rwlockattr_init
     pthread_rwlock_init pthread_sigmask sigfillset sigaction access usleep
-    clock_gettime getppid faccessat fstat)
+    clock_gettime getppid faccessat fstat chdir chmod eventfd fchmod fchown
+    getcwd getgrnam getpwnam getpwuid getrandom getsockopt initgroups
+    inotify_add_watch inotify_init1 lstat opendir pipe2 pthread_create putenv
+    realloc realpath recvmsg send sendmsg sendto setgid setuid signalfd syscall
+    waitid)
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
   # Calls with wide times and offsets go by names of their own, see fault.cpp.
   list(TRANSFORM ttyline_fault_calls
        REPLACE "^(open|truncate|ftruncate)$" "\\164")
   list(TRANSFORM ttyline_fault_calls
-       REPLACE "^(select|setsockopt)$" "__\\164")
+       REPLACE "^(select|[gs]etsockopt|recvmsg|sendmsg)$" "__\\164")
   list(TRANSFORM ttyline_fault_calls
        REPLACE "^(fcntl|ioctl|prctl)$" "__\\1_time64")
-  list(TRANSFORM ttyline_fault_calls REPLACE "^(f?stat)$" "__\\164_time64")
+  list(TRANSFORM ttyline_fault_calls REPLACE "^([fl]?stat)$" "__\\164_time64")
   list(TRANSFORM ttyline_fault_calls REPLACE "^clock_gettime$" "__\\164")
 endif()
 list(TRANSFORM ttyline_fault_calls PREPEND -Wl,--wrap=)

@@ -3,18 +3,25 @@
 // signal handlers do.
 #include "tests/support/fault.h"
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <pthread.h>
+#include <pwd.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
+#include <sys/random.h>
 #include <sys/select.h>
+#include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -38,6 +45,14 @@
 #define __wrap_select __wrap___select64
 #define __real_setsockopt __real___setsockopt64
 #define __wrap_setsockopt __wrap___setsockopt64
+#define __real_getsockopt __real___getsockopt64
+#define __wrap_getsockopt __wrap___getsockopt64
+#define __real_recvmsg __real___recvmsg64
+#define __wrap_recvmsg __wrap___recvmsg64
+#define __real_sendmsg __real___sendmsg64
+#define __wrap_sendmsg __wrap___sendmsg64
+#define __real_lstat __real___lstat64_time64
+#define __wrap_lstat __wrap___lstat64_time64
 #define __real_fcntl __real___fcntl_time64
 #define __wrap_fcntl __wrap___fcntl_time64
 #define __real_ioctl __real___ioctl_time64
@@ -68,7 +83,12 @@ namespace fault
     X(pthread_mutexattr_settype) X(pthread_mutex_init) \
     X(pthread_rwlockattr_init) X(pthread_rwlock_init) X(pthread_sigmask) \
     X(sigfillset) X(sigaction) X(access) X(usleep) X(clock_gettime) \
-    X(getppid) X(faccessat) X(fstat)
+    X(getppid) X(faccessat) X(fstat) X(chdir) X(chmod) X(eventfd) X(fchmod) \
+    X(fchown) X(getcwd) X(getgrnam) X(getpwnam) X(getpwuid) X(getrandom) \
+    X(getsockopt) X(initgroups) X(inotify_add_watch) X(inotify_init1) \
+    X(lstat) X(opendir) X(pipe2) X(pthread_create) X(putenv) \
+    X(realloc) X(realpath) X(recvmsg) X(send) X(sendmsg) X(sendto) X(setgid) \
+    X(setuid) X(signalfd) X(syscall) X(waitid)
 // clang-format on
 
 #define FAULT_ID(name) call_##name,
@@ -498,6 +518,51 @@ FAULT_WRAP(int, usleep, (useconds_t microseconds), (microseconds), {})
 FAULT_WRAP(int, clock_gettime, (clockid_t clock, struct timespec *now),
            (clock, now), about_what(clock))
 FAULT_WRAP(pid_t, getppid, (void), (), {})
+FAULT_WRAP(int, chdir, (const char *path), (path), about_path(path))
+FAULT_WRAP(int, chmod, (const char *path, mode_t mode), (path, mode),
+           about_path(path))
+FAULT_WRAP(int, eventfd, (unsigned int count, int flags), (count, flags), {})
+FAULT_WRAP(int, fchmod, (int fd, mode_t mode), (fd, mode), about_fd(fd))
+FAULT_WRAP(int, fchown, (int fd, uid_t user, gid_t group), (fd, user, group),
+           about_fd(fd))
+FAULT_WRAP(char *, getcwd, (char *path, size_t size), (path, size), {})
+FAULT_WRAP(struct group *, getgrnam, (const char *name), (name),
+           about_path(name))
+FAULT_WRAP(struct passwd *, getpwnam, (const char *name), (name),
+           about_path(name))
+FAULT_WRAP(struct passwd *, getpwuid, (uid_t user), (user), {})
+FAULT_WRAP(ssize_t, getrandom, (void *bytes, size_t size, unsigned int flags),
+           (bytes, size, flags), {})
+FAULT_WRAP(int, getsockopt,
+           (int fd, int level, int option, void *value, socklen_t *len),
+           (fd, level, option, value, len), about_fd(fd, option))
+FAULT_WRAP(int, initgroups, (const char *user, gid_t group), (user, group),
+           about_path(user))
+FAULT_WRAP(int, inotify_add_watch, (int fd, const char *path, uint32_t events),
+           (fd, path, events), about_path(path))
+FAULT_WRAP(int, inotify_init1, (int flags), (flags), {})
+FAULT_WRAP(int, lstat, (const char *path, struct stat *status), (path, status),
+           about_path(path))
+FAULT_WRAP(DIR *, opendir, (const char *path), (path), about_path(path))
+FAULT_WRAP(int, pipe2, (int *ends, int flags), (ends, flags), {})
+FAULT_WRAP(int, putenv, (char *entry), (entry), about_path(entry))
+FAULT_WRAP(void *, realloc, (void *old, size_t size), (old, size), {})
+FAULT_WRAP(char *, realpath, (const char *path, char *out), (path, out),
+           about_path(path))
+FAULT_WRAP(ssize_t, recvmsg, (int fd, struct msghdr *message, int flags),
+           (fd, message, flags), about_fd(fd, flags))
+FAULT_WRAP(ssize_t, sendmsg, (int fd, const struct msghdr *message, int flags),
+           (fd, message, flags), about_fd(fd, flags))
+FAULT_WRAP(ssize_t, sendto,
+           (int fd, const void *bytes, size_t size, int flags,
+            const struct sockaddr *to, socklen_t length),
+           (fd, bytes, size, flags, to, length), about_fd(fd, flags))
+FAULT_WRAP(int, setgid, (gid_t group), (group), {})
+FAULT_WRAP(int, setuid, (uid_t user), (user), {})
+FAULT_WRAP(int, signalfd, (int fd, const sigset_t *set, int flags),
+           (fd, set, flags), about_fd(fd))
+FAULT_WRAP(int, waitid, (idtype_t type, id_t id, siginfo_t *child, int options),
+           (type, id, child, options), about_what(options))
 
 FAULT_WRAP_ERROR(ptsname_r, (int fd, char *buf, size_t len), (fd, buf, len),
                  about_fd(fd))
@@ -517,6 +582,10 @@ FAULT_WRAP_ERROR(pthread_rwlock_init,
 FAULT_WRAP_ERROR(pthread_sigmask,
                  (int how, const sigset_t *set, sigset_t *old),
                  (how, set, old), about_what(how))
+FAULT_WRAP_ERROR(pthread_create,
+                 (pthread_t *thread, const pthread_attr_t *with,
+                  void *(*run)(void *), void *argument),
+                 (thread, with, run, argument), {})
 // clang-format on
 
 FAULT_DECLARE(ssize_t, recv, int fd, void *buf, size_t len, int flags)
@@ -525,6 +594,14 @@ ssize_t __wrap_recv(int fd, void *buf, size_t len, int flags)
     FAULT_REPLACED(recv, (fd, buf, len, flags))
     FAULT_ENTER(ssize_t, recv, about_fd(fd, flags))
     return __real_recv(fd, buf, fault::shortened(decided, len), flags);
+}
+
+FAULT_DECLARE(ssize_t, send, int fd, const void *buf, size_t len, int flags)
+ssize_t __wrap_send(int fd, const void *buf, size_t len, int flags)
+{
+    FAULT_REPLACED(send, (fd, buf, len, flags))
+    FAULT_ENTER(ssize_t, send, about_fd(fd, flags))
+    return __real_send(fd, buf, fault::shortened(decided, len), flags);
 }
 
 FAULT_DECLARE(ssize_t, read, int fd, void *buf, size_t len)
@@ -585,4 +662,24 @@ int __wrap_prctl(int option, ...)
     FAULT_REPLACED(prctl, (option, optional))
     FAULT_ENTER(int, prctl, about_what(option))
     return __real_prctl(option, optional, 0L, 0L, 0L);
+}
+
+// As many arguments as there are registers for them: those that were not given
+// are not looked at.
+FAULT_DECLARE(long, syscall, long number, ...)
+long __wrap_syscall(long number, ...)
+{
+    long given[5];
+    va_list list;
+
+    va_start(list, number);
+    for (long &each : given) {
+        each = va_arg(list, long);
+    }
+    va_end(list);
+    FAULT_REPLACED(syscall,
+                   (number, given[0], given[1], given[2], given[3], given[4]))
+    FAULT_ENTER(long, syscall, about_what(number))
+    return __real_syscall(number, given[0], given[1], given[2], given[3],
+                          given[4]);
 }

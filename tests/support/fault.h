@@ -17,7 +17,8 @@ struct filter {
     int fd = -1;
     // The number that says what the call is to do: the flags of open(), the
     // command of fcntl(), the request of ioctl(), the length of connect()'s
-    // address, the signal, the how of pthread_sigmask().
+    // address, the signal, the how of pthread_sigmask(), the number of
+    // syscall().
     long what = -1;
 };
 
@@ -37,7 +38,7 @@ int fail(const char *name, int nth, int error, int times = 1,
 // The call is not done; it gives this result and errno stays.
 int result(const char *name, int nth, long value, int times = 1,
            const filter &where = {});
-// read, write, recv: is done with at most this many bytes.
+// read, write, recv, send: is done with at most this many bytes.
 int shorten(const char *name, int nth, size_t bytes, int times = 1,
             const filter &where = {});
 // before() is called, then the call is done. Its own calls are not counted.
