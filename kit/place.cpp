@@ -18,9 +18,10 @@
 constexpr int64_t PATIENCE_MS = 3000;
 constexpr long PAUSE_NS = 50000000;
 
-// By a socket of another type: the kernel says that the one behind the path is
-// not of this type, and its owner hears nothing. Nobody has a path that refuses
-// the connection; who has one that must not be written to is not known.
+// By a datagram socket: where the one behind the path is of another type the
+// kernel says so, where it is not they are connected, and its owner hears
+// nothing of either. Nobody has a path that refuses the connection; who has one
+// that must not be written to is not known.
 bool kit_place_path_taken(const char *path)
 {
     struct sockaddr_un address = {};
@@ -33,8 +34,8 @@ bool kit_place_path_taken(const char *path)
     (void)strncpy(address.sun_path, path, sizeof address.sun_path - 1);
     const bool taken =
         connect(fd, reinterpret_cast<struct sockaddr *>(&address),
-                sizeof address) != 0 &&
-        (errno == EPROTOTYPE || errno == EACCES);
+                sizeof address) == 0 ||
+        errno == EPROTOTYPE || errno == EACCES;
     close(fd);
     return taken;
 }
