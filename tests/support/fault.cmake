@@ -7,11 +7,11 @@ set(ttyline_fault_calls
     setenv getsockname getpeername pthread_mutexattr_init
     pthread_mutexattr_settype pthread_mutex_init pthread_rwlockattr_init
     pthread_rwlock_init pthread_sigmask sigfillset sigaction access usleep
-    clock_gettime getppid faccessat fstat chdir chmod eventfd fchmod fchown
-    getcwd getgrnam getpwnam getpwuid getrandom getsockopt initgroups
-    inotify_add_watch inotify_init1 lstat opendir pipe2 pthread_create putenv
-    realloc realpath recvmsg send sendmsg sendto setgid setuid signalfd syscall
-    waitid)
+    clock_gettime getppid faccessat fstat chdir chmod epoll_create1
+    epoll_ctl epoll_wait eventfd fchmod fchown getcwd getgrnam getpwnam getpwuid
+    getrandom getsockopt initgroups inotify_add_watch inotify_init1 lstat opendir
+    pipe2 pthread_create putenv realloc realpath recvmsg send sendmsg sendto
+    setgid setuid signalfd syscall waitid)
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
   # Calls with wide times and offsets go by names of their own, see fault.cpp.
   list(TRANSFORM ttyline_fault_calls

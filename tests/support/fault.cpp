@@ -15,6 +15,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <sys/ioctl.h>
@@ -83,7 +84,8 @@ namespace fault
     X(pthread_mutexattr_settype) X(pthread_mutex_init) \
     X(pthread_rwlockattr_init) X(pthread_rwlock_init) X(pthread_sigmask) \
     X(sigfillset) X(sigaction) X(access) X(usleep) X(clock_gettime) \
-    X(getppid) X(faccessat) X(fstat) X(chdir) X(chmod) X(eventfd) X(fchmod) \
+    X(getppid) X(faccessat) X(fstat) X(chdir) X(chmod) X(epoll_create1) X(epoll_ctl) \
+    X(epoll_wait) X(eventfd) X(fchmod) \
     X(fchown) X(getcwd) X(getgrnam) X(getpwnam) X(getpwuid) X(getrandom) \
     X(getsockopt) X(initgroups) X(inotify_add_watch) X(inotify_init1) \
     X(lstat) X(opendir) X(pipe2) X(pthread_create) X(putenv) \
@@ -521,6 +523,13 @@ FAULT_WRAP(pid_t, getppid, (void), (), {})
 FAULT_WRAP(int, chdir, (const char *path), (path), about_path(path))
 FAULT_WRAP(int, chmod, (const char *path, mode_t mode), (path, mode),
            about_path(path))
+FAULT_WRAP(int, epoll_create1, (int flags), (flags), {})
+FAULT_WRAP(int, epoll_ctl,
+           (int set, int what, int fd, struct epoll_event *event),
+           (set, what, fd, event), about_fd(fd, what))
+FAULT_WRAP(int, epoll_wait,
+           (int set, struct epoll_event *events, int most, int limit),
+           (set, events, most, limit), about_fd(set))
 FAULT_WRAP(int, eventfd, (unsigned int count, int flags), (count, flags), {})
 FAULT_WRAP(int, fchmod, (int fd, mode_t mode), (fd, mode), about_fd(fd))
 FAULT_WRAP(int, fchown, (int fd, uid_t user, gid_t group), (fd, user, group),

@@ -253,6 +253,19 @@ TEST_F(KitMoments, connection_to_nowhere_is_closed_without_a_word)
     end();
 }
 
+// A service whose data the session service does not move.
+TEST_F(KitMoments, client_is_told_when_its_session_cannot_be_heard)
+{
+    fault_row("on_alloc", "epoll_ctl", "ENOSPC", "-1", "",
+              "nothing: the client is told in one line");
+    const_cast<kit_service *>(kit_first_node()->service)->protocol = 4;
+    fault::fail("epoll_ctl", 1, ENOSPC);
+    EXPECT_EQ(alloc(), -1);
+    EXPECT_EQ(kit_entry_at(LINE), nullptr);
+    EXPECT_EQ(told(), "ttyline: no resources for a session\r\n");
+    end();
+}
+
 // The service asks for every line that it has.
 TEST_F(KitMoments, line_without_a_session_has_no_moments)
 {

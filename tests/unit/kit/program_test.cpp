@@ -266,7 +266,7 @@ TEST_F(KitProgram, program_has_the_limit_that_the_daemon_was_started_with)
 
 // ---- The terminal before the first byte. ----
 
-class KitTerminal : public testing::Test
+class KitProgramTerminal : public testing::Test
 {
   protected:
     // On descriptor 0 of a process of its own.
@@ -300,7 +300,7 @@ class KitTerminal : public testing::Test
     }
 };
 
-TEST_F(KitTerminal, has_line_editing_and_a_size)
+TEST_F(KitProgramTerminal, has_line_editing_and_a_size)
 {
     EXPECT_TRUE(on_a_terminal([] {
         kit_program_make_terminal_sane();
@@ -308,7 +308,7 @@ TEST_F(KitTerminal, has_line_editing_and_a_size)
     }));
 }
 
-TEST_F(KitTerminal, keeps_the_size_that_it_has)
+TEST_F(KitProgramTerminal, keeps_the_size_that_it_has)
 {
     for (const bool rows : {true, false}) {
         static bool with_rows;
@@ -323,7 +323,7 @@ TEST_F(KitTerminal, keeps_the_size_that_it_has)
     }
 }
 
-TEST_F(KitTerminal, stays_as_it_is_when_it_cannot_be_asked_or_told)
+TEST_F(KitProgramTerminal, stays_as_it_is_when_it_cannot_be_asked_or_told)
 {
     fault_row("kit_program_make_terminal_sane", "tcgetattr", "EIO", "nothing",
               "", "the terminal as it was");

@@ -338,15 +338,24 @@ class KitRunFirst : public support::runtime_test
 {
 };
 
-TEST_F(KitRunFirst, daemon_without_a_pair_does_not_begin)
+TEST_F(KitRunFirst, daemon_without_a_pair_or_a_set_of_events_does_not_begin)
 {
     fault_row("kit_run", "socketpair", "EMFILE", "-1", "",
+              "nothing is registered");
+    fault_row("kit_run", "epoll_create1", "EMFILE", "-1", "",
               "nothing is registered");
     kit_daemon daemon = {};
     daemon.size = sizeof daemon;
     ASSERT_EQ(kit_offer(&FIRST), 0);
-    fault::fail("socketpair", 1, EMFILE);
-    EXPECT_EQ(kit_run(&daemon), -1);
-    EXPECT_STREQ(kit_error(), "no descriptor: Too many open files");
-    EXPECT_FALSE(registered(FIRST.path));
+    for (const char *call : {"socketpair", "epoll_create1"}) {
+        EXPECT_EQ(support::in_child([&] {
+                      fault::fail(call, 1, EMFILE);
+                      return kit_run(&daemon) == -1 &&
+                             std::string(kit_error()) ==
+                                 "no descriptor: Too many open files" &&
+                             !registered(FIRST.path);
+                  }),
+                  0)
+            << call;
+    }
 }

@@ -1,5 +1,6 @@
 #include "kit/terminal.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <stdlib.h>
@@ -12,6 +13,9 @@
 #include <gtest/gtest.h>
 
 #include <ttyline/kit.h>
+
+#include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
 
 class KitTerminal : public testing::Test
 {
@@ -137,4 +141,40 @@ TEST_F(KitTerminal, what_was_typed_can_be_forgotten)
     const ssize_t got = read(slave, text, sizeof text);
     EXPECT_EQ(std::string(text, got > 0 ? static_cast<size_t>(got) : 0),
               "last\n");
+}
+
+TEST_F(KitTerminal, terminal_that_fails_is_left_as_it_is)
+{
+    fault_row("kit_terminal_size", "ioctl", "EIO", "-1", "",
+              "the size as it was");
+    fault_row("kit_terminal_character", "tcgetattr", "EIO", "0, no character",
+              "", "");
+    fault::reset();
+    ASSERT_EQ(kit_terminal_size(132, 50), 0);
+    fault::fail("ioctl", 1, EIO, 1, fault::only_what(TIOCSWINSZ));
+    EXPECT_EQ(kit_terminal_size(80, 24), -1);
+    EXPECT_STREQ(kit_error(), "no terminal takes a size: Input/output error");
+    EXPECT_EQ(size(), "132x50");
+    EXPECT_EQ(kit_terminal_told().columns, 132u);
+    fault::fail("tcgetattr", 1, EIO);
+    EXPECT_EQ(kit_terminal_character(VINTR), 0);
+    EXPECT_EQ(kit_terminal_character(VINTR), 3);
+    fault::reset();
+}
+
+// What the terminal has is the program's then; what is on the way is not.
+TEST_F(KitTerminal, what_was_typed_stays_where_it_cannot_be_reached)
+{
+    fault_row("kit_terminal_forget_typed", "ioctl", "EMFILE", "nothing", "",
+              "what the terminal has already");
+    fault::reset();
+    ASSERT_EQ(write(master, "typed\n", 6), 6);
+    pollfd watched = {slave, POLLIN, 0};
+    ASSERT_EQ(poll(&watched, 1, 20000), 1);
+    fault::fail("ioctl", 1, EMFILE, 1,
+                fault::only_what(static_cast<long>(TIOCGPTPEER)));
+    kit_terminal_forget_typed();
+    fault::reset();
+    char text[64];
+    EXPECT_EQ(read(slave, text, sizeof text), 6);
 }

@@ -1,5 +1,6 @@
 #include "kit/unrelayed.h"
 
+#include <errno.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -7,6 +8,8 @@
 
 #include "kit/bell.h"
 #include "kit/moments.h"
+#include "tests/support/fault.h"
+#include "tests/support/fault_row.h"
 #include "vc/protocol.h"
 
 constexpr int LINE = 258;
@@ -118,4 +121,45 @@ TEST_F(KitUnrelayed, service_cannot_have_callbacks_that_would_come_too_late)
     service.began = nullptr;
     service.received = [](const kit_session *, const void *, size_t, void *) {};
     EXPECT_EQ(kit_offer(&service), -1);
+}
+
+TEST_F(KitUnrelayed, session_for_which_there_is_no_room_is_none)
+{
+    fault_row("kit_unrelayed_add", "epoll_ctl", "ENOSPC", "false", "",
+              "the session is refused");
+    for (int nth = 1; nth <= 2; nth++) {
+        fault::reset();
+        fault::fail("epoll_ctl", nth, ENOSPC);
+        EXPECT_FALSE(kit_unrelayed_add(entry)) << nth;
+        kit_unrelayed_remove(entry);
+    }
+    fault::reset();
+    EXPECT_TRUE(kit_unrelayed_add(entry));
+}
+
+TEST_F(KitUnrelayed, what_is_not_heard_now_is_heard_at_the_next_turn)
+{
+    fault_row("kit_unrelayed_hear", "epoll_wait", "EINTR", "nothing", "",
+              "the sessions are heard at the next turn");
+    fault::reset();
+    ASSERT_TRUE(kit_unrelayed_add(entry));
+    ASSERT_TRUE(kit_bell_say(bell[1], BELL_RUNS, 4711, ""));
+    fault::fail("epoll_wait", 1, EINTR);
+    kit_unrelayed_hear();
+    EXPECT_EQ(entry->session.keeper_pid, 0);
+    ASSERT_TRUE(something_to_hear());
+    kit_unrelayed_hear();
+    EXPECT_EQ(entry->session.keeper_pid, 4711);
+}
+
+// Its event was under way when it ended.
+TEST_F(KitUnrelayed, session_that_has_left_the_table_is_not_heard)
+{
+    ASSERT_TRUE(kit_unrelayed_add(entry));
+    kit_table_take(entry);
+    ASSERT_TRUE(kit_bell_say(bell[1], BELL_RUNS, 4711, ""));
+    kit_unrelayed_hear();
+    EXPECT_EQ(entry->session.keeper_pid, 0);
+    EXPECT_FALSE(something_to_hear());
+    kit_table_put(entry);
 }
