@@ -9,16 +9,23 @@
 
 constexpr size_t BELL_TEXT_SIZE = 128;
 
+// A keeper says each once and in this order: what comes out of it is not heard.
+// The first three come before it has read a byte of its peer, and the daemon
+// ends processes by their numbers.
 enum bell_kind : uint32_t {
-    BELL_RUNS = 1, // keeper: number is its process
-    BELL_USER,     // keeper: text is whom the program runs as
-    BELL_PROGRAM,  // keeper: number is the program's process, text its terminal
-    BELL_ENDING,   // keeper: the connection is closed, the program hung up; it
-                   // was not gone at once
-    BELL_ENDED,    // keeper: number is the program's status, text is empty
-                   // unless the line is clean
+    BELL_RUNS = 1, // number is the keeper's process
+    BELL_TERMINAL, // number is the program's process, text its terminal
+    BELL_USER,     // text is whom the program runs as
+    BELL_PROGRAM,  // the line says whose it is, the program was let go
+    BELL_ENDING,   // the connection is closed, the program hung up; it was not
+                   // gone at once
+    BELL_ENDED,    // number is the program's status, text what is left to do:
+                   // BELL_CLEAN nothing, BELL_EMPTY the line, else all
     BELL_END,      // daemon: end the session; text is the reason
 };
+
+constexpr char BELL_CLEAN[] = "clean"; // nobody is left, the line is clean
+constexpr char BELL_EMPTY[] = "empty"; // nobody is left
 
 struct bell_message {
     uint32_t kind;

@@ -1,5 +1,5 @@
-// What a killed keeper leaves behind: its line, which says whose it was, and
-// what still runs of its session.
+// What a killed or confined keeper leaves behind: its line, which says whose it
+// was, and what still runs of its session.
 #include "kit/leftover.h"
 
 #include <string.h>
@@ -8,14 +8,14 @@
 #include "kit/line.h"
 #include "kit/sweep.h"
 
-// From the end of a killed keeper, which hung its program up, to the end by
-// force of what did not care.
+// From the end of the keeper, which hung its program up, and of what that has
+// left, to the end by force of what did not care.
 constexpr int64_t SWEEP_AFTER_MS = 5000;
 // How often a line that another program locks is tried again, and for how long.
 constexpr int64_t LOCKED_PAUSE_MS = 1000;
 constexpr int MOST_TRIES = 60;
 
-// One session that somebody killed. With the lock held.
+// One session. With the lock held.
 // The analyser takes the copy of a whole record for one onto itself.
 // NOLINTNEXTLINE(clang-analyzer-alpha.unix.cstring.BufferOverlap)
 struct leftover {
@@ -23,6 +23,7 @@ struct leftover {
     char id[KIT_ID_SIZE];
     pid_t program;
     int64_t clean_at; // 0: done
+    bool hung_up;
     int64_t sweep_at; // 0: done
     int tries;
 };
@@ -38,7 +39,8 @@ void kit_leftover_add(const kit_entry *entry)
     memcpy(left->id, entry->id, sizeof left->id);
     left->program = entry->session.pid;
     left->clean_at = kit_now_ms();
-    left->sweep_at = kit_now_ms() + SWEEP_AFTER_MS;
+    left->hung_up = entry->empty;
+    left->sweep_at = entry->empty ? 0 : kit_now_ms();
     left->tries = 0;
     kit_unlock();
 }
@@ -56,11 +58,18 @@ static void clean_line(int line, leftover *left, int64_t now)
 
 static void sweep_session(leftover *left, int64_t now)
 {
-    if (left->sweep_at != 0 && left->sweep_at <= now) {
-        // It was hung up long ago: no further time.
-        kit_sweep(left->program, 0);
-        left->sweep_at = 0;
+    if (left->sweep_at == 0 || left->sweep_at > now) {
+        return;
     }
+    if (!left->hung_up) {
+        left->hung_up = true;
+        left->sweep_at =
+            kit_sweep_hang_up(left->program) ? now + SWEEP_AFTER_MS : 0;
+        return;
+    }
+    // It was hung up long ago: no further time.
+    kit_sweep(left->program, 0);
+    left->sweep_at = 0;
 }
 
 // Works on a copy: neither a file nor a look at all processes holds the loop

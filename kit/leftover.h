@@ -1,11 +1,12 @@
-// What keepers that were killed have left, which the daemon has to tidy up.
+// What keepers have left, which the daemon has to tidy up: those that were
+// killed, and those that gave up the right to do it themselves.
 #pragma once
 
 #include <stdint.h>
 
 #include "kit/table.h"
 
-// Notes a session whose keeper was killed. The loop's thread.
+// Notes a session that its keeper has not cleaned up. The loop's thread.
 void kit_leftover_add(const kit_entry *entry);
 
 // On the warden's thread, as all of this may take its time: does what is due,

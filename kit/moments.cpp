@@ -167,16 +167,23 @@ static void on_running(kit_entry *entry, int keeper_pid)
     kit_close(&entry->program_channel);
 }
 
+static void on_terminal(kit_entry *entry, const bell_message *message)
+{
+    kit_lock();
+    entry->program = message->number;
+    (void)snprintf(entry->device, sizeof entry->device, "%.*s",
+                   static_cast<int>(sizeof entry->device - 1), message->text);
+    kit_unlock();
+}
+
 // The program runs: the session has begun.
-static void on_program(kit_entry *entry, const bell_message *message)
+static void on_program(kit_entry *entry)
 {
     const kit_service *service = entry->session.service;
 
     kit_lock();
-    entry->session.pid = message->number;
+    entry->session.pid = entry->program;
     entry->deadline_ms = 0;
-    (void)snprintf(entry->device, sizeof entry->device, "%.*s",
-                   static_cast<int>(sizeof entry->device - 1), message->text);
     kit_unlock();
     log_event(entry, "session-begin", "");
     if (service->began != nullptr) {
@@ -197,11 +204,28 @@ static void on_ending(kit_entry *entry)
     kit_warden_deadline(deadline);
 }
 
+// A keeper that is not trusted with the line says that it is clean in vain.
+static void on_ended(kit_entry *entry, const bell_message *message)
+{
+    const bool clean = strcmp(message->text, BELL_CLEAN) == 0;
+
+    entry->status = message->number;
+    entry->cleaned = clean && entry->session.service->confine == nullptr;
+    entry->empty = clean || strcmp(message->text, BELL_EMPTY) == 0;
+}
+
 static void take_message(kit_entry *entry, const bell_message *message)
 {
+    if (message->kind <= entry->heard) {
+        return;
+    }
+    entry->heard = message->kind;
     switch (message->kind) {
     case BELL_RUNS:
         on_running(entry, message->number);
+        break;
+    case BELL_TERMINAL:
+        on_terminal(entry, message);
         break;
     case BELL_USER:
         kit_lock();
@@ -210,14 +234,13 @@ static void take_message(kit_entry *entry, const bell_message *message)
         kit_unlock();
         break;
     case BELL_PROGRAM:
-        on_program(entry, message);
+        on_program(entry);
         break;
     case BELL_ENDING:
         on_ending(entry);
         break;
     case BELL_ENDED:
-        entry->status = message->number;
-        entry->cleaned = message->text[0] != '\0';
+        on_ended(entry, message);
         break;
     default:
         break;

@@ -134,10 +134,18 @@ static bool somebody_left(keeper *k)
     return pid == 0 || errno != ECHILD;
 }
 
+// A confined keeper can neither look at other processes nor end them, nor write
+// to the line: the daemon does what it leaves.
+static bool confined(const keeper *k)
+{
+    return k->entry->session.service->confine != nullptr;
+}
+
 // Hung up, not killed: a shell writes its history, an editor what it has. Only
 // what does not end by then is ended by force. The daemon hears of it when it
-// takes time: each message costs the loop a turn over all sessions.
-static void finish_program(keeper *k)
+// takes time: each message costs the loop a turn over all sessions. False when
+// somebody may still be there.
+static bool finish_program(keeper *k)
 {
     const int64_t limit =
         kit_keeping_limit(k->entry->session.service->hangup_ms, KIT_HANGUP_MS);
@@ -145,25 +153,36 @@ static void finish_program(keeper *k)
     close(k->relay.master);
     kit_keeping_take_signals(k);
     if (k->program_ended && !somebody_left(k)) {
-        return;
+        return true;
     }
     kit_bell_say(k->bell, BELL_ENDING, 0, "");
-    if (!wait_for_program(k, limit)) {
+    const bool ended = wait_for_program(k, limit);
+    if (confined(k)) {
+        return ended && !somebody_left(k);
+    }
+    if (!ended) {
         kill(-k->program, SIGKILL);
         wait_for_program(k, limit);
     }
     if (somebody_left(k)) {
         kit_sweep(k->program, limit);
     }
+    return true;
 }
 
 void kit_keeping_finish(keeper *k)
 {
+    const char *left = "";
+
     tell_reason(k);
     finish_connection(k);
-    finish_program(k);
-    const bool clean = kit_line_end(k->entry->session.line, k->entry->id,
-                                    CLEAN_PATIENCE_MS) == 0;
-    kit_bell_say(k->bell, BELL_ENDED, k->status, clean ? "clean" : "");
+    if (finish_program(k)) {
+        left =
+            !confined(k) && kit_line_end(k->entry->session.line, k->entry->id,
+                                         CLEAN_PATIENCE_MS) == 0
+                ? BELL_CLEAN
+                : BELL_EMPTY;
+    }
+    kit_bell_say(k->bell, BELL_ENDED, k->status, left);
     _exit(0);
 }

@@ -21,10 +21,10 @@
 
 #include "kit/bell.h"
 #include "kit/descriptors.h"
+#include "kit/go.h"
 #include "kit/identity.h"
 #include "kit/keeping.h"
 #include "kit/member.h"
-#include "kit/terminal.h"
 
 constexpr int CANNOT_RUN = 127;
 constexpr unsigned short USUAL_ROWS = 24;
@@ -211,24 +211,6 @@ static void enter_directory(const kit_service *service,
     _exit(result);
 }
 
-// The keeper says on the line whose it is, and then lets the program go on: a
-// byte, and behind it the terminal's type if that was told.
-static void wait_for_identity(int go)
-{
-    char message[1 + KIT_TYPE_SIZE] = "";
-    ssize_t got;
-
-    do {
-        got = read(go, message, sizeof message - 1);
-    } while (got < 0 && errno == EINTR);
-    if (got < 1) {
-        _exit(CANNOT_RUN);
-    }
-    if (got > 1) {
-        kit_terminal_type(message + 1);
-    }
-}
-
 void kit_program_run(const kit_entry *entry, const char *device, int go,
                      const struct passwd *user)
 {
@@ -241,7 +223,9 @@ void kit_program_run(const kit_entry *entry, const char *device, int go,
     take_terminal(device);
     default_signals();
     kit_close_all_but(own, sizeof own / sizeof *own);
-    wait_for_identity(go);
+    if (!kit_go_await(go, entry)) {
+        _exit(CANNOT_RUN);
+    }
     close(go);
     copy->session.pid = getpid();
     if (service->user != nullptr && user == nullptr) {

@@ -5,7 +5,7 @@
 
 #include "kit/table.h"
 
-// In the keeper's child: takes the terminal, waits for a byte on go, as nothing
+// In the keeper's child: takes the terminal, waits on its end of go, as nothing
 // may run before the line says whose it is, and becomes the service's program
 // or calls its function, as this user; null when there is no such. Does not
 // return.

@@ -2,7 +2,6 @@
 // forks the program, and lets that go on when the line says whose it is.
 #include "kit/keeping.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -19,10 +18,9 @@
 #include "kit/bell.h"
 #include "kit/clock.h"
 #include "kit/descriptors.h"
-#include "kit/error.h"
+#include "kit/go.h"
 #include "kit/identity.h"
 #include "kit/program.h"
-#include "kit/terminal.h"
 #include "kit/text.h"
 
 static void forget_signals(void)
@@ -103,13 +101,13 @@ static bool keep_urgent_in_place(const kit_entry *entry)
 
 // The terminal is given up first: it can be the controlling one of one session
 // only. That sends a hang-up to this process, which ignores it.
-// Returns the pipe over which it is let go, -1 when there is no program.
+// Returns the end over which it is let go, -1 when there is no program.
 static int start_program(keeper *k, const char *device,
                          const struct passwd *user)
 {
     int go[2];
 
-    if (pipe2(go, O_CLOEXEC) != 0) {
+    if (!kit_go_open(go)) {
         return -1;
     }
     kit_program_make_terminal_sane();
@@ -127,45 +125,33 @@ static int start_program(keeper *k, const char *device,
     return go[1];
 }
 
-// Whoever is to free a full disk, or mend a broken one, has to come in first.
-static bool go_without_identity(const kit_entry *entry, int error)
-{
-    char reason[3 * BELL_TEXT_SIZE];
-
-    if (error != ENOSPC && error != EDQUOT && error != EROFS && error != EIO) {
-        return false;
-    }
-    kit_audit("no-identity line=%d id=%s reason=%s", entry->session.line,
-              entry->id, kit_word(reason, sizeof reason, kit_error()));
-    return true;
-}
-
-// What nobody lets go ends by itself. One that cannot be let go has ended
-// already: it could not take its terminal, and has printed why. It learns its
-// terminal's type, if the peer has told that.
 static void let_program_go(keeper *k, int go)
 {
-    const char *told = kit_terminal_told().type;
-    char message[1 + KIT_TYPE_SIZE];
-    const int length =
-        snprintf(message, sizeof message, "g%s", told != nullptr ? told : "");
+    char reason[BELL_TEXT_SIZE];
+    char word[3 * BELL_TEXT_SIZE];
 
-    if (k->relay.peer_gone || k->dismissed) {
-        k->dismissed = true;
-    } else if (kit_identity_store(k->entry, k->program) != 0 &&
-               !go_without_identity(k->entry, errno)) {
-        (void)snprintf(k->reason, sizeof k->reason, "no session: %s",
-                       kit_error());
-        k->dismissed = true;
-    } else {
-        const ssize_t ignored =
-            write(go, message, static_cast<size_t>(length));
-        static_cast<void>(ignored);
+    // What nobody lets go ends by itself.
+    k->dismissed = k->dismissed || k->relay.peer_gone;
+    if (!k->dismissed) {
+        const bool goes = kit_go_let(go, reason, sizeof reason);
+        if (!goes) {
+            (void)snprintf(k->reason, sizeof k->reason, "no session: %.*s",
+                           static_cast<int>(sizeof k->reason - 16), reason);
+            k->dismissed = true;
+        } else if (reason[0] != '\0') {
+            kit_audit("no-identity line=%d id=%s reason=%s",
+                      k->entry->session.line, k->entry->id,
+                      kit_word(word, sizeof word, reason));
+        }
     }
     close(go);
+    if (!k->dismissed) {
+        kit_bell_say(k->bell, BELL_PROGRAM, 0, "");
+    }
 }
 
-static void note_program(keeper *k, const char *device)
+// What the terminal and the program need is theirs alone now.
+static void let_go_of_program(const keeper *k)
 {
     char name[16];
 
@@ -173,10 +159,6 @@ static void note_program(keeper *k, const char *device)
     prctl(PR_SET_NAME, name);
     replace_standard_streams();
     close(k->entry->program_channel);
-    if (!k->dismissed) {
-        kit_bell_say(k->bell, BELL_USER, 0, k->entry->user);
-        kit_bell_say(k->bell, BELL_PROGRAM, k->program, device);
-    }
 }
 
 // Known from here on to the keeper and to what it forks.
@@ -189,6 +171,32 @@ static void note_terminal(const kit_entry *entry, const char *device,
     (void)snprintf(own->user, sizeof own->user, "%s",
                    user != nullptr ? user->pw_name : "");
     own->session.keeper_pid = getpid();
+}
+
+// Before the first byte of the peer. What cannot be confined serves nobody.
+static void confine(keeper *k)
+{
+    const kit_service *service = k->entry->session.service;
+
+    if (service->confine != nullptr &&
+        service->confine(&k->entry->session, service->context) != 0) {
+        kit_audit("not-confined line=%d id=%s", k->entry->session.line,
+                  k->entry->id);
+        (void)snprintf(k->reason, sizeof k->reason,
+                       "no session: it cannot be kept safely");
+        k->dismissed = true;
+    }
+}
+
+static void open_relay(keeper *k)
+{
+    const kit_entry *entry = k->entry;
+
+    set_connection(entry);
+    kit_relay_open(&k->relay, entry->connection, entry->master,
+                   entry->session.service->codec, &entry->session);
+    k->relay.hears_urgent = keep_urgent_in_place(entry);
+    k->still_since = kit_now_ms();
 }
 
 void kit_keeping_begin(keeper *k, const kit_entry *entry, const char *device)
@@ -209,12 +217,13 @@ void kit_keeping_begin(keeper *k, const kit_entry *entry, const char *device)
     if (go < 0) {
         _exit(1);
     }
-    set_connection(entry);
-    kit_relay_open(&k->relay, entry->connection, entry->master,
-                   entry->session.service->codec, &entry->session);
-    k->relay.hears_urgent = keep_urgent_in_place(entry);
-    k->still_since = kit_now_ms();
-    kit_keeping_await_terminal(k);
+    let_go_of_program(k);
+    kit_bell_say(k->bell, BELL_TERMINAL, k->program, device);
+    kit_bell_say(k->bell, BELL_USER, 0, entry->user);
+    open_relay(k);
+    confine(k);
+    if (!k->dismissed) {
+        kit_keeping_await_terminal(k);
+    }
     let_program_go(k, go);
-    note_program(k, device);
 }

@@ -82,12 +82,20 @@ static bool gone_by(pid_t session, int64_t deadline)
 }
 
 // A stopped process is told to go on, or it would take its signal never.
-void kit_sweep(pid_t session, int64_t limit_ms)
+bool kit_sweep_hang_up(pid_t session)
 {
     if (session <= 0 || !signal_all(session, SIGHUP)) {
-        return;
+        return false;
     }
     signal_all(session, SIGCONT);
+    return true;
+}
+
+void kit_sweep(pid_t session, int64_t limit_ms)
+{
+    if (!kit_sweep_hang_up(session)) {
+        return;
+    }
     if (gone_by(session, kit_now_ms() + limit_ms)) {
         return;
     }

@@ -53,7 +53,10 @@ struct kit_entry {
     int64_t end_by_ms;   // until when it must have begun to end the session,
                          // then, to have ended it; 0: nobody wants it to
     int status;          // of the program, -1 while it is not known
+    uint32_t heard;      // the kind of the keeper's last message
+    pid_t program;       // forked, but not yet let go
     bool cleaned;        // the keeper has cleaned the line
+    bool empty;          // nobody of the session is left
 };
 
 // The session on a line, or null. On other threads with the lock held.

@@ -13,6 +13,10 @@
 
 constexpr unsigned int MOST_CELLS = 0xffff;
 
+static const char NAME_CHARACTERS[] = "abcdefghijklmnopqrstuvwxyz"
+                                      "ABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                                      "0123456789._+-";
+
 static int g_master = -1;
 static char g_type[KIT_TYPE_SIZE];
 static unsigned int g_columns;
@@ -46,6 +50,12 @@ int kit_terminal_size(unsigned int columns, unsigned int rows)
     return 0;
 }
 
+// It becomes a line of a file and a variable that programs make a path of.
+static bool is_plain_name(const char *name)
+{
+    return name[0] != '.' && name[strspn(name, NAME_CHARACTERS)] == '\0';
+}
+
 int kit_terminal_type(const char *type)
 {
     const size_t length = strlen(type);
@@ -53,6 +63,9 @@ int kit_terminal_type(const char *type)
     if (length == 0 || length >= KIT_TYPE_SIZE) {
         return kit_fail("a terminal type has 1 to %zu bytes",
                         KIT_TYPE_SIZE - 1);
+    }
+    if (!is_plain_name(type)) {
+        return kit_fail("a terminal type has letters, digits and . _ + -");
     }
     memcpy(g_type, type, length + 1);
     return 0;
@@ -66,6 +79,18 @@ unsigned char kit_terminal_character(int index)
         return _POSIX_VDISABLE;
     }
     return modes.c_cc[index];
+}
+
+void kit_terminal_note(const kit_terminal *told)
+{
+    if (told->type != nullptr) {
+        (void)kit_terminal_type(told->type);
+    }
+    if (told->columns != 0 && told->columns <= MOST_CELLS && told->rows != 0 &&
+        told->rows <= MOST_CELLS) {
+        g_columns = told->columns;
+        g_rows = told->rows;
+    }
 }
 
 // It stands in two places: on the way to the terminal, and with it, which only

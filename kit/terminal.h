@@ -18,6 +18,10 @@ struct kit_terminal {
 };
 kit_terminal kit_terminal_told(void);
 
+// In the session's program: what its keeper has passed on. A name that is none
+// and a size of 0 are not taken.
+void kit_terminal_note(const kit_terminal *told);
+
 // Throws away what was typed and not read yet, a line that is being edited
 // included.
 void kit_terminal_forget_typed(void);

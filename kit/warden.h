@@ -14,8 +14,8 @@ int kit_warden_start(const kit_daemon *daemon);
 // A session's keeper must have got on by then, as its entry says. Any thread.
 void kit_warden_deadline(int64_t deadline_ms);
 
-// A session whose keeper was killed: its line is to be cleaned, and what still
-// runs of it to be ended.
+// A session that its keeper has not cleaned up: its line is to be cleaned, and
+// what still runs of it to be ended.
 void kit_warden_clean(const kit_entry *entry);
 
 // A session has left the table.

@@ -237,6 +237,16 @@ typedef struct kit_service {
 
     uint32_t idle_ms; /* 0: no limit; how long nothing may move either way
                          before a session is ended, which its user is told */
+
+    /*
+     * In the keeper, before it reads the first byte of the connection: gives up
+     * the rights of the daemon that moving bytes does not need, such as its
+     * user, its files and system calls. Anything but 0 ends the session. What a
+     * keeper then can no longer do at its end, clean the line and end by force
+     * what the program has left, the daemon does. The program has been forked
+     * before: it keeps its rights. Optional.
+     */
+    int (*confine)(const kit_session *session, void *context);
 } kit_service;
 
 /*

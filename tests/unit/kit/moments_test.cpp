@@ -179,11 +179,36 @@ TEST_F(KitMoments, keeper_has_a_limit_until_its_program_runs)
     EXPECT_EQ(moments.read_func(LINE), 0);
     EXPECT_EQ(entry->session.keeper_pid, 4711);
     EXPECT_GT(entry->deadline_ms, 0);
-    ASSERT_TRUE(kit_bell_say(bell, BELL_PROGRAM, 4712, "/dev/pts/99"));
+    ASSERT_TRUE(kit_bell_say(bell, BELL_TERMINAL, 4712, "/dev/pts/99"));
+    EXPECT_EQ(moments.read_func(LINE), 0);
+    EXPECT_EQ(entry->session.pid, 0);
+    EXPECT_GT(entry->deadline_ms, 0);
+    ASSERT_TRUE(kit_bell_say(bell, BELL_PROGRAM, 0, ""));
     EXPECT_EQ(moments.read_func(LINE), 0);
     EXPECT_EQ(entry->session.pid, 4712);
     EXPECT_STREQ(entry->session.device, "/dev/pts/99");
     EXPECT_EQ(entry->deadline_ms, 0);
+    close(bell);
+    EXPECT_EQ(moments.read_func(LINE), -1);
+    end();
+}
+
+// Processes are ended by these numbers.
+TEST_F(KitMoments, keeper_says_once_and_in_order_what_it_is)
+{
+    ASSERT_EQ(alloc(), 0);
+    const kit_entry *entry = kit_entry_at(LINE);
+    const int bell = dup(entry->keeper_bell);
+    for (const int number : {4711, 1}) {
+        ASSERT_TRUE(kit_bell_say(bell, BELL_RUNS, number, ""));
+        ASSERT_TRUE(kit_bell_say(bell, BELL_TERMINAL, number + 1, "/dev/tty"));
+        ASSERT_TRUE(kit_bell_say(bell, BELL_PROGRAM, number, ""));
+        ASSERT_TRUE(kit_bell_say(bell, BELL_USER, number, "mallory"));
+    }
+    EXPECT_EQ(moments.read_func(LINE), 0);
+    EXPECT_EQ(entry->session.keeper_pid, 4711);
+    EXPECT_EQ(entry->session.pid, 4712);
+    EXPECT_STREQ(entry->user, "");
     close(bell);
     EXPECT_EQ(moments.read_func(LINE), -1);
     end();

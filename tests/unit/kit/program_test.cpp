@@ -87,20 +87,20 @@ TEST_F(KitProgram, program_that_ends_before_it_is_let_go_says_why)
 
 TEST_F(KitProgram, wait_for_the_line_that_is_interrupted_goes_on)
 {
-    fault_row("kit_program_run", "read", "EINTR", "nothing", "",
+    fault_row("kit_program_run", "recv", "EINTR", "nothing", "",
               "the program runs");
     begin([] {
-        fault::fail("read", 1, EINTR, 3, fault::only_path("pipe:"));
+        fault::fail("recv", 1, EINTR, 3);
     });
     expect_output("up\r\n");
 }
 
 TEST_F(KitProgram, program_that_does_not_hear_of_its_line_never_runs)
 {
-    fault_row("kit_program_run", "read", "EIO", "the program ends with 127", "",
+    fault_row("kit_program_run", "recv", "EIO", "the program ends with 127", "",
               "");
     begin([] {
-        fault::fail("read", 1, EIO, 1, fault::only_path("pipe:"));
+        fault::fail("recv", 1, EIO);
     });
     EXPECT_EQ(all(), "");
     EXPECT_EQ(end(), 0);
@@ -243,8 +243,8 @@ TEST_F(KitProgram, program_that_cannot_be_executed_is_named)
     });
     expect_refusal("/bin/sh: Permission denied");
     begin([] {
-        // In the program alone: the keeper has begun its session before.
-        fault::run("setsid", 1, [] {
+        // Behind all that is done for the line.
+        fault::run("chdir", 1, [] {
             fault::fail("calloc", 1, ENOMEM);
         });
     });
