@@ -104,7 +104,7 @@ TEST_F(KitLeftover, locked_line_is_tried_for_a_minute)
     fault::fail("open", 1, EMFILE, fault::ALWAYS, lock);
     kit_leftover_add(entry);
     EXPECT_EQ(kit_leftover_tidy(g_now), g_now + 1000);
-    for (int second = 1; second < 59; second++) {
+    for (int64_t second = 1; second < 59; second++) {
         // Nothing is tried before its time.
         kit_leftover_tidy(g_now + second * 1000 - 1);
         EXPECT_EQ(kit_leftover_tidy(g_now + second * 1000),
