@@ -11,6 +11,7 @@ struct kit_buffer {
     size_t size;
     size_t start;
     size_t end;
+    size_t highest; // end of all that has been taken since its last rest
 };
 
 inline size_t kit_buffer_pending(const kit_buffer *buffer)
@@ -26,7 +27,11 @@ inline size_t kit_buffer_room(const kit_buffer *buffer)
 // Makes all free room one, at the end.
 void kit_buffer_compact(kit_buffer *buffer);
 
-// So many bytes have been taken. One that was filled beyond its first page
-// gives the other pages back when it is empty: an idle session has nothing in
-// memory but what a keystroke needs.
+// So many bytes have been taken.
 void kit_buffer_used(kit_buffer *buffer, size_t count);
+
+// Whether it is empty and was filled beyond its first page.
+bool kit_buffer_large(const kit_buffer *buffer);
+
+// One that is gives the other pages back.
+void kit_buffer_rest(kit_buffer *buffer);

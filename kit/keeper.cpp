@@ -23,6 +23,8 @@
 // echo.
 constexpr int64_t END_AGAIN_MS = 100;
 constexpr int64_t QUIET_LOOK_MS = 100;
+// After so long without any data a session counts as idle.
+constexpr int64_t REST_MS = 1000;
 // For what the peer says of its terminal.
 constexpr uint32_t READY_MS = 500;
 
@@ -121,6 +123,9 @@ static int time_to_wait(const keeper *k)
     if (k->relay.terminal_quiet && !k->program_ended) {
         sooner(&timeout, QUIET_LOOK_MS);
     }
+    if (kit_relay_large(&k->relay)) {
+        sooner(&timeout, k->still_since + REST_MS - now);
+    }
     if (k->start_at != 0) {
         sooner(&timeout, k->start_at - now);
     }
@@ -183,6 +188,9 @@ static void turn(keeper *k)
         kit_relay_finish_terminal(&k->relay);
     }
     note_movement(k);
+    if (kit_now_ms() - k->still_since >= REST_MS) {
+        kit_relay_rest(&k->relay);
+    }
     pass_on_end_of_input(k);
 }
 

@@ -162,21 +162,17 @@ static void write_peer(kit_relay *relay)
     }
 }
 
+// Once: what it takes in part it will not take more of now.
 static void write_terminal(kit_relay *relay)
 {
     kit_buffer *buffer = &relay->to_terminal;
+    const uint8_t *first = buffer->bytes + buffer->start;
+    const size_t left = kit_buffer_pending(buffer);
 
-    while (kit_buffer_pending(buffer) > 0) {
-        const ssize_t written =
-            write(relay->master, buffer->bytes + buffer->start,
-                  kit_buffer_pending(buffer));
-        if (written <= 0) {
-            return;
-        }
+    const ssize_t written = left > 0 ? write(relay->master, first, left) : 0;
+    if (written > 0) {
         relay->moved = true;
-        relay->last_was_newline =
-            buffer->bytes[buffer->start + static_cast<size_t>(written) - 1] ==
-            '\n';
+        relay->last_was_newline = first[written - 1] == '\n';
         kit_buffer_used(buffer, static_cast<size_t>(written));
     }
 }
@@ -325,11 +321,14 @@ void kit_relay_move(kit_relay *relay, const struct pollfd *connection,
         look_for_end(relay, connection->revents);
     }
     decode(relay);
-    write_terminal(relay);
+    // What waits for room in the terminal is tried again when there is some.
+    if (master->fd < 0 || (master->events & ~master->revents & POLLOUT) == 0) {
+        write_terminal(relay);
+    }
     // A read would say the same, but there may be no room for one.
     relay->terminal_quiet =
         relay->terminal_quiet || (master->revents & POLLHUP) != 0;
-    if (master->revents != 0 || relay->terminal_quiet) {
+    if ((master->revents & ~POLLOUT) != 0 || relay->terminal_quiet) {
         move_output(relay);
     }
     // What a codec could not translate for want of room, and its answers.

@@ -58,3 +58,21 @@ inline bool kit_relay_delivered(const kit_relay *relay)
     return kit_buffer_pending(&relay->from_terminal) == 0 &&
            kit_buffer_pending(&relay->to_peer) == 0;
 }
+
+// Whether it holds memory that it would not need if nothing moved.
+inline bool kit_relay_large(const kit_relay *relay)
+{
+    return kit_buffer_large(&relay->from_peer) ||
+           kit_buffer_large(&relay->to_terminal) ||
+           kit_buffer_large(&relay->from_terminal) ||
+           kit_buffer_large(&relay->to_peer);
+}
+
+// Gives that back.
+inline void kit_relay_rest(kit_relay *relay)
+{
+    kit_buffer_rest(&relay->from_peer);
+    kit_buffer_rest(&relay->to_terminal);
+    kit_buffer_rest(&relay->from_terminal);
+    kit_buffer_rest(&relay->to_peer);
+}

@@ -57,13 +57,36 @@ TEST_F(KitBuffer, compaction_makes_all_room_one_and_keeps_the_bytes)
     EXPECT_EQ(buffer.bytes[0], 'y');
 }
 
-TEST_F(KitBuffer, empty_buffer_keeps_one_page_in_memory)
+TEST_F(KitBuffer, empty_buffer_keeps_one_page_in_memory_when_it_rests)
 {
     fill(buffer.size);
     EXPECT_EQ(pages_in_memory(), PAGES);
     kit_buffer_used(&buffer, 1);
     EXPECT_EQ(pages_in_memory(), PAGES);
+    EXPECT_FALSE(kit_buffer_large(&buffer));
     kit_buffer_used(&buffer, buffer.size - 1);
+    EXPECT_TRUE(kit_buffer_large(&buffer));
+    EXPECT_EQ(pages_in_memory(), PAGES);
+    kit_buffer_rest(&buffer);
+    EXPECT_FALSE(kit_buffer_large(&buffer));
     EXPECT_EQ(pages_in_memory(), 1u);
     EXPECT_EQ(kit_buffer_room(&buffer), buffer.size);
+}
+
+TEST_F(KitBuffer, rest_takes_nothing_that_is_pending)
+{
+    fill(2 * KIT_BUFFER_PAGE);
+    kit_buffer_used(&buffer, 1);
+    kit_buffer_rest(&buffer);
+    EXPECT_EQ(kit_buffer_pending(&buffer), 2 * KIT_BUFFER_PAGE - 1);
+    EXPECT_EQ(buffer.bytes[2 * KIT_BUFFER_PAGE - 1], 'x');
+}
+
+TEST_F(KitBuffer, keystrokes_alone_make_no_buffer_large)
+{
+    for (int i = 0; i < 100; i++) {
+        fill(1);
+        kit_buffer_used(&buffer, 1);
+    }
+    EXPECT_FALSE(kit_buffer_large(&buffer));
 }
