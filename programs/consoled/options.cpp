@@ -83,6 +83,7 @@ void parse_options(int argc, char **argv, options &chosen)
                          {"consoled", HELP, own,
                           [&](int letter) {
                               take(letter, chosen);
+                              return true;
                           }},
                          chosen);
 }

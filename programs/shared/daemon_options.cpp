@@ -125,7 +125,7 @@ static bool take_session(int letter, daemon_options &chosen)
     }
 }
 
-static void take(int letter, const daemon_manual &manual,
+static bool take(int letter, const daemon_manual &manual,
                  daemon_options &chosen)
 {
     switch (letter) {
@@ -139,9 +139,8 @@ static void take(int letter, const daemon_manual &manual,
         fputs(manual.help, stderr);
         exit(EXIT_USAGE);
     default:
-        if (!take_offer(letter, chosen) && !take_session(letter, chosen)) {
-            manual.take(letter);
-        }
+        return take_offer(letter, chosen) || take_session(letter, chosen) ||
+               manual.take(letter);
     }
 }
 
@@ -154,10 +153,11 @@ void parse_daemon_options(int argc, char **argv, const daemon_manual &manual,
     known.insert(known.end(), manual.own.begin(), manual.own.end());
     known.push_back({nullptr, 0, nullptr, 0});
     chosen.most_per_peer = USUAL_PER_PEER;
+    bool more = true;
     // The plus: what follows the program's name are its own options.
-    while ((letter = getopt_long(argc, argv, "+", known.data(), nullptr)) !=
-           -1) {
-        take(letter, manual, chosen);
+    while (more && (letter = getopt_long(argc, argv, "+", known.data(),
+                                         nullptr)) != -1) {
+        more = take(letter, manual, chosen);
     }
     chosen.program.assign(argv + optind, argv + argc);
 }

@@ -26,12 +26,12 @@ struct daemon_options {
 };
 
 // What a daemon has besides: its name, its help text, options of its own, and
-// what takes one of them.
+// what takes one of them and says whether more may follow.
 struct daemon_manual {
     const char *name;
     const char *help;
     std::vector<option> own;
-    std::function<void(int letter)> take;
+    std::function<bool(int letter)> take;
 };
 
 // Ends the process after --help and --version, and for a line that cannot be

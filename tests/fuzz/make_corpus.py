@@ -352,17 +352,64 @@ def path_seeds():
     }
 
 
+# telnet: what a peer sends, and what it is sent
+
+
+def telnet(sent, printed=b"", cut=0, asked=1):
+    return (bytes((cut, asked)) + struct.pack("<H", len(printed)) + printed +
+            sent)
+
+
+def telnet_seeds():
+    size = b"\xff\xfb\x1f\xff\xfa\x1f\0\x84\0\x32\xff\xf0"
+    named = b"\xff\xfb\x18\xff\xfa\x18\0VT100X\xff\xf0"
+    other = b"\xff\xfa\x18\0vt1\xff\xf0"
+    return {
+        "text": telnet(b"ls -l\r\n", b"total 0\r\n"),
+        "ends_of_lines": telnet(b"a\r\0b\r\nc\rd\n", b"a\rb\r\nc\r\r"),
+        "doubled": telnet(b"a\xff\xffb", b"a\xffb", cut=1),
+        "binary": telnet(b"\xff\xfb\0\xff\xfd\0a\r\0b\r\n", b"\rx"),
+        "size": telnet(size),
+        "size_of_255": telnet(
+            b"\xff\xfb\x1f\xff\xfa\x1f\0\xff\xff\0\x32\xff\xf0", cut=7),
+        "size_unasked": telnet(size, asked=0),
+        "size_0": telnet(
+            b"\xff\xfb\x1f\xff\xfa\x1f\0\0\0\0\xff\xf0"),
+        "type": telnet(named, cut=3),
+        "types": telnet(b"\xff\xfb\x18" + other * 9),
+        "type_odd": telnet(b"\xff\xfb\x18\xff\xfa\x18\0../x\xff\xf0"),
+        "refusals": telnet(b"\xff\xfc\x1f\xff\xfc\x18\xff\xfe\1\xff\xfe\3"),
+        "agreement": telnet(b"\xff\xfd\1\xff\xfd\3\xff\xfb\3"),
+        "off_again": telnet(b"\xff\xfd\1\xff\xfe\1\xff\xfd\1"),
+        "strangers": telnet(b"\xff\xfb\x27\xff\xfd\x26\xff\xfb\x22"),
+        "environment": telnet(b"\xff\xfa\x27\0\0USER\1root\xff\xf0"),
+        "commands": telnet(
+            b"\xff\xf1\xff\xf3\xff\xf4\xff\xf6\xff\xf7\xff\xf8"),
+        "abort": telnet(b"\xff\xf5", b"lost"),
+        "abort_and_type": telnet(b"\xff\xf5x", b"kept"),
+        "synch": telnet(b"\x80\0lost\xff\xf4\xff\xf7\xff\xf2kept"),
+        "long_sub": telnet(b"\xff\xfa\x18\0" + b"v" * 70 + b"\xff\xf0a"),
+        "half_sub": telnet(b"\xff\xfa\x1f\0\x50"),
+        "sub_cut": telnet(b"\xff\xfa\x1f\0\x50\xff\xfd\0a"),
+        "half_command": telnet(b"a\xff"),
+    }
+
+
 def main():
     write("dispatch", dispatch_seeds())
     write("store", store_seeds())
     write("request", request_seeds())
     write("log", log_seeds())
     write("path", path_seeds())
+    write("telnet", telnet_seeds())
     dictionary("dispatch", dispatch_dictionary())
     dictionary("store", [key.encode() + b"=" for key in KEYS] +
                [b"\r\n", b"null", b"\n", b"\r", b"\0"])
     dictionary("request", [item(kind, 0)[:4] for kind in
                            (1, 0x20, 0x40, 0x80, 0x100, 0x800, 0x1000)])
+    dictionary("telnet", [b"\xff\xfa\x18\0", b"\xff\xfa\x1f", b"\xff\xf0",
+                          b"\xff\xfb", b"\xff\xfc", b"\xff\xfd", b"\xff\xfe",
+                          b"\xff\xf2", b"\xff\xf5", b"\x80\0"])
 
 
 main()

@@ -38,29 +38,6 @@ void KitTest::TearDown()
     SystemTest::TearDown();
 }
 
-static bool port_listens(int family, int port)
-{
-    const char *name = family == AF_INET ? "/proc/net/tcp" : "/proc/net/tcp6";
-    std::ifstream table(name);
-    char wanted[8];
-    std::string line;
-
-    snprintf(wanted, sizeof wanted, ":%04X", static_cast<unsigned>(port));
-    while (std::getline(table, line)) {
-        std::istringstream words(line);
-        std::string number;
-        std::string local;
-        std::string peer;
-        std::string state;
-        words >> number >> local >> peer >> state;
-        if (state == "0A" && local.size() > 5 &&
-            local.compare(local.size() - 5, 5, wanted) == 0) {
-            return true;
-        }
-    }
-    return false;
-}
-
 // Without a connection, which would take a line.
 static bool unix_path_listens(const std::string &unix_path)
 {

@@ -101,26 +101,10 @@ class Consoled : public SystemTest
         return client;
     }
 
-    // Without a connection, of which the inetd would hear.
-    static bool port_is_open(int port)
-    {
-        std::ifstream table("/proc/net/tcp");
-        char wanted[32];
-        std::string line;
-        snprintf(wanted, sizeof wanted, ":%04X 00000000:0000 0A",
-                 static_cast<unsigned>(port));
-        while (std::getline(table, line)) {
-            if (line.find(wanted) != std::string::npos) {
-                return true;
-            }
-        }
-        return false;
-    }
-
     static bool listens(int port)
     {
         return eventually([&] {
-            return port_is_open(port);
+            return port_listens(AF_INET, port);
         });
     }
 

@@ -171,8 +171,8 @@ TEST_F(Consoled, moves_a_port_with_the_consent_of_the_inetd)
     expected.pid = daemon->pid();
     expected.peer_port = new_port;
     EXPECT_EQ(memcmp(&*change, &expected, sizeof expected), 0);
-    EXPECT_FALSE(port_is_open(old_port));
-    EXPECT_FALSE(port_is_open(new_port));
+    EXPECT_FALSE(port_listens(AF_INET, old_port));
+    EXPECT_FALSE(port_listens(AF_INET, new_port));
 
     tty_cmsg permit = expected;
     permit.vc_flag = 0x400 | 0x008;
@@ -194,7 +194,7 @@ TEST_F(Consoled, stops_a_service_and_announces_it_again)
 {
     const int port = start_on_port();
     EXPECT_EQ(control("stop 6"), "ok\n");
-    EXPECT_FALSE(port_is_open(port));
+    EXPECT_FALSE(port_listens(AF_INET, port));
     EXPECT_EQ(control("open 6"), "ok\n");
     // The first record since: nothing was said about the stop.
     const tty_cmsg request = permit_next();
@@ -315,7 +315,7 @@ TEST_F(Consoled, does_not_obey_a_command_without_its_end)
     ASSERT_TRUE(write_all(client, "stop 6"));
     close(client);
     EXPECT_EQ(control("open 6"), "ok\n");
-    EXPECT_TRUE(port_is_open(port));
+    EXPECT_TRUE(port_listens(AF_INET, port));
 }
 
 TEST_F(Consoled, survives_control_clients_that_vanish)

@@ -90,6 +90,8 @@ int connect_port(int family, int port);
 int connect_path(const std::string &unix_path);
 // Whether somebody listens on the path; the connection is closed again.
 bool path_listens(const std::string &unix_path);
+// The same of a port, without a connection.
+bool port_listens(int family, int port);
 // A port of the family that nobody listens on now. A test that comes back to
 // its ports after having left them for a while takes a range that no other
 // test uses, or it meets another's daemon there.

@@ -28,6 +28,7 @@ class DaemonOptions : public testing::Test
                               [this](int letter) {
                                   EXPECT_EQ(letter, 'O');
                                   own = optarg;
+                                  return own != "last";
                               }},
                              chosen);
     }
@@ -90,6 +91,14 @@ TEST_F(DaemonOptions, of_a_daemon_itself_go_to_it)
     parse({"--own", "word", "--no-ipv6"});
     EXPECT_EQ(own, "word");
     EXPECT_EQ(chosen.families, KIT_IPV4);
+}
+
+TEST_F(DaemonOptions, of_a_daemon_itself_may_be_the_last)
+{
+    parse({"--own", "last", "--port", "24"});
+    EXPECT_EQ(chosen.port, 0);
+    ASSERT_EQ(chosen.program.size(), 2u);
+    EXPECT_STREQ(chosen.program[0], "--port");
 }
 
 TEST_F(DaemonOptions, behind_the_program_are_the_programs)

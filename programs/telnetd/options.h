@@ -1,0 +1,12 @@
+// What the command line of ttyline-telnetd asks for, and whether it may be had.
+#pragma once
+
+#include "programs/shared/daemon_options.h"
+
+// Ends the process after --help and --version, and for a line that cannot be
+// understood.
+void parse_options(int argc, char **argv, daemon_options &chosen);
+
+// Why a daemon of this user must not offer what was asked for; empty when it
+// may.
+std::string objection_to(const daemon_options &chosen, uid_t daemon);
