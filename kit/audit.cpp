@@ -38,6 +38,12 @@ int kit_audit_descriptor(void)
     return g_socket;
 }
 
+void kit_audit_close(void)
+{
+    close(g_socket);
+    g_socket = -1;
+}
+
 // Named with each line, and never connected: the log may be started anew.
 __attribute__((format(printf, 3, 0))) static void
 send_line(int priority, const char *module, const char *fmt, va_list args)

@@ -9,6 +9,9 @@ void kit_audit_open(const char *daemon);
 // The descriptor, for whoever closes all others; -1 while there is none.
 int kit_audit_descriptor(void);
 
+// For a process that must not speak any more.
+void kit_audit_close(void);
+
 // One line of the facility auth: an event and "name=value" words. The caller
 // sees to it that no value has a blank of its own (kit_word()). Never waits: a
 // log that takes nothing loses the line. Any thread, any process of the kit.

@@ -6,9 +6,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "kit/audit.h"
 #include "kit/error.h"
 #include "kit/identity.h"
 #include "kit/terminal.h"
+#include "kit/text.h"
 
 struct go_message {
     char type[KIT_TYPE_SIZE]; // empty: not told
@@ -63,9 +65,16 @@ bool kit_go_let(int end, char *reason, size_t size)
 }
 
 // Whoever is to free a full disk, or mend a broken one, has to come in first.
-static bool goes_without_identity(int error)
+static bool go_without_identity(const kit_entry *entry, int error)
 {
-    return error == ENOSPC || error == EDQUOT || error == EROFS || error == EIO;
+    char reason[3 * BELL_TEXT_SIZE];
+
+    if (error != ENOSPC && error != EDQUOT && error != EROFS && error != EIO) {
+        return false;
+    }
+    kit_audit("no-identity line=%d id=%s reason=%s", entry->session.line,
+              entry->id, kit_word(reason, sizeof reason, kit_error()));
+    return true;
 }
 
 bool kit_go_await(int end, const kit_entry *entry)
@@ -81,7 +90,7 @@ bool kit_go_await(int end, const kit_entry *entry)
                                message.columns, message.rows};
     kit_terminal_note(&told);
     if (kit_identity_store(entry, getpid()) != 0) {
-        answer.goes = goes_without_identity(errno) ? 1 : 0;
+        answer.goes = go_without_identity(entry, errno) ? 1 : 0;
         (void)snprintf(answer.reason, sizeof answer.reason, "%s", kit_error());
     }
     return send_record(end, &answer, sizeof answer) && answer.goes != 0;

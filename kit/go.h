@@ -11,12 +11,12 @@
 // A pair for the two. False with errno set.
 bool kit_go_open(int ends[2]);
 
-// In the keeper: lets the program go and waits until it has stored. The reason
-// is empty, or says with true what could not be stored although the session
-// goes on, with false why there is none. A program that has ended is one that
-// has said why on its terminal: true.
+// In the keeper: lets the program go and waits until it has stored. False with
+// the reason why there is no session. A program that has ended is one that has
+// said why on its terminal: true.
 bool kit_go_let(int end, char *reason, size_t size);
 
-// In the program: waits for its keeper, stores and answers. False when the
+// In the program: waits for its keeper, stores and answers. What could not be
+// stored although the session goes on is in the system log. False when the
 // session is over, or must not be.
 bool kit_go_await(int end, const kit_entry *entry);

@@ -19,6 +19,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "kit/audit.h"
 #include "kit/bell.h"
 #include "kit/descriptors.h"
 #include "kit/go.h"
@@ -217,7 +218,7 @@ void kit_program_run(const kit_entry *entry, const char *device, int go,
     const kit_service *service = entry->session.service;
     const int channel =
         service->function != nullptr ? entry->program_channel : -1;
-    const int own[] = {channel, go};
+    const int own[] = {channel, go, kit_audit_descriptor()};
     kit_entry *copy = const_cast<kit_entry *>(entry); // this process's
 
     take_terminal(device);
@@ -227,6 +228,7 @@ void kit_program_run(const kit_entry *entry, const char *device, int go,
         _exit(CANNOT_RUN);
     }
     close(go);
+    kit_audit_close();
     copy->session.pid = getpid();
     if (service->user != nullptr && user == nullptr) {
         give_up(service->user, "no such user");

@@ -21,7 +21,6 @@
 #include "kit/go.h"
 #include "kit/identity.h"
 #include "kit/program.h"
-#include "kit/text.h"
 
 static void forget_signals(void)
 {
@@ -125,24 +124,16 @@ static int start_program(keeper *k, const char *device,
     return go[1];
 }
 
+// What nobody lets go ends by itself.
 static void let_program_go(keeper *k, int go)
 {
     char reason[BELL_TEXT_SIZE];
-    char word[3 * BELL_TEXT_SIZE];
 
-    // What nobody lets go ends by itself.
     k->dismissed = k->dismissed || k->relay.peer_gone;
-    if (!k->dismissed) {
-        const bool goes = kit_go_let(go, reason, sizeof reason);
-        if (!goes) {
-            (void)snprintf(k->reason, sizeof k->reason, "no session: %.*s",
-                           static_cast<int>(sizeof k->reason - 16), reason);
-            k->dismissed = true;
-        } else if (reason[0] != '\0') {
-            kit_audit("no-identity line=%d id=%s reason=%s",
-                      k->entry->session.line, k->entry->id,
-                      kit_word(word, sizeof word, reason));
-        }
+    if (!k->dismissed && !kit_go_let(go, reason, sizeof reason)) {
+        (void)snprintf(k->reason, sizeof k->reason, "no session: %.*s",
+                       static_cast<int>(sizeof k->reason - 16), reason);
+        k->dismissed = true;
     }
     close(go);
     if (!k->dismissed) {
@@ -168,8 +159,10 @@ static void note_terminal(const kit_entry *entry, const char *device,
     kit_entry *own = const_cast<kit_entry *>(entry); // this process's copy
 
     (void)snprintf(own->device, sizeof own->device, "%s", device);
+    const bool known =
+        user != nullptr && entry->session.service->asks_user == 0;
     (void)snprintf(own->user, sizeof own->user, "%s",
-                   user != nullptr ? user->pw_name : "");
+                   known ? user->pw_name : "");
     own->session.keeper_pid = getpid();
 }
 
@@ -178,8 +171,13 @@ static void confine(keeper *k)
 {
     const kit_service *service = k->entry->session.service;
 
-    if (service->confine != nullptr &&
-        service->confine(&k->entry->session, service->context) != 0) {
+    if (service->confine == nullptr) {
+        return;
+    }
+    if (service->confine(&k->entry->session, service->context) == 0) {
+        // A socket without a peer can send to whom it likes.
+        kit_audit_close();
+    } else {
         kit_audit("not-confined line=%d id=%s", k->entry->session.line,
                   k->entry->id);
         (void)snprintf(k->reason, sizeof k->reason,

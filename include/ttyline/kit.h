@@ -247,6 +247,9 @@ typedef struct kit_service {
      * before: it keeps its rights. Optional.
      */
     int (*confine)(const kit_session *session, void *context);
+
+    int32_t asks_user; /* 1: the function asks who the user is; until
+                          kit_login() says so the session is nobody's */
 } kit_service;
 
 /*

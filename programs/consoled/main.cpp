@@ -93,6 +93,8 @@ static void describe_program(offers &all)
     for (kit_service *service : {&all.on_port, &all.on_path}) {
         if (all.chosen.login) {
             service->function = run_login;
+            // Only login(1) knows, and does not tell.
+            service->asks_user = 1;
         } else {
             service->program = all.chosen.program.data();
             service->argv0 = login_name;

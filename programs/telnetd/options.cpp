@@ -1,16 +1,19 @@
 #include "programs/telnetd/options.h"
 
 static const char HELP[] =
-    R"(usage: ttyline-telnetd --port N --allow ADDR|any --no-authentication
-                       [options] [--program PROGRAM [argument ...]]
+    R"(usage: ttyline-telnetd --port N --allow ADDR|any [options]
+                       [--program PROGRAM [argument ...]]
   --port N               offer telnet on TCP port N (1 to 65535)
   --allow ADDR[/BITS]    let these peers in; repeatable
   --allow any            let everybody in
-  --no-authentication    give whoever gets in the program, as the user who
-                         runs this daemon
   --program PROGRAM      what each session runs, found through PATH, with all
                          that follows as its arguments; without it the user's
                          shell
+  --records              keep utmp and wtmp
+  --network-user USER    as root, read the network as this user
+                         (ttyline-net)
+  --no-authentication    ask for no password: whoever gets in is the user who
+                         runs this daemon, who must not be root
   --control PATH         take commands on a unix path that only this user
                          can open; send it 'help'
   --sessions N           at most so many sessions
@@ -23,22 +26,37 @@ static const char HELP[] =
                          here (vt100)
   --version              print the version
   --help                 print this
-There is no password, and nothing is encrypted: whoever may connect gets a shell
-of the user who runs ttyline-telnetd. So --no-authentication has to be typed
-out, and root is refused.
+Users are asked for name and password, by PAM's service "ttyline". Nothing is
+encrypted: whoever is on the way reads both. Without root only the daemon's own
+user can log in.
 )";
 
-void parse_options(int argc, char **argv, daemon_options &chosen)
+static void take_own(int letter, telnetd_options &chosen, const char *&program)
+{
+    if (letter == 'N') {
+        chosen.network_user = optarg;
+    } else if (letter == 'R') {
+        chosen.records = true;
+    } else {
+        program = optarg;
+    }
+}
+
+void parse_options(int argc, char **argv, telnetd_options &chosen)
 {
     const char *name = nullptr;
 
     parse_daemon_options(argc, argv,
                          {"ttyline-telnetd",
                           HELP,
-                          {{"program", required_argument, nullptr, 'P'}},
-                          [&](int) {
-                              name = optarg;
-                              return false;
+                          {{"program", required_argument, nullptr, 'P'},
+                           {"network-user", required_argument, nullptr, 'N'},
+                           {"records", no_argument, nullptr, 'R'}},
+                          [&](int letter) {
+                              take_own(letter, chosen, name);
+                              // What follows the program's name are its own
+                              // options.
+                              return letter != 'P';
                           }},
                          chosen);
     if (name == nullptr && !chosen.program.empty()) {
@@ -49,23 +67,18 @@ void parse_options(int argc, char **argv, daemon_options &chosen)
     }
 }
 
-std::string objection_to(const daemon_options &chosen, uid_t daemon)
+std::string objection_to(const telnetd_options &chosen, uid_t daemon)
 {
-    // What strangers send is read by this user's processes.
-    if (daemon == 0) {
-        return "it has no authentication and reads what the network sends with "
-               "all rights of its user: it does not run as root";
-    }
     if (chosen.port == 0) {
         return "--port is needed";
     }
-    const std::string why = objection_to_port(chosen);
+    std::string why = objection_to_port(chosen);
     if (!why.empty()) {
         return why;
     }
-    if (!chosen.no_authentication) {
-        return "whoever may connect gets a shell of this user: "
-               "--no-authentication has to be typed out";
+    if (daemon == 0 && chosen.no_authentication) {
+        return "whoever may connect would be root: --no-authentication is not "
+               "for root";
     }
     return "";
 }

@@ -123,7 +123,8 @@ static bool take_name(char *name, const uint8_t *bytes, size_t length)
         return false;
     }
     for (size_t i = 0; i < length; i++) {
-        if (!isalnum(bytes[i]) && memchr("+-._", bytes[i], 4) == nullptr) {
+        if (!isalnum(bytes[i]) && bytes[i] != '+' && bytes[i] != '-' &&
+            bytes[i] != '.' && bytes[i] != '_') {
             return false;
         }
     }

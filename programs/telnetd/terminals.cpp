@@ -1,24 +1,42 @@
 #include "programs/telnetd/terminals.h"
 
-#include <cstdio>
-#include <unistd.h>
+#include <algorithm>
+#include <filesystem>
+#include <string>
+#include <vector>
 
-// Where programs look, that of the machine's own first.
+namespace fs = std::filesystem;
+
+// Where programs look. Each has a directory for each first letter.
 static const char *const DATABASES[] = {
     "/etc/terminfo", "/lib/terminfo", "/usr/lib/terminfo",
     "/usr/share/terminfo", "/usr/local/share/terminfo"};
-constexpr size_t PATH_SIZE = 128;
+
+static std::vector<std::string> g_names;
+
+static void load(const fs::path &directory)
+{
+    std::error_code error;
+
+    for (const auto &entry : fs::directory_iterator(directory, error)) {
+        g_names.push_back(entry.path().filename().string());
+    }
+}
+
+void terminals_load()
+{
+    std::error_code error;
+
+    g_names.clear();
+    for (const char *database : DATABASES) {
+        for (const auto &letter : fs::directory_iterator(database, error)) {
+            load(letter.path());
+        }
+    }
+    std::sort(g_names.begin(), g_names.end());
+}
 
 bool terminal_known(const char *type)
 {
-    char path[PATH_SIZE];
-
-    for (const char *database : DATABASES) {
-        const int length =
-            snprintf(path, sizeof path, "%s/%c/%s", database, type[0], type);
-        if (length < static_cast<int>(sizeof path) && access(path, R_OK) == 0) {
-            return true;
-        }
-    }
-    return false;
+    return std::binary_search(g_names.begin(), g_names.end(), type);
 }

@@ -1,81 +1,34 @@
 // The login room as its users meet it: real PAM modules, a machine of the
 // test's own with two users, and the terminal in between.
-#include <sched.h>
 #include <signal.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include <ttyline/tty.h>
 
 #include "programs/login/room.h"
 #include "programs/login/waiting.h"
 #include "tests/system/kit/kit_daemon.h"
+#include "tests/system/programs/login_machine.h"
 
 namespace fs = std::filesystem;
 
-// Of the password "open sesame".
-static const char HASH[] =
-    "$6$ttylinesalt$jTojeyJ47/8ZGVu0kfS.zH5L9fQKVIG54etNBO0e0."
-    "zVENE/vxLLHzhBdn1PXSAKvBI1HY0xEmgzgxO73BeNS/";
 static const char PASSWORD[] = "open sesame\n";
 static const char PROMPT[] = "\r\nalice> ";
-constexpr uid_t ALICE = 4321;
 constexpr int LINE = 258;
-
-static const char STACK[] = "auth required pam_unix.so\n"
-                            "account required pam_unix.so\n"
-                            "password required pam_unix.so\n"
-                            "session required pam_exec.so /home/note\n";
-
-static bool own_mounts()
-{
-    return unshare(CLONE_NEWNS) == 0 &&
-           mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-}
-
-static void put(const std::string &file, const std::string &text,
-                mode_t mode = 0644)
-{
-    fs::create_directories(fs::path(file).parent_path());
-    std::ofstream(file) << text;
-    chmod(file.c_str(), mode);
-}
-
-static std::string content(const std::string &file)
-{
-    std::stringstream text;
-
-    text << std::ifstream(file).rdbuf();
-    return text.str();
-}
 
 class LoginRoom : public KitTest
 {
   protected:
     void SetUp() override
     {
-        if (getuid() != 0 || !own_mounts()) {
+        if (!enter_login_machine()) {
             GTEST_SKIP() << "only root has a machine of its own";
-        }
-        for (const char *directory : {"/etc", "/home", "/run", "/var/log"}) {
-            ASSERT_EQ(mount("none", directory, "tmpfs", 0, "mode=0755"), 0);
         }
         KitTest::SetUp();
         mounted = true;
-        make_users();
-        stack(STACK);
-        put("/home/note",
-            "#!/bin/sh\n"
-            "echo \"$PAM_TYPE $PAM_USER $PAM_RHOST\" "
-            ">>/home/noted\n",
-            0755);
-        put("/home/noted", "");
-        ASSERT_EQ(chmod("/home/noted", 0666), 0);
         unix_path = path("/login");
         service = service_on(unix_path);
         service.function = login_session;
@@ -88,34 +41,6 @@ class LoginRoom : public KitTest
         if (mounted) {
             KitTest::TearDown();
         }
-    }
-
-    // The shell of both says who it is in its prompt.
-    static void make_users(const std::string &days = "20000:0:99999:7:::")
-    {
-        put("/etc/passwd", "root:x:0:0::/root:/bin/sh\n"
-                           "alice:x:4321:4321::/home/alice:/home/shell\n"
-                           "bob:x:4322:4321::/nowhere:/home/shell\n"
-                           "carol:x:4323:4321::/home:/home/shell\n");
-        put("/etc/shadow",
-            std::string("root:*:20000::::::\nalice:") + HASH + ":" + days +
-                "\nbob:" + HASH + ":20000::::::\ncarol::20000::::::\n",
-            0640);
-        // The group of the helper that looks up a user's own password.
-        struct stat helper = {};
-        ASSERT_EQ(stat("/sbin/unix_chkpwd", &helper), 0);
-        ASSERT_EQ(chown("/etc/shadow", 0, helper.st_gid), 0);
-        put("/etc/group",
-            "root:x:0:\ntty:x:5:\nstaff:x:4321:\nops:x:99:alice\n");
-        put("/home/shell", "#!/bin/sh\nPS1=\"$USER> \" exec /bin/sh -i\n",
-            0755);
-        fs::create_directories("/home/alice");
-        ASSERT_EQ(chown("/home/alice", ALICE, ALICE), 0);
-    }
-
-    static void stack(const std::string &modules)
-    {
-        put("/etc/pam.d/ttyline", modules);
     }
 
     void call()
@@ -180,7 +105,7 @@ class LoginRoom : public KitTest
     static bool noted(const std::string &text)
     {
         return eventually([&] {
-            return content("/home/noted").find(text) != std::string::npos;
+            return content_of("/home/noted").find(text) != std::string::npos;
         });
     }
 
@@ -207,7 +132,7 @@ TEST_F(LoginRoom, shell_is_a_login_shell)
 {
     fs::remove("/home/shell");
     fs::create_symlink("/bin/sh", "/home/shell");
-    put("/home/alice/.profile", "PS1='alice> '\necho welcome home\n");
+    put_file("/home/alice/.profile", "PS1='alice> '\necho welcome home\n");
     begin();
     answer("alice", PASSWORD);
     EXPECT_NE(until(PROMPT).find("welcome home"), std::string::npos);
@@ -290,13 +215,14 @@ TEST_F(LoginRoom, name_that_nobody_has_is_asked_for_a_password_and_kept_nowhere)
 
 TEST_F(LoginRoom, names_that_do_harm_are_refused_before_anything_sees_them)
 {
-    stack(std::string("auth required pam_exec.so /home/note\n") + STACK);
+    put_stack(std::string("auth required pam_exec.so /home/note\n") +
+              LOGIN_STACK);
     begin();
     for (const char *name : {"-froot\n", "a\tb\n", "a\033[2J\n"}) {
         say(name);
         EXPECT_TRUE(refused()) << name;
     }
-    EXPECT_EQ(content("/home/noted"), "");
+    EXPECT_EQ(content_of("/home/noted"), "");
 }
 
 TEST_F(LoginRoom, name_without_end_is_refused_and_harms_nothing)
@@ -359,7 +285,7 @@ TEST_F(LoginRoom, end_of_input_at_the_prompt_ends_the_session)
 
 TEST_F(LoginRoom, account_that_has_ended_does_not_come_in)
 {
-    make_users("20000:0:99999:7::1:");
+    put_users("20000:0:99999:7::1:");
     begin();
     answer("alice", PASSWORD);
     const std::string shown = until("login: ");
@@ -369,8 +295,8 @@ TEST_F(LoginRoom, account_that_has_ended_does_not_come_in)
 
 TEST_F(LoginRoom, session_that_a_module_does_not_open_ends)
 {
-    stack("auth required pam_unix.so\naccount required pam_unix.so\n"
-          "session required pam_deny.so\n");
+    put_stack("auth required pam_unix.so\naccount required pam_unix.so\n"
+              "session required pam_deny.so\n");
     begin();
     answer("alice", PASSWORD);
     EXPECT_EQ(all_of(client), "\r\nLogin incorrect\r\n");
@@ -389,7 +315,7 @@ TEST_F(LoginRoom, without_a_service_file_nobody_comes_in)
 
 TEST_F(LoginRoom, password_that_is_due_is_changed)
 {
-    make_users("0:0:99999:7:::");
+    put_users("0:0:99999:7:::");
     begin();
     answer("alice", PASSWORD);
     until("Current password: ");
@@ -399,17 +325,18 @@ TEST_F(LoginRoom, password_that_is_due_is_changed)
     until("Retype new password: ");
     say("a longer road home\n");
     until(PROMPT);
-    EXPECT_EQ(content("/etc/shadow").find(HASH),
-              content("/etc/shadow").rfind(HASH));
+    EXPECT_EQ(content_of("/etc/shadow").find("alice:" + LOGIN_HASH),
+              std::string::npos);
 }
 
 TEST_F(LoginRoom, messages_and_variables_of_modules_reach_the_user)
 {
-    put("/etc/told", "maintenance at noon\n");
-    put("/etc/variables", "SITE=north\n");
-    put("/etc/security/pam_env.conf", "");
-    stack(std::string("auth optional pam_echo.so file=/etc/told\n") + STACK +
-          "session required pam_env.so envfile=/etc/variables\n");
+    put_file("/etc/told", "maintenance at noon\n");
+    put_file("/etc/variables", "SITE=north\n");
+    put_file("/etc/security/pam_env.conf", "");
+    put_stack(std::string("auth optional pam_echo.so file=/etc/told\n") +
+              LOGIN_STACK +
+              "session required pam_env.so envfile=/etc/variables\n");
     begin();
     say("alice\n");
     EXPECT_NE(until("Password: ").find("maintenance at noon\r\n"),
@@ -446,7 +373,7 @@ TEST_F(LoginRoom, session_of_the_modules_ends_with_the_shell)
 {
     log_in();
     EXPECT_TRUE(noted("open_session alice \n"));
-    EXPECT_EQ(content("/home/noted").find("close"), std::string::npos);
+    EXPECT_EQ(content_of("/home/noted").find("close"), std::string::npos);
     say("exit 3\n");
     EXPECT_TRUE(over());
     EXPECT_TRUE(noted("close_session alice \n"));
@@ -464,7 +391,7 @@ TEST_F(LoginRoom, client_that_leaves_hangs_the_shell_up_behind_its_program)
     close(client);
     client = -1;
     EXPECT_TRUE(over());
-    EXPECT_NE(content("/home/alice/history").find("sleep 600"),
+    EXPECT_NE(content_of("/home/alice/history").find("sleep 600"),
               std::string::npos);
     EXPECT_TRUE(noted("close_session alice \n"));
 }
@@ -483,8 +410,8 @@ TEST_F(LoginRoom, shell_that_ignores_the_hang_up_is_killed_and_closed)
 
 TEST_F(LoginRoom, records_show_who_is_logged_in)
 {
-    put("/run/utmp", "");
-    put("/var/log/wtmp", "");
+    put_file("/run/utmp", "");
+    put_file("/var/log/wtmp", "");
     room.records = true;
     log_in();
     EXPECT_EQ(run("who | cut -d' ' -f1"), "alice\r\n");
@@ -513,14 +440,14 @@ class LoginAsUser : public LoginRoom
         inetd.reset();
         inetd = std::make_unique<AnsweringInetd>();
         beforehand = [] {
-            if (setgid(ALICE) != 0 || setuid(ALICE) != 0) {
+            if (setgid(LOGIN_ALICE) != 0 || setuid(LOGIN_ALICE) != 0) {
                 _exit(96);
             }
         };
         for (const auto &entry : fs::recursive_directory_iterator(root_)) {
-            ASSERT_EQ(chown(entry.path().c_str(), ALICE, ALICE), 0);
+            ASSERT_EQ(chown(entry.path().c_str(), LOGIN_ALICE, LOGIN_ALICE), 0);
         }
-        ASSERT_EQ(chown(root_.c_str(), ALICE, ALICE), 0);
+        ASSERT_EQ(chown(root_.c_str(), LOGIN_ALICE, LOGIN_ALICE), 0);
     }
 };
 

@@ -208,7 +208,7 @@ TEST_F(Telnetd, client_that_takes_no_answers_is_not_heard_and_harms_nobody)
 
 TEST_F(Telnetd, subnegotiation_that_never_ends_keeps_nobody_waiting)
 {
-    start("echo ready; read x; echo \"got $x\"", {"--idle", "2"});
+    start("echo ready; read x; echo \"got $x\"", {"--idle", "5"});
     const auto half = connect();
     ASSERT_TRUE(half->say(TELLS + std::string({IAC, SB, NAWS, 0, 80, 0})));
     half->text_until(READY);

@@ -5,9 +5,9 @@
 constexpr uid_t ROOT = 0;
 constexpr uid_t SOMEBODY = 1000;
 
-static daemon_options whole()
+static telnetd_options whole()
 {
-    daemon_options chosen;
+    telnetd_options chosen;
 
     chosen.port = 2323;
     chosen.peers = {"127.0.0.1"};
@@ -15,7 +15,7 @@ static daemon_options whole()
     return chosen;
 }
 
-static void expect_objection(const daemon_options &chosen, uid_t daemon,
+static void expect_objection(const telnetd_options &chosen, uid_t daemon,
                              const char *part)
 {
     const std::string why = objection_to(chosen, daemon);
@@ -28,22 +28,34 @@ TEST(TelnetdOptions, a_user_may_offer_what_is_spelled_out)
     EXPECT_EQ(objection_to(whole(), SOMEBODY), "");
 }
 
-TEST(TelnetdOptions, root_may_offer_nothing)
+TEST(TelnetdOptions, root_gives_nobody_its_rights_unasked)
 {
-    expect_objection(whole(), ROOT, "does not run as root");
+    telnetd_options chosen = whole();
+
+    expect_objection(chosen, ROOT, "whoever may connect would be root");
+    chosen.no_authentication = false;
+    EXPECT_EQ(objection_to(chosen, ROOT), "");
+    EXPECT_EQ(objection_to(chosen, SOMEBODY), "");
 }
 
-TEST(TelnetdOptions, a_shell_for_whoever_connects_has_to_be_spelled_out)
+TEST(TelnetdOptions, what_follows_the_program_is_its_own)
 {
-    daemon_options chosen = whole();
+    const char *words[] = {"telnetd", "--records", "--program",
+                           "menu",    "--records", "-x"};
+    telnetd_options chosen;
 
-    chosen.no_authentication = false;
-    expect_objection(chosen, SOMEBODY, "--no-authentication has to be typed");
+    optind = 1;
+    parse_options(6, const_cast<char **>(words), chosen);
+    EXPECT_TRUE(chosen.records);
+    EXPECT_STREQ(chosen.network_user, "ttyline-net");
+    ASSERT_EQ(chosen.program.size(), 3u);
+    EXPECT_STREQ(chosen.program[0], "menu");
+    EXPECT_STREQ(chosen.program[2], "-x");
 }
 
 TEST(TelnetdOptions, a_port_and_who_may_come_in_are_needed)
 {
-    daemon_options chosen = whole();
+    telnetd_options chosen = whole();
 
     chosen.peers.clear();
     expect_objection(chosen, SOMEBODY, "--port needs --allow");
