@@ -23,6 +23,9 @@ struct daemon_options {
     std::vector<const char *> peers;
     std::vector<const char *> environment;
     std::vector<const char *> program;
+    // What choose_program() has found; the list above leads there then.
+    std::string shell;
+    std::string login_name;
 };
 
 // What a daemon has besides: its name, its help text, options of its own, and

@@ -1,7 +1,6 @@
 #include "programs/shared/offer.h"
 
 #include <cstdlib>
-#include <cstring>
 #include <err.h>
 #include <paths.h>
 #include <pwd.h>
@@ -31,19 +30,19 @@ static std::string shell_of(const char *user)
                                                           : _PATH_BSHELL;
 }
 
-// A shell is a login shell when its own name begins with a dash. Both are kept
-// for as long as the process runs, as the kit wants it.
+// A shell is a login shell when its own name begins with a dash.
 const char *choose_program(daemon_options &chosen, const char *user)
 {
-    const char *name = nullptr;
+    const bool is_shell = chosen.program.empty();
 
-    if (chosen.program.empty()) {
-        const std::string shell = shell_of(user);
-        chosen.program.push_back(strdup(shell.c_str()));
-        name = strdup(("-" + shell.substr(shell.rfind('/') + 1)).c_str());
+    if (is_shell) {
+        chosen.shell = shell_of(user);
+        chosen.login_name =
+            "-" + chosen.shell.substr(chosen.shell.rfind('/') + 1);
+        chosen.program.push_back(chosen.shell.c_str());
     }
     chosen.program.push_back(nullptr);
-    return name;
+    return is_shell ? chosen.login_name.c_str() : nullptr;
 }
 
 kit_admission admission_of(daemon_options &chosen)

@@ -10,7 +10,8 @@ const char *const *kit_list(std::vector<const char *> &list);
 
 // Gives the options a shell as their program when they have none: SHELL for
 // this process's user, or that of another one. Returns the name that makes it a
-// login shell, null for another program.
+// login shell, null for another program. All of it is in the options, which
+// have to stay where they are.
 const char *choose_program(daemon_options &chosen, const char *user);
 
 // What services have in common. The record of rules is the caller's; both point
