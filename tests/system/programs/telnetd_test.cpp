@@ -223,7 +223,7 @@ TEST_F(Telnetd, subnegotiation_that_never_ends_keeps_nobody_waiting)
 TEST_F(Telnetd, megabyte_for_a_slow_client_is_whole)
 {
     start("stty -onlcr; echo ready; head -c 1048576 /dev/zero | tr '\\0' x");
-    const int small = 4096;
+    const int small = 32768;
     const int fd = connect_port(AF_INET, port);
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
     Peer peer(fd);
