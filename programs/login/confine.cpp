@@ -48,7 +48,7 @@ static bool fill(scmp_filter_ctx filter)
 // Sets no-new-privileges as well.
 static bool filter_calls()
 {
-    const scmp_filter_ctx filter = seccomp_init(SCMP_ACT_KILL_PROCESS);
+    scmp_filter_ctx filter = seccomp_init(SCMP_ACT_KILL_PROCESS);
     const bool loaded =
         filter != nullptr && fill(filter) && seccomp_load(filter) == 0;
 
@@ -68,8 +68,10 @@ static bool limit_resources()
 
 static bool change_user(const confinement *prepared)
 {
-    return chroot(prepared->root.c_str()) == 0 && chdir("/") == 0 &&
-           setgroups(0, nullptr) == 0 &&
+    const bool rooted = chroot(prepared->root.c_str()) == 0;
+    const bool inside = chdir("/") == 0;
+
+    return rooted && inside && setgroups(0, nullptr) == 0 &&
            setresgid(prepared->gid, prepared->gid, prepared->gid) == 0 &&
            setresuid(prepared->uid, prepared->uid, prepared->uid) == 0 &&
            // Another user's process has lost it.

@@ -41,8 +41,8 @@ TEST_F(Telnetd, silent_client_is_not_waited_for)
     start(SHOW);
     const auto peer = connect();
     EXPECT_EQ(peer->text_until(">"), "[24 80]<vt100>");
-    EXPECT_EQ(peer->commands(), std::string({WILL, ECHO, WILL, SGA, DO, SGA, DO,
-                                             NAWS, DO, TTYPE}));
+    EXPECT_EQ(peer->commands(), std::string({WILL, OPTION_ECHO, WILL, SGA, DO,
+                                             SGA, DO, NAWS, DO, TTYPE}));
 }
 
 TEST_F(Telnetd, type_that_is_unknown_or_no_name_is_not_believed)

@@ -15,7 +15,7 @@ static constexpr char WILL = '\xfb';
 static constexpr char SB = '\xfa';
 static constexpr char SE = '\xf0';
 static constexpr char BINARY = 0;
-static constexpr char ECHO = 1;
+static constexpr char OPTION_ECHO = 1;
 static constexpr char SGA = 3;
 static constexpr char TTYPE = 24;
 static constexpr char NAWS = 31;
@@ -120,7 +120,7 @@ static const std::string ASK_TYPE = {IAC, SB, TTYPE, 1, IAC, SE};
 
 TEST_F(Telnet, server_says_first_what_it_does_and_what_it_asks_for)
 {
-    EXPECT_EQ(open(), command(WILL, ECHO) + command(WILL, SGA) +
+    EXPECT_EQ(open(), command(WILL, OPTION_ECHO) + command(WILL, SGA) +
                           command(DO, SGA) + command(DO, NAWS) +
                           command(DO, TTYPE));
 }
@@ -171,16 +171,16 @@ TEST_F(Telnet, eight_bits_on_request_change_no_ends_of_lines)
 TEST_F(Telnet, answers_to_what_was_asked_are_not_answered)
 {
     open();
-    EXPECT_EQ(answer_to(command(DO, ECHO) + command(DO, SGA) +
+    EXPECT_EQ(answer_to(command(DO, OPTION_ECHO) + command(DO, SGA) +
                         command(WILL, SGA) + command(WILL, NAWS)),
               "");
-    EXPECT_EQ(answer_to(command(DO, ECHO)), "");
+    EXPECT_EQ(answer_to(command(DO, OPTION_ECHO)), "");
 }
 
 TEST_F(Telnet, refusals_of_what_was_asked_are_not_answered)
 {
     open();
-    EXPECT_EQ(answer_to(command(DONT, ECHO) + command(DONT, SGA) +
+    EXPECT_EQ(answer_to(command(DONT, OPTION_ECHO) + command(DONT, SGA) +
                         command(WONT, SGA) + command(WONT, NAWS) +
                         command(WONT, TTYPE)),
               "");
@@ -189,10 +189,11 @@ TEST_F(Telnet, refusals_of_what_was_asked_are_not_answered)
 TEST_F(Telnet, option_that_was_on_is_given_up_once)
 {
     open();
-    decode(command(DO, ECHO));
-    EXPECT_EQ(answer_to(command(DONT, ECHO)), command(WONT, ECHO));
-    EXPECT_EQ(answer_to(command(DONT, ECHO)), "");
-    EXPECT_EQ(answer_to(command(DO, ECHO)), command(WILL, ECHO));
+    decode(command(DO, OPTION_ECHO));
+    EXPECT_EQ(answer_to(command(DONT, OPTION_ECHO)),
+              command(WONT, OPTION_ECHO));
+    EXPECT_EQ(answer_to(command(DONT, OPTION_ECHO)), "");
+    EXPECT_EQ(answer_to(command(DO, OPTION_ECHO)), command(WILL, OPTION_ECHO));
 }
 
 TEST_F(Telnet, every_other_option_is_refused)
@@ -200,7 +201,7 @@ TEST_F(Telnet, every_other_option_is_refused)
     open();
     for (int option = 0; option < 256; option++) {
         const char name = static_cast<char>(option);
-        if (name != BINARY && name != ECHO && name != SGA) {
+        if (name != BINARY && name != OPTION_ECHO && name != SGA) {
             EXPECT_EQ(answer_to(command(DO, name)), command(WONT, name));
         }
         if (name != BINARY && name != SGA && name != NAWS && name != TTYPE) {
