@@ -35,14 +35,16 @@ constexpr std::size_t PROTECTION = 2; // of mmap's arguments
 static bool fill(scmp_filter_ctx filter)
 {
     for (const int call : CALLS) {
-        if (seccomp_rule_add(filter, SCMP_ACT_ALLOW, call, 0) != 0) {
+        if (seccomp_rule_add_array(filter, SCMP_ACT_ALLOW, call, 0, nullptr) !=
+            0) {
             return false;
         }
     }
     // Memory, but none that can be run.
-    return seccomp_rule_add(
-               filter, SCMP_ACT_ALLOW, SCMP_SYS(mmap), 1,
-               SCMP_CMP(PROTECTION, SCMP_CMP_MASKED_EQ, PROT_EXEC, 0)) == 0;
+    const scmp_arg_cmp unrunnable = {PROTECTION, SCMP_CMP_MASKED_EQ, PROT_EXEC,
+                                     0};
+    return seccomp_rule_add_array(filter, SCMP_ACT_ALLOW, SCMP_SYS(mmap), 1,
+                                  &unrunnable) == 0;
 }
 
 // Sets no-new-privileges as well.
