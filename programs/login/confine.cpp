@@ -1,5 +1,6 @@
 #include "programs/login/confine.h"
 
+#include <asm/termbits.h>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -7,8 +8,10 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <grp.h>
+#include <linux/sockios.h>
 #include <pwd.h>
 #include <seccomp.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -20,17 +23,35 @@
 // program end, and take memory. Sanitizers and a C library of another age make
 // some of these calls instead of others.
 static const int CALLS[] = {
-    SCMP_SYS(read),         SCMP_SYS(write),         SCMP_SYS(recvfrom),
-    SCMP_SYS(sendto),       SCMP_SYS(recvmsg),       SCMP_SYS(sendmsg),
-    SCMP_SYS(poll),         SCMP_SYS(ppoll),         SCMP_SYS(close),
-    SCMP_SYS(shutdown),     SCMP_SYS(ioctl),         SCMP_SYS(waitid),
-    SCMP_SYS(wait4),        SCMP_SYS(clock_gettime), SCMP_SYS(clock_nanosleep),
-    SCMP_SYS(nanosleep),    SCMP_SYS(madvise),       SCMP_SYS(munmap),
-    SCMP_SYS(brk),          SCMP_SYS(futex),         SCMP_SYS(getpid),
-    SCMP_SYS(gettid),       SCMP_SYS(getrandom),     SCMP_SYS(rt_sigprocmask),
-    SCMP_SYS(rt_sigreturn), SCMP_SYS(sigaltstack),   SCMP_SYS(restart_syscall),
-    SCMP_SYS(sched_yield),  SCMP_SYS(exit),          SCMP_SYS(exit_group)};
-constexpr std::size_t PROTECTION = 2; // of mmap's arguments
+    SCMP_SYS(read),          SCMP_SYS(write),           SCMP_SYS(recvfrom),
+    SCMP_SYS(sendto),        SCMP_SYS(recvmsg),         SCMP_SYS(sendmsg),
+    SCMP_SYS(poll),          SCMP_SYS(ppoll),           SCMP_SYS(close),
+    SCMP_SYS(shutdown),      SCMP_SYS(waitid),          SCMP_SYS(wait4),
+    SCMP_SYS(clock_gettime), SCMP_SYS(clock_nanosleep), SCMP_SYS(nanosleep),
+    SCMP_SYS(madvise),       SCMP_SYS(munmap),          SCMP_SYS(brk),
+    SCMP_SYS(futex),         SCMP_SYS(getpid),          SCMP_SYS(gettid),
+    SCMP_SYS(getrandom),     SCMP_SYS(rt_sigprocmask),  SCMP_SYS(rt_sigreturn),
+    SCMP_SYS(sigaltstack),   SCMP_SYS(restart_syscall), SCMP_SYS(sched_yield),
+    SCMP_SYS(exit),          SCMP_SYS(exit_group)};
+// What it asks of its terminal and of its connection. Another request would
+// have the kernel send signals, to the keepers of other sessions too: they are
+// the same user.
+static const unsigned long REQUESTS[] = {TCGETS,     TCGETS2,     TCFLSH,
+                                         TIOCSWINSZ, TIOCGPTPEER, SIOCOUTQ};
+constexpr unsigned REQUEST = 1;    // of ioctl's arguments
+constexpr unsigned PROTECTION = 2; // of mmap's arguments
+
+static bool allow_requests(scmp_filter_ctx filter)
+{
+    for (const unsigned long request : REQUESTS) {
+        const scmp_arg_cmp same = {REQUEST, SCMP_CMP_EQ, request, 0};
+        if (seccomp_rule_add_array(filter, SCMP_ACT_ALLOW, SCMP_SYS(ioctl), 1,
+                                   &same) != 0) {
+            return false;
+        }
+    }
+    return true;
+}
 
 static bool fill(scmp_filter_ctx filter)
 {
@@ -43,7 +64,8 @@ static bool fill(scmp_filter_ctx filter)
     // Memory, but none that can be run.
     const scmp_arg_cmp unrunnable = {PROTECTION, SCMP_CMP_MASKED_EQ, PROT_EXEC,
                                      0};
-    return seccomp_rule_add_array(filter, SCMP_ACT_ALLOW, SCMP_SYS(mmap), 1,
+    return allow_requests(filter) &&
+           seccomp_rule_add_array(filter, SCMP_ACT_ALLOW, SCMP_SYS(mmap), 1,
                                   &unrunnable) == 0;
 }
 

@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <functional>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -84,7 +85,12 @@ TEST_F(LoginConfine, files_processes_sockets_and_code_end_it)
                   }},
                  {"kill",
                   [] {
-                      return kill(getppid(), 0);
+                      return kill(1, 0);
+                  }},
+                 {"a signal by number",
+                  [] {
+                      const int owner = 1;
+                      return ioctl(0, FIOSETOWN, &owner);
                   }},
                  {"setuid",
                   [] {
