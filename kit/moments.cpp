@@ -250,12 +250,15 @@ static void take_message(kit_entry *entry, const bell_message *message)
 bool kit_moments_bell(kit_entry *entry)
 {
     bell_message message;
-    int heard;
+    int heard = 1;
 
-    while ((heard = kit_bell_hear(entry->bell, &message)) > 0) {
-        take_message(entry, &message);
+    for (int i = 0; i < MOST_MESSAGES && heard > 0; i++) {
+        heard = kit_bell_hear(entry->bell, &message);
+        if (heard > 0) {
+            take_message(entry, &message);
+        }
     }
-    return heard == 0;
+    return heard >= 0;
 }
 
 static void on_login(kit_entry *entry, const char *user, bool success)

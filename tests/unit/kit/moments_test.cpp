@@ -216,6 +216,25 @@ TEST_F(KitMoments, keeper_says_once_and_in_order_what_it_is)
 
 // Two numbers to keep, two pairs: whichever of them is not to be had, the
 // client is told so and nothing stays.
+// Once taken over it may speak for as long as it is heard.
+TEST_F(KitMoments, keeper_that_does_not_stop_speaking_leaves_others_their_turn)
+{
+    bell_message message;
+    int said = 0;
+
+    ASSERT_EQ(alloc(), 0);
+    const kit_entry *entry = kit_entry_at(LINE);
+    const int bell = dup(entry->keeper_bell);
+    while (kit_bell_say(bell, BELL_RUNS, 4711, "")) {
+        said++;
+    }
+    ASSERT_GT(said, 64);
+    EXPECT_EQ(moments.read_func(LINE), 0);
+    EXPECT_EQ(kit_bell_hear(entry->bell, &message), 1);
+    close(bell);
+    end();
+}
+
 TEST_F(KitMoments, client_is_told_when_a_number_cannot_be_kept)
 {
     fault_row("on_alloc", "fcntl", "EMFILE", "-1", "",
