@@ -20,6 +20,7 @@ constexpr int MOST_TRIES = 60;
 // NOLINTNEXTLINE(clang-analyzer-alpha.unix.cstring.BufferOverlap)
 struct leftover {
     bool used;
+    int line;
     char id[KIT_ID_SIZE];
     pid_t program;
     int64_t clean_at; // 0: done
@@ -27,31 +28,46 @@ struct leftover {
     int64_t sweep_at; // 0: done
     int tries;
 };
-static leftover g_leftovers[TTY_LINES]; // a slot per line
+static leftover g_leftovers[TTY_LINES];
 static int g_leftover_count;
+
+// From the slot of the line's number on: a session that ends takes the place of
+// the one before it on its line, but not while that one's programs still have
+// to be ended. Only with more of those than lines the line's last is forgotten.
+static leftover *place_on(int line)
+{
+    for (int i = 0; i < TTY_LINES; i++) {
+        leftover *place = &g_leftovers[(line + i) % TTY_LINES];
+        if (!place->used || (place->line == line && place->sweep_at == 0)) {
+            return place;
+        }
+    }
+    return &g_leftovers[line];
+}
 
 void kit_leftover_add(const kit_entry *entry)
 {
     kit_lock();
-    leftover *left = &g_leftovers[entry->session.line];
+    leftover *left = place_on(entry->session.line);
     g_leftover_count += left->used ? 0 : 1;
     left->used = true;
+    left->line = entry->session.line;
     memcpy(left->id, entry->id, sizeof left->id);
     left->program = entry->session.pid;
     left->clean_at = kit_now_ms();
     left->hung_up = entry->empty;
-    left->sweep_at = entry->empty ? 0 : kit_now_ms();
+    left->sweep_at = entry->empty || left->program <= 0 ? 0 : kit_now_ms();
     left->tries = 0;
     kit_unlock();
 }
 
-static void clean_line(int line, leftover *left, int64_t now)
+static void clean_line(leftover *left, int64_t now)
 {
     if (left->clean_at == 0 || left->clean_at > now) {
         return;
     }
     // Without waiting: the lock is held only for this one line's moment.
-    const bool done = kit_line_end(line, left->id, 0) == 0;
+    const bool done = kit_line_end(left->line, left->id, 0) == 0;
     left->clean_at =
         done || ++left->tries == MOST_TRIES ? 0 : now + LOCKED_PAUSE_MS;
 }
@@ -73,22 +89,22 @@ static void sweep_session(leftover *left, int64_t now)
 }
 
 // Works on a copy: neither a file nor a look at all processes holds the loop
-// up. A new session on the line meanwhile has a new entry only when it was
-// killed in turn, and then this one is forgotten.
-static int64_t tidy_line(int line, int64_t now)
+// up. A session of the line that ends meanwhile may have taken its place, and
+// then this one is forgotten.
+static int64_t tidy_place(int place, int64_t now)
 {
     kit_lock();
-    leftover left = g_leftovers[line];
+    leftover left = g_leftovers[place];
     kit_unlock();
     if (!left.used) {
         return 0;
     }
-    clean_line(line, &left, now);
+    clean_line(&left, now);
     sweep_session(&left, now);
     left.used = left.clean_at != 0 || left.sweep_at != 0;
     kit_lock();
-    if (memcmp(g_leftovers[line].id, left.id, sizeof left.id) == 0) {
-        g_leftovers[line] = left;
+    if (memcmp(g_leftovers[place].id, left.id, sizeof left.id) == 0) {
+        g_leftovers[place] = left;
         g_leftover_count -= left.used ? 0 : 1;
     }
     kit_unlock();
@@ -109,8 +125,8 @@ int64_t kit_leftover_tidy(int64_t now)
     kit_lock();
     const bool any = g_leftover_count > 0;
     kit_unlock();
-    for (int line = 0; any && line < TTY_LINES; line++) {
-        next = kit_earlier(next, tidy_line(line, now));
+    for (int place = 0; any && place < TTY_LINES; place++) {
+        next = kit_earlier(next, tidy_place(place, now));
     }
     return next;
 }

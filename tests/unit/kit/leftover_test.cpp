@@ -129,6 +129,24 @@ TEST_F(KitLeftover, session_that_was_killed_next_takes_the_others_place)
     EXPECT_TRUE(clean());
 }
 
+// A client that comes and goes on the same line would save them.
+TEST_F(KitLeftover,
+       programs_end_although_the_next_session_of_the_line_ends_first)
+{
+    start_program();
+    kit_leftover_add(entry);
+    EXPECT_EQ(kit_leftover_tidy(g_now), g_now + 5000);
+    kit_entry *next = kit_entry_make(LINE);
+    next->empty = true;
+    kit_leftover_add(next);
+    EXPECT_EQ(kit_leftover_tidy(g_now + 1000), g_now + 5000);
+    EXPECT_EQ(kit_leftover_tidy(g_now + 5000), 0);
+    fault::replacing(false);
+    const pid_t program = entry->session.pid;
+    EXPECT_EQ(support::wait_child(program, 2000), SIGKILL);
+    kit_entry_free(next);
+}
+
 static kit_entry *g_next;
 
 // While its line is being cleaned.
