@@ -5,6 +5,7 @@
 
 #include <csignal>
 #include <cstring>
+#include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
 #include <string>
@@ -23,10 +24,13 @@ constexpr int SIGNALLED = 128;
 static const char UNKNOWN[] = "UNKNOWN";
 static const char INCORRECT[] = "Login incorrect";
 
-// Ends the process in the middle of whatever a module does.
+// Ends the process in the middle of whatever a module does. A terminal that its
+// user has stopped takes nothing, and would keep it.
 static void out_of_time(int number)
 {
     static const char TEXT[] = "\nNo login in time\n";
+
+    fcntl(STDOUT_FILENO, F_SETFL, O_NONBLOCK);
     const ssize_t ignored = write(STDOUT_FILENO, TEXT, strlen(TEXT));
 
     (void)number;

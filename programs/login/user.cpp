@@ -135,11 +135,21 @@ static void hear_all_signals()
     execute(user, program);
 }
 
-// What is stopped has to go on to be hung up.
-static void hang_up(pid_t group)
+// The program with its group, which it can leave for another one of its
+// session: as nobody has waited for it, its number is its own.
+static void signal_both(pid_t program, int number)
 {
-    kill(-group, SIGHUP);
-    kill(-group, SIGCONT);
+    kill(-program, number);
+    if (getpgid(program) != program) {
+        kill(program, number);
+    }
+}
+
+// What is stopped has to go on to be hung up.
+static void hang_up(pid_t program)
+{
+    signal_both(program, SIGHUP);
+    signal_both(program, SIGCONT);
 }
 
 static int wait_for(pid_t program, const sigset_t *set)
@@ -155,7 +165,7 @@ static int wait_for(pid_t program, const sigset_t *set)
             hang_up(program);
             hung_up = true;
         } else if (number < 0 && errno == EAGAIN) {
-            kill(-program, SIGKILL);
+            signal_both(program, SIGKILL);
             hung_up = false;
         }
     }

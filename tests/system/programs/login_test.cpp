@@ -268,6 +268,15 @@ TEST_F(LoginRoom, session_that_does_not_log_in_in_time_ends)
     EXPECT_TRUE(over());
 }
 
+// Nothing can be printed on it then.
+TEST_F(LoginRoom, time_ends_also_for_a_terminal_that_its_user_has_stopped)
+{
+    room.seconds = 2;
+    begin();
+    say("\023alice\n");
+    EXPECT_TRUE(over());
+}
+
 TEST_F(LoginRoom, time_that_has_passed_ends_no_session_that_has_logged_in)
 {
     room.seconds = 2;
@@ -405,6 +414,25 @@ TEST_F(LoginRoom, shell_that_ignores_the_hang_up_is_killed_and_closed)
     client = -1;
     EXPECT_TRUE(over());
     EXPECT_FALSE(process_runs(shell));
+    EXPECT_TRUE(noted("close_session alice \n"));
+}
+
+// Whoever looks for him in the group that he was given finds nobody.
+TEST_F(LoginRoom, program_that_has_left_its_group_is_killed_and_closed_as_well)
+{
+    log_in();
+    say("exec perl -e '$SIG{HUP} = \"IGNORE\"; $| = 1; "
+        "if (!($p = fork)) { setpgrp; sleep 1000 } "
+        "select undef, undef, undef, 0.01 while getpgrp($p) != $p; "
+        "setpgrp 0, $p; print \"<$$>\\n\"; sleep 1000'\n");
+    const std::string shown = until(">\r\n");
+    const size_t at = shown.rfind('<');
+    ASSERT_NE(at, std::string::npos) << shown;
+    const pid_t program = std::stoi(shown.substr(at + 1));
+    close(client);
+    client = -1;
+    EXPECT_TRUE(over());
+    EXPECT_FALSE(process_runs(program));
     EXPECT_TRUE(noted("close_session alice \n"));
 }
 
