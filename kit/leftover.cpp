@@ -53,7 +53,7 @@ void kit_leftover_add(const kit_entry *entry)
     left->used = true;
     left->line = entry->session.line;
     memcpy(left->id, entry->id, sizeof left->id);
-    left->program = entry->session.pid;
+    left->program = entry->program;
     left->clean_at = kit_now_ms();
     left->hung_up = entry->empty;
     left->sweep_at = entry->empty || left->program <= 0 ? 0 : kit_now_ms();

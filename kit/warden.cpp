@@ -30,8 +30,9 @@
 #include "kit/unrelayed.h"
 #include "kit/watchdog.h"
 
-// How long sessions have to end when the daemon does, and how long keepers have
-// to clean up when their programs were ended by force.
+// How long sessions have to end when the daemon does, unless a service says
+// otherwise, and how long keepers have to clean up when their programs were
+// ended by force.
 constexpr int64_t FAREWELL_MS = 2000;
 constexpr int64_t FORCED_MS = 1000;
 
@@ -147,12 +148,28 @@ static void unlink_paths(void)
     }
 }
 
+// A service whose programs need longer to end has said so.
+static int64_t farewell_ms(void)
+{
+    const kit_node *node = nullptr;
+    int64_t longest = FAREWELL_MS;
+
+    while ((node = kit_node_after(node)) != nullptr) {
+        if (int64_t{node->service->hangup_ms} > longest) {
+            longest = node->service->hangup_ms;
+        }
+    }
+    return longest;
+}
+
 static void begin_farewell(void)
 {
+    const int64_t patience = farewell_ms();
+
     kit_lock();
     const bool first = g_farewell == 0;
     if (first) {
-        g_farewell = kit_now_ms() + FAREWELL_MS;
+        g_farewell = kit_now_ms() + patience;
     }
     kit_unlock();
     if (!first) {

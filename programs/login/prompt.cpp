@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <poll.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -29,6 +30,16 @@ void prompt_say(const char *text)
     print("\n");
 }
 
+// Waits in poll(): the thread sanitizer handles the signal of a time that is
+// over where a call waits, and takes a read for none.
+static ssize_t read_byte(char *byte)
+{
+    pollfd watched = {STDIN_FILENO, POLLIN, 0};
+
+    poll(&watched, 1, -1);
+    return read(STDIN_FILENO, byte, 1);
+}
+
 // Reads to the end of the line also what is too long for the buffer.
 static prompt_result read_line(char *answer, std::size_t size)
 {
@@ -36,7 +47,7 @@ static prompt_result read_line(char *answer, std::size_t size)
     char byte = 0;
 
     for (;;) {
-        const ssize_t got = read(STDIN_FILENO, &byte, 1);
+        const ssize_t got = read_byte(&byte);
         if (got < 0 && errno == EINTR) {
             continue;
         }

@@ -234,6 +234,26 @@ TEST_F(TelnetdLogin, client_that_leaves_hangs_its_session_up)
     }));
 }
 
+TEST_F(TelnetdLogin, session_is_closed_when_the_daemon_ends_before_its_program)
+{
+    start();
+    ASSERT_TRUE(log_in());
+    run("trap '' HUP; echo $$ >pid");
+    const pid_t shell = std::stoi(content_of("/home/alice/pid"));
+    client->type("echo on; exec sleep 1000\r");
+    client->shown_until("\r\non\r\n");
+    kill(daemon->pid(), SIGTERM);
+    daemon->exit_code();
+    daemon.reset();
+    EXPECT_TRUE(eventually([&] {
+        return !process_runs(shell);
+    }));
+    EXPECT_TRUE(eventually([&] {
+        return content_of("/home/noted").find("close_session alice") !=
+               std::string::npos;
+    }));
+}
+
 TEST_F(TelnetdLogin, program_is_run_for_the_user_who_logged_in)
 {
     start({"--program", "/usr/bin/id", "-un"});

@@ -60,8 +60,8 @@ class KitLeftover : public support::runtime_test
     {
         int ready[2];
         ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
-        entry->session.pid = fork();
-        if (entry->session.pid == 0) {
+        entry->program = fork();
+        if (entry->program == 0) {
             setsid();
             signal(SIGHUP, SIG_IGN);
             close(ready[1]);
@@ -87,10 +87,10 @@ TEST_F(KitLeftover, line_is_cleaned_at_once_and_its_programs_after_five_seconds)
     EXPECT_EQ(kit_leftover_tidy(g_now), g_now + 5000);
     EXPECT_TRUE(clean());
     EXPECT_EQ(kit_leftover_tidy(g_now + 4999), g_now + 5000);
-    EXPECT_EQ(waitpid(entry->session.pid, nullptr, WNOHANG), 0);
+    EXPECT_EQ(waitpid(entry->program, nullptr, WNOHANG), 0);
     EXPECT_EQ(kit_leftover_tidy(g_now + 5000), 0);
     fault::replacing(false);
-    EXPECT_EQ(support::wait_child(entry->session.pid), SIGKILL);
+    EXPECT_EQ(support::wait_child(entry->program), SIGKILL);
     // There is nothing left to look at.
     EXPECT_EQ(kit_leftover_tidy(g_now + 9000), 0);
 }
@@ -142,7 +142,7 @@ TEST_F(KitLeftover,
     EXPECT_EQ(kit_leftover_tidy(g_now + 1000), g_now + 5000);
     EXPECT_EQ(kit_leftover_tidy(g_now + 5000), 0);
     fault::replacing(false);
-    const pid_t program = entry->session.pid;
+    const pid_t program = entry->program;
     EXPECT_EQ(support::wait_child(program, 2000), SIGKILL);
     kit_entry_free(next);
 }
@@ -177,10 +177,10 @@ TEST_F(KitLeftover, session_of_which_nobody_is_left_is_not_looked_for)
     kit_leftover_add(entry);
     EXPECT_EQ(kit_leftover_tidy(g_now), 0);
     EXPECT_TRUE(clean());
-    EXPECT_EQ(kill(entry->session.pid, 0), 0);
+    EXPECT_EQ(kill(entry->program, 0), 0);
     fault::replacing(false);
-    kill(entry->session.pid, SIGKILL);
-    EXPECT_EQ(support::wait_child(entry->session.pid), SIGKILL);
+    kill(entry->program, SIGKILL);
+    EXPECT_EQ(support::wait_child(entry->program), SIGKILL);
 }
 
 TEST_F(KitLeftover, end_of_the_daemon_cleans_the_lines_of_all_sessions)
