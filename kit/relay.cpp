@@ -111,7 +111,8 @@ static void read_peer(kit_relay *relay)
         relay->moved = true;
         relay->peer_ended = got == 0;
         buffer->end += static_cast<size_t>(got);
-        if (static_cast<size_t>(got) < BULK) {
+        // Urgent data must be polled for before the read that takes it.
+        if (static_cast<size_t>(got) < BULK || relay->hears_urgent) {
             return;
         }
     }
@@ -287,12 +288,14 @@ static void note_urgent(kit_relay *relay)
 {
     kit_buffer *typed = &relay->to_terminal;
 
-    relay->urgent_noted = true;
     relay->codec->urgent(relay->state);
-    if (kit_buffer_pending(typed) > 0) {
+    // Once: an interrupt that it comes with may wait there already.
+    if (!relay->urgent_noted &&
+        (kit_buffer_pending(typed) > 0 || kit_terminal_has_unread())) {
         kit_buffer_used(typed, kit_buffer_pending(typed));
         kit_terminal_forget_typed();
     }
+    relay->urgent_noted = true;
 }
 
 static void move_output(kit_relay *relay)
@@ -317,7 +320,9 @@ void kit_relay_move(kit_relay *relay, const struct pollfd *connection,
     }
     if (connection->revents != 0) {
         write_peer(relay);
-        read_peer(relay);
+        if (!relay->hears_urgent || connection->revents != POLLOUT) {
+            read_peer(relay);
+        }
         look_for_end(relay, connection->revents);
     }
     decode(relay);

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <termios.h>
@@ -93,12 +94,28 @@ void kit_terminal_note(const kit_terminal *told)
     }
 }
 
+static int open_programs_side(void)
+{
+    return ioctl(g_master, TIOCGPTPEER, O_RDWR | O_NOCTTY | O_CLOEXEC);
+}
+
+// A poll has the terminal look at what is on the way to it first.
+bool kit_terminal_has_unread(void)
+{
+    struct pollfd side = {open_programs_side(), POLLIN, 0};
+
+    const bool unread = side.fd >= 0 && poll(&side, 1, 0) == 1;
+    if (side.fd >= 0) {
+        close(side.fd);
+    }
+    return unread;
+}
+
 // It stands in two places: on the way to the terminal, and with it, which only
 // an end of its program's side empties.
 void kit_terminal_forget_typed(void)
 {
-    const int slave =
-        ioctl(g_master, TIOCGPTPEER, O_RDWR | O_NOCTTY | O_CLOEXEC);
+    const int slave = open_programs_side();
 
     tcflush(g_master, TCOFLUSH);
     if (slave >= 0) {

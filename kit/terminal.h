@@ -22,6 +22,10 @@ kit_terminal kit_terminal_told(void);
 // and a size of 0 are not taken.
 void kit_terminal_note(const kit_terminal *told);
 
+// Whether the program has something typed to read; the terminal has looked at
+// all that was, and has made signals of it.
+bool kit_terminal_has_unread(void);
+
 // Throws away what was typed and not read yet, a line that is being edited
 // included.
 void kit_terminal_forget_typed(void);

@@ -154,8 +154,8 @@ typedef struct kit_codec {
     uint32_t ready_ms;
     /* The peer has sent urgent data over TCP, which stays in its place among
        the rest. Called before what was received with it is decoded, perhaps
-       more than once. Where the terminal takes no more, what was typed on it
-       before is thrown away. Optional. */
+       more than once. What was typed before and the program has not read is
+       thrown away. Optional. */
     void (*urgent)(void *state);
     int32_t plain_text; /* 1: a peer can read a line of text that was not
                            encoded, as that why it is refused */

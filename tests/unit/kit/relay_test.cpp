@@ -347,6 +347,11 @@ TEST_F(KitRelayUrgent, is_not_asked_for_again_while_there_is_no_room_to_read_it)
 {
     relay.hears_urgent = true;
     fcntl(peer, F_SETFL, O_NONBLOCK);
+    const int small = 16384;
+    setsockopt(peer, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    setsockopt(peer, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    setsockopt(connection, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    setsockopt(connection, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
     // A peer that takes no answers has nothing more decoded.
     const std::string questions(65536, '?');
     for (int i = 0; i < 2000; i++) {

@@ -162,6 +162,32 @@ TEST_F(KitTerminal, terminal_that_fails_is_left_as_it_is)
     fault::reset();
 }
 
+TEST_F(KitTerminal, what_was_typed_is_unread_until_it_is_read)
+{
+    char text[64];
+    EXPECT_FALSE(kit_terminal_has_unread());
+    ASSERT_EQ(write(master, "typed\n", 6), 6);
+    pollfd watched = {slave, POLLIN, 0};
+    ASSERT_EQ(poll(&watched, 1, 20000), 1);
+    EXPECT_TRUE(kit_terminal_has_unread());
+    EXPECT_EQ(read(slave, text, sizeof text), 6);
+    EXPECT_FALSE(kit_terminal_has_unread());
+}
+
+TEST_F(KitTerminal, what_cannot_be_asked_for_is_not_unread)
+{
+    fault_row("kit_terminal_has_unread", "ioctl", "EMFILE", "false", "",
+              "nothing");
+    fault::reset();
+    ASSERT_EQ(write(master, "typed\n", 6), 6);
+    pollfd watched = {slave, POLLIN, 0};
+    ASSERT_EQ(poll(&watched, 1, 20000), 1);
+    fault::fail("ioctl", 1, EMFILE, 1,
+                fault::only_what(static_cast<long>(TIOCGPTPEER)));
+    EXPECT_FALSE(kit_terminal_has_unread());
+    fault::reset();
+}
+
 // What the terminal has is the program's then; what is on the way is not.
 TEST_F(KitTerminal, what_was_typed_stays_where_it_cannot_be_reached)
 {
