@@ -7,6 +7,6 @@
 // process is made.
 void own_by_user(const std::string &tree);
 
-// In a new process, before it runs a program: root is nobody from here on. The
-// program must be where everybody can run it.
+// In a new process, before it runs a program of the build: root is nobody from
+// here on, and can go to where that lies.
 void become_user();
