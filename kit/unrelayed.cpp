@@ -8,7 +8,7 @@
 
 #include <ttyline/vc.h>
 
-#include "kit/moments.h"
+#include "kit/hearing.h"
 
 constexpr int MOST_EVENTS = 32;
 
@@ -91,8 +91,8 @@ static void hear(int line, int fd)
         kit_entry *entry = kit_entry_at(line);
         kit_unlock();
         const bool more = entry != nullptr && fd == entry->bell
-                              ? kit_moments_bell(entry)
-                              : entry != nullptr && kit_moments_channel(entry);
+                              ? kit_hear_bell(entry)
+                              : entry != nullptr && kit_hear_channel(entry);
         if (!more) {
             unwatch(fd);
         }
