@@ -3,10 +3,15 @@
 #include "programs/login/prompt.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <poll.h>
 #include <termios.h>
 #include <unistd.h>
+
+using steady = std::chrono::steady_clock;
+
+static steady::time_point g_end = steady::time_point::max();
 
 static void print(const char *text)
 {
@@ -30,14 +35,34 @@ void prompt_say(const char *text)
     print("\n");
 }
 
-// Waits in poll(): the thread sanitizer handles the signal of a time that is
-// over where a call waits, and takes a read for none.
+void prompt_limit(unsigned seconds)
+{
+    g_end = seconds != 0 ? steady::now() + std::chrono::seconds(seconds)
+                         : steady::time_point::max();
+}
+
+bool prompt_time_over()
+{
+    return steady::now() >= g_end;
+}
+
+static int time_left()
+{
+    if (g_end == steady::time_point::max()) {
+        return -1;
+    }
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        g_end - steady::now());
+    return left.count() > 0 ? static_cast<int>(left.count()) + 1 : 0;
+}
+
+// As read(), 0 also when the time is over.
 static ssize_t read_byte(char *byte)
 {
     pollfd watched = {STDIN_FILENO, POLLIN, 0};
 
-    poll(&watched, 1, -1);
-    return read(STDIN_FILENO, byte, 1);
+    const int ready = poll(&watched, 1, time_left());
+    return ready > 0 ? read(STDIN_FILENO, byte, 1) : ready;
 }
 
 // Reads to the end of the line also what is too long for the buffer.

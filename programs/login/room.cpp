@@ -4,8 +4,6 @@
 #include "programs/login/room.h"
 
 #include <csignal>
-#include <cstring>
-#include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
 #include <string>
@@ -24,27 +22,13 @@ constexpr int SIGNALLED = 128;
 static const char UNKNOWN[] = "UNKNOWN";
 static const char INCORRECT[] = "Login incorrect";
 
-// Ends the process in the middle of whatever a module does. A terminal that its
-// user has stopped takes nothing, and would keep it.
-static void out_of_time(int number)
-{
-    static const char TEXT[] = "\nNo login in time\n";
-
-    fcntl(STDOUT_FILENO, F_SETFL, O_NONBLOCK);
-    const ssize_t ignored = write(STDOUT_FILENO, TEXT, strlen(TEXT));
-
-    (void)number;
-    static_cast<void>(ignored);
-    _exit(LOGIN_REFUSED);
-}
-
+// Where the process hangs in a module, or on a terminal that its user has
+// stopped, the signal ends it a moment later.
 static void limit_time(unsigned seconds)
 {
-    struct sigaction action = {};
-
-    action.sa_handler = out_of_time;
-    sigaction(SIGALRM, &action, nullptr);
-    alarm(seconds);
+    prompt_limit(seconds);
+    signal(SIGALRM, SIG_DFL);
+    alarm(seconds + 1);
 }
 
 // What nobody is called may be a password that was typed too early: it is
@@ -111,6 +95,9 @@ static bool log_in(const kit_session *session, const login_room *room,
 
     for (int tries = 0; tries < room->tries; tries++) {
         if (ask_for_name(name, sizeof name) == prompt_result::ENDED) {
+            if (prompt_time_over()) {
+                prompt_say("\nNo login in time");
+            }
             return false;
         }
         if (try_to_log_in(session, room, name, way)) {
@@ -163,6 +150,7 @@ static void hold_signals()
     sigset_t ends;
 
     alarm(0);
+    prompt_limit(0);
     for (const int number : {SIGINT, SIGQUIT, SIGTSTP}) {
         signal(number, SIG_IGN);
     }

@@ -150,6 +150,20 @@ TEST_F(LoginPrompt, hidden_answer_is_not_shown_and_the_echo_comes_back)
     EXPECT_EQ(status, 0);
 }
 
+TEST_F(LoginPrompt, time_for_all_answers_together_ends_the_wait)
+{
+    EXPECT_FALSE(prompt_time_over());
+    prompt_limit(1);
+    type("in time\n");
+    EXPECT_EQ(prompt_ask("", true, answer, sizeof answer),
+              prompt_result::ANSWERED);
+    EXPECT_EQ(prompt_ask("", true, answer, sizeof answer),
+              prompt_result::ENDED);
+    EXPECT_TRUE(prompt_time_over());
+    prompt_limit(0);
+    EXPECT_FALSE(prompt_time_over());
+}
+
 TEST_F(LoginPrompt, text_stands_on_a_line_of_its_own)
 {
     prompt_say("no");
