@@ -101,6 +101,7 @@ void relay_watch(read_set *set)
                              vc_protocol_of(child->reg.protocol)->relayed;
         // Each write, even of the same value, would copy a page that the record
         // shares with the forked children: all of them, in every turn.
+        // cppcheck-suppress duplicateConditionalAssign
         if (child->watched != watched) {
             child->watched = watched;
         }

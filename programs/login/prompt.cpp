@@ -97,12 +97,10 @@ static prompt_result read_line(char *answer, std::size_t size)
 // The end of the line is shown: the next output begins on a line of its own.
 static bool hide_input(termios *before)
 {
-    termios hidden = {};
-
     if (tcgetattr(STDIN_FILENO, before) != 0) {
         return false;
     }
-    hidden = *before;
+    termios hidden = *before;
     hidden.c_lflag &= ~tcflag_t{ECHO};
     hidden.c_lflag |= ECHONL;
     return tcsetattr(STDIN_FILENO, TCSAFLUSH, &hidden) == 0;

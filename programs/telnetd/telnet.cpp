@@ -73,14 +73,14 @@ static void heard_on(telnet *t, kit_flow *flow, uint8_t option)
     telnet_option *state = own ? &t->ours[option] : &t->theirs[option];
     const telnet_option before = *state;
 
-    if (before == TELNET_OFF && !(own ? we_may(option) : they_may(option))) {
-        answer(flow, own ? WONT : DONT, option);
-        return;
-    }
-    *state = TELNET_ON;
     if (before == TELNET_OFF) {
+        if (!(own ? we_may(option) : they_may(option))) {
+            answer(flow, own ? WONT : DONT, option);
+            return;
+        }
         answer(flow, own ? WILL : DO, option);
     }
+    *state = TELNET_ON;
     if (!own && option == TTYPE && before != TELNET_ON) {
         ask_for_type(flow);
     }
