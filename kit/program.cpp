@@ -19,6 +19,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "common/search_path.h"
 #include "kit/audit.h"
 #include "kit/bell.h"
 #include "kit/descriptors.h"
@@ -32,9 +33,6 @@ constexpr unsigned short USUAL_ROWS = 24;
 constexpr unsigned short USUAL_COLUMNS = 80;
 constexpr mode_t USUAL_MASK = 022;
 constexpr mode_t TERMINAL_MODE = 0620;
-static const char USER_PATH[] = "/usr/local/bin:/usr/bin:/bin";
-static const char ROOT_PATH[] = "/usr/local/sbin:/usr/local/bin:/usr/sbin:"
-                                "/usr/bin:/sbin:/bin";
 
 // What the session service says of the line, and the language of the machine.
 static const char *const KEPT[] = {"TTYNUM", "TTYTYPE", "PROTOCOL", "CONN_TYPE",
@@ -149,7 +147,7 @@ static void set_environment(const kit_entry *entry, const struct passwd *user)
     (void)snprintf(family, sizeof family, "%d", entry->family);
     setenv("CONN_TYPE", family, 1);
     setenv("TERM", kit_identity_term(service), 1);
-    setenv("PATH", geteuid() == 0 ? ROOT_PATH : USER_PATH, 1);
+    setenv("PATH", geteuid() == 0 ? TTY_ROOT_PATH : TTY_USER_PATH, 1);
     if (user != nullptr) {
         setenv("USER", user->pw_name, 1);
         setenv("LOGNAME", user->pw_name, 1);

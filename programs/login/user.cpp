@@ -17,12 +17,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "common/search_path.h"
+
 constexpr time_t HANGUP_SECONDS = 3;
 constexpr mode_t TERMINAL_MODE = 0620;
 constexpr int CANNOT_RUN = 127;
-static const char USER_PATH[] = "/usr/local/bin:/usr/bin:/bin";
-static const char ROOT_PATH[] = "/usr/local/sbin:/usr/local/bin:/usr/sbin:"
-                                "/usr/bin:/sbin:/bin";
 
 bool login_find_user(const char *name, login_user *user)
 {
@@ -61,7 +60,7 @@ static void set_environment(const login_user &user, char *const *more)
     setenv("LOGNAME", user.name.c_str(), 1);
     setenv("HOME", user.home.c_str(), 1);
     setenv("SHELL", user.shell.c_str(), 1);
-    setenv("PATH", user.uid == 0 ? ROOT_PATH : USER_PATH, 1);
+    setenv("PATH", user.uid == 0 ? TTY_ROOT_PATH : TTY_USER_PATH, 1);
     for (; more != nullptr && *more != nullptr; more++) {
         putenv(*more);
     }

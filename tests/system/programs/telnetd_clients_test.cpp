@@ -111,46 +111,50 @@ TEST_P(TelnetdClient, tells_a_later_size)
     EXPECT_NE(client->shown_until(">").find("<44 99>"), std::string::npos);
 }
 
+// By its escape character it has commands of its own.
 class TelnetdCommand : public Telnetd
 {
+  protected:
+    // When the program is ready.
+    void command(const std::string &words)
+    {
+        client = std::make_unique<Client>(
+            std::vector<std::string>{"inetutils-telnet", "127.0.0.1",
+                                     port_word()},
+            80, 24, "vt100");
+        client->shown_until("ready\r\n");
+        ASSERT_TRUE(client->type("\035"));
+        client->shown_until("telnet> ");
+        ASSERT_TRUE(client->type(words + "\r"));
+    }
+
+    // Whether the client shows it in the end.
+    bool shows(const std::string &text) const
+    {
+        return client->shown_until(text).find(text) != std::string::npos;
+    }
+
+    std::unique_ptr<Client> client;
 };
 
-// By its escape character it has commands of its own.
 TEST_F(TelnetdCommand, send_ip_interrupts_sleep)
 {
     start(SLEEP);
-    Client client({"inetutils-telnet", "127.0.0.1", port_word()}, 80, 24,
-                  "vt100");
-    client.shown_until("ready\r\n");
-    ASSERT_TRUE(client.type("\035"));
-    client.shown_until("telnet> ");
-    ASSERT_TRUE(client.type("send ip\r"));
-    EXPECT_NE(client.shown_until("over\r\n").find("over\r\n"),
-              std::string::npos);
+    command("send ip");
+    EXPECT_TRUE(shows("over\r\n"));
 }
 
 TEST_F(TelnetdCommand, send_ayt_is_answered)
 {
     start("echo ready; read x");
-    Client client({"inetutils-telnet", "127.0.0.1", port_word()}, 80, 24,
-                  "vt100");
-    client.shown_until("ready\r\n");
-    ASSERT_TRUE(client.type("\035"));
-    client.shown_until("telnet> ");
-    ASSERT_TRUE(client.type("send ayt\r"));
-    EXPECT_NE(client.shown_until("[yes]").find("[yes]"), std::string::npos);
+    command("send ayt");
+    EXPECT_TRUE(shows("[yes]"));
 }
 
 TEST_F(TelnetdCommand, send_synch_loses_nothing_that_comes_behind_it)
 {
     start("echo ready; read x; echo \"got $x\"");
-    Client client({"inetutils-telnet", "127.0.0.1", port_word()}, 80, 24,
-                  "vt100");
-    client.shown_until("ready\r\n");
-    ASSERT_TRUE(client.type("\035"));
-    client.shown_until("telnet> ");
-    ASSERT_TRUE(client.type("send synch\r"));
-    ASSERT_TRUE(client.type("behind\r"));
-    EXPECT_NE(client.shown_until("got behind").find("got behind"),
-              std::string::npos);
+    command("send synch");
+    ASSERT_TRUE(client->type("behind\r"));
+    EXPECT_TRUE(shows("got behind"));
 }

@@ -1,8 +1,6 @@
 #include "tests/unit/kit/keeper_fixture.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -16,9 +14,13 @@
 
 #include "kit/keeper.h"
 #include "tests/support/fault.h"
+#include "tests/support/tcp_pair.h"
 #include "tests/support/wait.h"
 
 using Clock = std::chrono::steady_clock;
+
+// What a narrow client takes at a time.
+constexpr int LITTLE = 1024;
 
 void KeeperFixture::SetUp()
 {
@@ -59,24 +61,11 @@ void KeeperFixture::run(const char *command)
 
 void KeeperFixture::connect_tcp()
 {
-    sockaddr_in address = {};
-    socklen_t length = sizeof address;
-    auto *any = reinterpret_cast<sockaddr *>(&address);
-    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int ends[2];
 
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(bind(listener, any, sizeof address), 0);
-    ASSERT_EQ(listen(listener, 1), 0);
-    ASSERT_EQ(getsockname(listener, any, &length), 0);
-    client = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (narrow) {
-        const int little = 1024;
-        setsockopt(client, SOL_SOCKET, SO_RCVBUF, &little, sizeof little);
-    }
-    ASSERT_EQ(connect(client, any, sizeof address), 0);
-    connection = accept(listener, nullptr, nullptr);
-    close(listener);
+    support::tcp_pair(ends, narrow ? LITTLE : 0);
+    client = ends[0];
+    connection = ends[1];
 }
 
 // As the session service leaves the process: leader of a session on the

@@ -1,7 +1,5 @@
 // The two ways between a connection and a terminal, with and without a codec.
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <stdlib.h>
 #include <string.h>
@@ -14,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "kit/relay.h"
+#include "tests/support/tcp_pair.h"
 #include "tests/unit/kit/relay_fixture.h"
 
 TEST_F(KitRelay, bytes_pass_both_ways_as_they_are)
@@ -274,26 +273,6 @@ static void count_urgent(void *)
     g_urgent++;
 }
 
-// A connection that has urgent data, which socketpair() does not give.
-static void connect_over_tcp(int ends[2])
-{
-    sockaddr_in address = {};
-    socklen_t size = sizeof address;
-    auto *any = reinterpret_cast<sockaddr *>(&address);
-    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(bind(listener, any, sizeof address), 0);
-    ASSERT_EQ(listen(listener, 1), 0);
-    ASSERT_EQ(getsockname(listener, any, &size), 0);
-    ends[0] = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    ASSERT_EQ(connect(ends[0], any, sizeof address), 0);
-    ends[1] = accept(listener, nullptr, nullptr);
-    ASSERT_GE(ends[1], 0);
-    close(listener);
-}
-
 static short wanted_of(kit_relay *relay)
 {
     pollfd watched[2] = {};
@@ -312,7 +291,7 @@ class KitRelayUrgent : public KitRelay
         KitRelay::SetUp();
         close(peer);
         close(connection);
-        connect_over_tcp(ends);
+        support::tcp_pair(ends);
         peer = ends[0];
         connection = ends[1];
         setsockopt(connection, SOL_SOCKET, SO_OOBINLINE, &on, sizeof on);

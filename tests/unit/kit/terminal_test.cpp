@@ -38,6 +38,14 @@ class KitTerminal : public testing::Test
         close(master);
     }
 
+    // It takes the terminal a moment.
+    void type_a_line() const
+    {
+        pollfd watched = {slave, POLLIN, 0};
+        ASSERT_EQ(write(master, "typed\n", 6), 6);
+        ASSERT_EQ(poll(&watched, 1, 20000), 1);
+    }
+
     std::string size() const
     {
         winsize now = {};
@@ -166,9 +174,7 @@ TEST_F(KitTerminal, what_was_typed_is_unread_until_it_is_read)
 {
     char text[64];
     EXPECT_FALSE(kit_terminal_has_unread());
-    ASSERT_EQ(write(master, "typed\n", 6), 6);
-    pollfd watched = {slave, POLLIN, 0};
-    ASSERT_EQ(poll(&watched, 1, 20000), 1);
+    type_a_line();
     EXPECT_TRUE(kit_terminal_has_unread());
     EXPECT_EQ(read(slave, text, sizeof text), 6);
     EXPECT_FALSE(kit_terminal_has_unread());
@@ -179,9 +185,7 @@ TEST_F(KitTerminal, what_cannot_be_asked_for_is_not_unread)
     fault_row("kit_terminal_has_unread", "ioctl", "EMFILE", "false", "",
               "nothing");
     fault::reset();
-    ASSERT_EQ(write(master, "typed\n", 6), 6);
-    pollfd watched = {slave, POLLIN, 0};
-    ASSERT_EQ(poll(&watched, 1, 20000), 1);
+    type_a_line();
     fault::fail("ioctl", 1, EMFILE, 1,
                 fault::only_what(static_cast<long>(TIOCGPTPEER)));
     EXPECT_FALSE(kit_terminal_has_unread());
@@ -194,9 +198,7 @@ TEST_F(KitTerminal, what_was_typed_stays_where_it_cannot_be_reached)
     fault_row("kit_terminal_forget_typed", "ioctl", "EMFILE", "nothing", "",
               "what the terminal has already");
     fault::reset();
-    ASSERT_EQ(write(master, "typed\n", 6), 6);
-    pollfd watched = {slave, POLLIN, 0};
-    ASSERT_EQ(poll(&watched, 1, 20000), 1);
+    type_a_line();
     fault::fail("ioctl", 1, EMFILE, 1,
                 fault::only_what(static_cast<long>(TIOCGPTPEER)));
     kit_terminal_forget_typed();
