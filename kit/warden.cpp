@@ -207,7 +207,7 @@ static void force_programs(int64_t now)
     kit_lock();
     for (int line = kit_table_next(0); line < TTY_LINES;
          line = kit_table_next(line + 1)) {
-        const pid_t program = kit_entry_at(line)->session.pid;
+        const pid_t program = kit_entry_at(line)->program;
         if (program > 0) {
             kill(-program, SIGKILL);
         }
