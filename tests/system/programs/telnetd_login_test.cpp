@@ -1,5 +1,6 @@
 // The telnet daemon as root: a real client logs in by name and password, and
 // what reads the network has no rights.
+#include <grp.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -42,7 +43,13 @@ class TelnetdLogin : public SystemTest
             "--port",    std::to_string(port), "--no-ipv6",     "--allow",
             "127.0.0.1", "--control",          path("/control")};
         words.insert(words.end(), options.begin(), options.end());
-        daemon = std::make_unique<Program>(TTYLINE_TELNETD_PATH, words, [] {});
+        daemon = std::make_unique<Program>(TTYLINE_TELNETD_PATH, words, [] {
+            // As root's own shell has them.
+            const gid_t groups[] = {0, 99};
+            if (setgroups(2, groups) != 0) {
+                _exit(126);
+            }
+        });
         inetd->start();
         ASSERT_TRUE(eventually([&] {
             return port_listens(AF_INET, port);

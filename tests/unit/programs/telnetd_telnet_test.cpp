@@ -399,10 +399,13 @@ TEST_F(Telnet, what_was_edited_goes_with_the_text_before_the_mark)
     EXPECT_EQ(decode({'l', IAC, '\xf7', IAC, '\xf8', IAC, '\xf2'}), "");
 }
 
+// An option, "is" and a name: one byte more is not even a bad name.
 TEST_F(Telnet, subnegotiation_of_more_than_64_bytes_is_left_out)
 {
     open();
     decode(command(WILL, TTYPE));
+    EXPECT_EQ(answer_to(type_is(std::string(63, 'x'))), "");
+    EXPECT_EQ(answer_to(type_is(std::string(62, 'x'))), ASK_TYPE);
     EXPECT_EQ(answer_to(type_is("vt" + std::string(5000, 'x'))), "");
     EXPECT_FALSE(state.type_settled);
     EXPECT_EQ(decode("a"), "a");
